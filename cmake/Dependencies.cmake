@@ -1,0 +1,3 @@
+set(THREADS_PREFER_PTHREAD_FLAG ON)
+find_package(Threads REQUIRED)
+find_package(ZLIB REQUIRED)

@@ -1,0 +1,10 @@
+#!/usr/bin/env bash
+# Runs every benchmark of a build folder. Usage: bench.sh BUILD_DIR [extra Google Benchmark flags]
+set -euo pipefail
+build=${1:-build}
+shift || true
+for bench in "$build"/bench/bench_*; do
+  [ -x "$bench" ] || continue
+  printf '\n== %s\n' "$(basename "$bench")"
+  "$bench" --benchmark_counters_tabular=true "$@"
+done

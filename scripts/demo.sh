@@ -1,0 +1,20 @@
+#!/usr/bin/env bash
+# Runs the example host on the built-in sample and shows what came out. Usage: demo.sh BUILD_DIR OUT_DIR
+set -euo pipefail
+build=${1:-build}
+out=${2:-demo-out}
+pcprep="$build/tools/pcprep"
+
+step() { printf '\n== %s\n' "$*"; }
+
+rm -rf "$out"
+step "pcprep sample $out"
+"$pcprep" sample "$out"
+step "pcprep compress $out/sample-room.pnt"
+"$pcprep" compress "$out/sample-room.pnt"
+step "pcprep info $out/sample-room.pnt"
+"$pcprep" info "$out/sample-room.pnt"
+step "pcprep info $out/sample-room.pnz --points 3"
+"$pcprep" info "$out/sample-room.pnz" --points 3
+step "files in $out"
+ls -l "$out"
