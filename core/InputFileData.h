@@ -1,0 +1,29 @@
+#pragma once
+
+#include <string>
+
+#include "core/ColorMode.h"
+#include "core/Export.h"
+
+namespace pc_preprocess
+{
+
+// One input of a run with the caller's settings for it. The last three strings are the settings of the PTS
+// reader: column format, delimiters and the prefix of lines to skip.
+class PCP_API InputFileData
+{
+public:
+    std::wstring path;
+    double scale;
+    std::string columnFormat;
+    ColorMode colorMode;  // 0, 0 lets the run detect the colours
+    std::string delimiters;
+    std::string skipPrefix;
+
+    // Throws when the path is no existing regular file, then when the scale is not positive.
+    InputFileData(const std::wstring& path, double scale, const std::string& columnFormat = {},
+                  const ColorMode& colorMode = {}, const std::string& delimiters = {},
+                  const std::string& skipPrefix = {});
+};
+
+}  // namespace pc_preprocess
