@@ -1,0 +1,33 @@
+#pragma once
+
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace pcprep
+{
+
+using Arguments = std::vector<std::string>;
+
+// One sub-command of the tool: its name, a one-line summary for the overview, the full usage text, and what
+// it does. `run` returns the process exit code; it throws UsageError for wrong arguments and anything else
+// for a failure of the job.
+struct Command
+{
+    const char* name;
+    const char* summary;
+    const char* usage;
+    int (*run)(const Arguments& arguments);
+};
+
+struct UsageError : std::runtime_error
+{
+    using std::runtime_error::runtime_error;
+};
+
+int runInfo(const Arguments& arguments);
+int runSample(const Arguments& arguments);
+int runCompress(const Arguments& arguments);
+int runDecompress(const Arguments& arguments);
+
+}  // namespace pcprep

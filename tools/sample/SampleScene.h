@@ -1,0 +1,38 @@
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "geom/Point3d.h"
+#include "geom/Vector3d.h"
+
+namespace pcp_sample
+{
+
+// One return of the simulated scanner: where the ray hit, what the surface looks like there.
+struct SampleHit
+{
+    geom::Point3d position;
+    geom::Vector3d normal;  // unit, facing the scanner's side of the surface
+    uint16_t r = 0;         // colour on the 16-bit scale
+    uint16_t g = 0;
+    uint16_t b = 0;
+    uint16_t intensity = 0;  // 16-bit scale, falling with distance
+    uint8_t classification = 0;
+    double distance = 0.0;  // from the scanner, in metres
+};
+
+// A panorama grid of rays: columns sweep the full circle, rows go from straight down to straight up, each ray
+// taken at the centre of its cell.
+struct ScanGrid
+{
+    int rows = 200;
+    int columns = 250;
+};
+
+// The built-in sample: a furnished room of 6 x 4 x 3 metres with its floor corner at the origin, scanned by a
+// terrestrial scanner standing at `scanner`. Every ray hits something, the room being closed. `jitter` adds
+// a deterministic range noise of that many metres, as a real scanner has.
+std::vector<SampleHit> scanRoom(const geom::Point3d& scanner, const ScanGrid& grid, double jitter = 0.002);
+
+}  // namespace pcp_sample
