@@ -1,3 +1,5 @@
 set(THREADS_PREFER_PTHREAD_FLAG ON)
 find_package(Threads REQUIRED)
 find_package(ZLIB REQUIRED)
+find_package(PROJ REQUIRED CONFIG)
+find_package(jsoncpp CONFIG REQUIRED)

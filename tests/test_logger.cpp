@@ -16,22 +16,17 @@
 #include "core/StringConversion.h"
 #include "services/IntervalWriter.h"
 #include "services/Logger.h"
+#include "support/FileText.h"
 #include "support/TempFolder.h"
 
 using namespace pc_preprocess;
+
+using pcp_test::readText;
 
 namespace
 {
 
 const std::string kEmptyBar = "        [" + std::string(50, ' ') + "]";
-
-std::string readFile(const std::wstring& path)
-{
-    std::ifstream in(toPath(path), std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
 
 void writeFile(const std::wstring& path, const std::string& text)
 {
@@ -95,7 +90,7 @@ TEST(Logger, BannerMessageAndProgressLines)
     const std::wstring log = folder.file(L"run.log");
     writeFile(log, "earlier run\n");
     Logger logger(log, false, false);
-    EXPECT_EQ(readFile(folder.file(L"run.pct")), "0");
+    EXPECT_EQ(readText(folder.file(L"run.pct")), "0");
 
     logger.message("hello");
     logger.startProgress("reading");
@@ -106,7 +101,7 @@ TEST(Logger, BannerMessageAndProgressLines)
     logger.increaseStep("Read");
     logger.setCacheFolder(toWide(folder.path()));
 
-    const auto text = lines(readFile(log));
+    const auto text = lines(readText(log));
     ASSERT_EQ(text.size(), 11u);
     const std::string stars(std::string("Start : ").size() + 24 + 8, '*');
     EXPECT_EQ(text[0], stars);
@@ -127,8 +122,8 @@ TEST(Logger, BannerMessageAndProgressLines)
     for (const char* step : {"Split Root", "Split Rest", "Merge", "Finish", "Done"})
         logger.increaseStep(step);
     logger.message("x\ny");
-    EXPECT_TRUE(readFile(log).ends_with("\nx\ny\n"));
-    EXPECT_EQ(readFile(log).find("earlier run"), std::string::npos);
+    EXPECT_TRUE(readText(log).ends_with("\nx\ny\n"));
+    EXPECT_EQ(readText(log).find("earlier run"), std::string::npos);
 }
 
 TEST(Logger, StepPlansAndPercentageArithmetic)
@@ -147,7 +142,7 @@ TEST(Logger, StepPlansAndPercentageArithmetic)
         {
             EXPECT_TRUE(logger.running());
             logger.increaseStep("step");
-            EXPECT_EQ(readFile(pct), total);
+            EXPECT_EQ(readText(pct), total);
         }
         EXPECT_FALSE(logger.running());
         EXPECT_THAT([&] { logger.increaseStep("beyond"); },
@@ -157,20 +152,20 @@ TEST(Logger, StepPlansAndPercentageArithmetic)
     Logger logger(folder.file(L"run.log"), false, false);
     logger.increaseStep("Read");  // worth 16, starting at 1
     logger.updateProgress(50);
-    EXPECT_EQ(readFile(pct), "9");
+    EXPECT_EQ(readText(pct), "9");
     writeFile(pct, "untouched");
     logger.updateProgress(50);
-    EXPECT_EQ(readFile(pct), "untouched");
+    EXPECT_EQ(readText(pct), "untouched");
     logger.updateProgress(99);
-    EXPECT_EQ(readFile(pct), "16");
+    EXPECT_EQ(readText(pct), "16");
     logger.updateProgress(100);
-    EXPECT_EQ(readFile(pct), "17");
+    EXPECT_EQ(readText(pct), "17");
     EXPECT_THAT([&] { logger.updateProgress(101); }, throwsText("Logger: percentage out of bound.\n"));
     EXPECT_THAT([&] { logger.updateProgress(99); },
                 throwsText("Logger: updateJobs may not decrease percentage.\n"));
     logger.startProgress("again");
     EXPECT_THAT([&] { logger.updateProgress(10); }, throwsText("Logger: Total percentage may not decrease."));
-    EXPECT_EQ(readFile(pct), "17");
+    EXPECT_EQ(readText(pct), "17");
 }
 
 TEST(Logger, ErrorsAreHeldUntilOutputAndFailOutranksCancel)
@@ -182,23 +177,23 @@ TEST(Logger, ErrorsAreHeldUntilOutputAndFailOutranksCancel)
         logger.error("x");
         logger.message("y");
         logger.cancel();
-        EXPECT_EQ(readFile(folder.file(L"run.pct")), "FAIL");
+        EXPECT_EQ(readText(folder.file(L"run.pct")), "FAIL");
         EXPECT_TRUE(logger.errorHasOccurred());
         EXPECT_FALSE(logger.running());
-        EXPECT_EQ(lines(readFile(log)).size(), 3u);  // the banner alone
+        EXPECT_EQ(lines(readText(log)).size(), 3u);  // the banner alone
 
         EXPECT_TRUE(logger.outputErrors("extra"));
-        const std::string flushed = readFile(log);
+        const std::string flushed = readText(log);
         EXPECT_TRUE(
             flushed.ends_with("\nAfter ERROR flag was raised:\nx\nPreprocessing cancelled.\n\nextra\n"));
         EXPECT_TRUE(logger.outputErrors(""));
-        EXPECT_EQ(readFile(log), flushed);
+        EXPECT_EQ(readText(log), flushed);
         EXPECT_TRUE(logger.errorHasOccurred());
     }
     Logger logger(log, true, true);
     logger.cancel();
-    EXPECT_EQ(readFile(folder.file(L"run.pct")), "CANCEL");
-    EXPECT_TRUE(readFile(log).ends_with("*\nPreprocessing cancelled.\n"));
+    EXPECT_EQ(readText(folder.file(L"run.pct")), "CANCEL");
+    EXPECT_TRUE(readText(log).ends_with("*\nPreprocessing cancelled.\n"));
     EXPECT_FALSE(logger.errorHasOccurred());
 }
 
@@ -214,10 +209,10 @@ TEST(Logger, LifetimeDecidesTheFinalWord)
             for (const char* step : {"Read", "Split Root", "Split Rest", "Merge", "Last work"})
                 logger.increaseStep(step);
             logger.updateProgress(percent);
-            EXPECT_EQ(readFile(pct), std::to_string(percent));
+            EXPECT_EQ(readText(pct), std::to_string(percent));
         }
-        EXPECT_EQ(readFile(pct), percent == 100 ? "100" : "CANCEL");
-        EXPECT_EQ(readFile(log).ends_with("Preprocessing cancelled.\n"), percent != 100);
+        EXPECT_EQ(readText(pct), percent == 100 ? "100" : "CANCEL");
+        EXPECT_EQ(readText(log).ends_with("Preprocessing cancelled.\n"), percent != 100);
     }
 
     const std::wstring missing = folder.file(L"missing");
@@ -243,7 +238,7 @@ TEST(Logger, FailedWritesRaiseTheErrorFlag)
     EXPECT_FALSE(logger.outputErrors(""));
     std::filesystem::remove(toPath(log));
     EXPECT_TRUE(logger.outputErrors(""));
-    EXPECT_EQ(readFile(log), "After ERROR flag was raised:\n" + heldWriteError + "\n");
+    EXPECT_EQ(readText(log), "After ERROR flag was raised:\n" + heldWriteError + "\n");
 
     // A full disk: the open succeeds, the flush fails.
     std::filesystem::remove(toPath(log));
@@ -251,10 +246,10 @@ TEST(Logger, FailedWritesRaiseTheErrorFlag)
     Logger full(log, false, false);
     EXPECT_TRUE(full.errorHasOccurred());
     full.error("boom");
-    EXPECT_EQ(readFile(folder.file(L"run.pct")), "FAIL");
+    EXPECT_EQ(readText(folder.file(L"run.pct")), "FAIL");
     std::filesystem::remove(toPath(log));
     EXPECT_TRUE(full.outputErrors(""));
-    EXPECT_EQ(readFile(log), "After ERROR flag was raised:\n" + heldWriteError + "boom\n\n");
+    EXPECT_EQ(readText(log), "After ERROR flag was raised:\n" + heldWriteError + "boom\n\n");
 }
 
 TEST(Logger, ConcurrentWritersKeepBothFilesWhole)
@@ -276,7 +271,7 @@ TEST(Logger, ConcurrentWritersKeepBothFilesWhole)
             bool sawFail = false;
             while (writing)
             {
-                const std::string token = readFile(folder.file(L"run.pct"));
+                const std::string token = readText(folder.file(L"run.pct"));
                 const bool number = isPercentToken(token);
                 ++tokensRead;
                 if ((!number && token != "FAIL") || (sawFail && token != "FAIL") ||
@@ -317,8 +312,8 @@ TEST(Logger, ConcurrentWritersKeepBothFilesWhole)
 
     EXPECT_GT(tokensRead, 0u);
     EXPECT_EQ(badReads, std::vector<std::string>{});
-    EXPECT_EQ(readFile(folder.file(L"run.pct")), "FAIL");
-    const std::string text = readFile(log);
+    EXPECT_EQ(readText(folder.file(L"run.pct")), "FAIL");
+    const std::string text = readText(log);
     for (int t = 0; t < kThreads; ++t)
         for (int i = 0; i < kLines; ++i)
         {
@@ -341,7 +336,7 @@ TEST(IntervalWriter, RepeatsProgressAfterSilenceAndStopsWhenDestroyed)
     logger->startProgress("reading");
     {
         IntervalWriter writer(logger, std::chrono::milliseconds(5));
-        EXPECT_TRUE(eventually([&] { return count(readFile(log), "Status reading\n") >= 3; }));
+        EXPECT_TRUE(eventually([&] { return count(readText(log), "Status reading\n") >= 3; }));
     }
     // Stopping before the thread ever waits must not be lost, or the join would last the whole interval.
     for (int i = 0; i < 20; ++i)
@@ -357,7 +352,7 @@ TEST(IntervalWriter, RepeatsProgressAfterSilenceAndStopsWhenDestroyed)
         EXPECT_TRUE(eventually([&] { return logger->errorHasOccurred(); }));
     }
     EXPECT_TRUE(logger->outputErrors(""));
-    EXPECT_NE(readFile(log).find("Progress writer: filesystem error: space"), std::string::npos);
+    EXPECT_NE(readText(log).find("Progress writer: filesystem error: space"), std::string::npos);
 }
 
 TEST(IntervalWriter, WriteAtIntervalsEndsOnNotifyWithoutWriting)
@@ -380,9 +375,9 @@ TEST(IntervalWriter, WriteAtIntervalsEndsOnNotifyWithoutWriting)
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     thread.join();
-    EXPECT_EQ(readFile(log).find("Status"), std::string::npos);
+    EXPECT_EQ(readText(log).find("Status"), std::string::npos);
 
     logger->cancel();
     writeAtIntervals(logger, wake);  // returns at once: the run is over
-    EXPECT_EQ(readFile(log).find("Status"), std::string::npos);
+    EXPECT_EQ(readText(log).find("Status"), std::string::npos);
 }

@@ -1,0 +1,89 @@
+#include "cachefiles/JsonSideFile.h"
+
+#include <json/reader.h>
+#include <json/writer.h>
+
+#include <memory>
+#include <span>
+#include <stdexcept>
+#include <system_error>
+
+#include "cachefiles/FileDescriptor.h"
+#include "cachefiles/FileWriter.h"
+#include "cachefiles/MappedFile.h"
+#include "core/StringConversion.h"
+#include "core/StringPathConvertor.h"
+
+namespace pc_preprocess
+{
+
+namespace
+{
+
+// Far above any real side file (a scan position takes some hundred bytes), and a bound on what the parser
+// allocates for a file that is not one.
+constexpr size_t kMaxJsonFileSize = size_t(64) << 20;
+
+}  // namespace
+
+void requireJsonFileExtension(const std::wstring& path, const std::string& extension)
+{
+    if (toPath(path).extension().string() != extension)
+        throw std::runtime_error("Expected *" + extension + " filename; received " + ws2s(path) + "\n");
+}
+
+std::filesystem::path requireExistingParentFolder(const std::wstring& path)
+{
+    std::filesystem::path folder = toPath(path).parent_path();
+    if (folder.empty())
+        folder = ".";
+    const StringPathConvertor convertor(toWide(folder));
+    if (convertor.convertedInputPath().empty())
+        throw std::runtime_error("Cannot convert path " + folder.string());
+    return folder;
+}
+
+void writeCompactJson(const Json::Value& root, const std::wstring& path, const std::string& writer)
+{
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "";  // also drops the blanks around ':'
+    builder["emitUTF8"] = true;   // names as UTF-8 rather than \u escapes
+    const std::string text = Json::writeString(builder, root);
+    try
+    {
+        writeWholeFile(toPath(path), std::span(reinterpret_cast<const uint8_t*>(text.data()), text.size()));
+    }
+    catch (const FileError&)
+    {
+        throw std::runtime_error(writer + " : Could not (fully) write " + ws2s(path) + "\nDisk full?");
+    }
+}
+
+Json::Value readJsonFile(const std::wstring& path, const std::string& reader)
+{
+    MappedFile file;
+    try
+    {
+        file = MappedFile::openReadOnly(toPath(path));
+    }
+    catch (const FileError& e)
+    {
+        throw std::runtime_error(reader + " : Could not read " + ws2s(path) + " (" + e.what() + ")");
+    }
+    const std::span<const uint8_t> bytes = file.bytes();
+    if (bytes.size() > kMaxJsonFileSize)
+        throw std::runtime_error(reader + " : " + ws2s(path) +
+                                 " is not a JSON file: " + std::to_string(bytes.size()) + " bytes");
+    Json::CharReaderBuilder builder;
+    builder["collectComments"] = false;
+    builder["failIfExtra"] = true;
+    const std::unique_ptr<Json::CharReader> parser(builder.newCharReader());
+    const char* begin = reinterpret_cast<const char*>(bytes.data());
+    Json::Value root;
+    std::string errors;
+    if (!parser->parse(begin, begin + bytes.size(), &root, &errors))
+        throw std::runtime_error(reader + " : " + ws2s(path) + " is not a JSON file: " + errors);
+    return root;
+}
+
+}  // namespace pc_preprocess
