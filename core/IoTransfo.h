@@ -1,6 +1,8 @@
 #pragma once
 
 #include <array>
+#include <cmath>
+#include <cstdint>
 #include <limits>
 
 namespace pc_preprocess
@@ -32,6 +34,41 @@ struct Discretization
     std::array<double, 12> matrix{};
     bool isIdentity = false;  // raw integers are the cache's integers and pass unchanged
     bool isDiagonal = false;  // the linear part has no off-diagonal terms
+
+    Discretization() = default;
+    // From the cache's transfo and a scan's map from raw coordinates to the world: `linear` holds 9 doubles,
+    // column-major (row r is linear[r], linear[r + 3], linear[r + 6]), `translation` 3. Throws for a transfo
+    // that is not settled.
+    Discretization(const IoTransfo& transfo, const double* linear, const double* translation);
+
+    // The cache integers of a raw position, rounded half away from zero; false when an axis leaves the
+    // 32-bit range (or is not a number), and then the point is untouched.
+    bool apply(double x, double y, double z, int32_t& ix, int32_t& iy, int32_t& iz) const
+    {
+        double v[3];
+        if (isIdentity)
+        {
+            v[0] = x;
+            v[1] = y;
+            v[2] = z;
+        }
+        else
+            for (int r = 0; r < 3; ++r)
+                v[r] = matrix[4 * r] * x + matrix[4 * r + 1] * y + matrix[4 * r + 2] * z + matrix[4 * r + 3];
+        int32_t out[3];
+        for (int r = 0; r < 3; ++r)
+        {
+            const double rounded = std::round(v[r]);
+            // Written so that a NaN fails the test too.
+            if (!(rounded >= -2147483648.0 && rounded <= 2147483647.0))
+                return false;
+            out[r] = static_cast<int32_t>(rounded);
+        }
+        ix = out[0];
+        iy = out[1];
+        iz = out[2];
+        return true;
+    }
 };
 
 }  // namespace pc_preprocess

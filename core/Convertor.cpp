@@ -1,0 +1,330 @@
+#include "core/Convertor.h"
+
+#include <proj.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
+#include <system_error>
+
+#include "cachefiles/MetaFile.h"
+#include "cachefiles/SerializedPoints.h"
+#include "core/NodePaths.h"
+#include "core/StringConversion.h"
+
+namespace pc_preprocess
+{
+
+namespace
+{
+
+constexpr const char* kCartesianWgs84 = "proj=cart +ellps=WGS84";
+
+std::wstring paddedNumber(size_t number)
+{
+    wchar_t text[32];
+    std::swprintf(text, sizeof text / sizeof text[0], L"%04zu", number);
+    return text;
+}
+
+std::wstring joined(const std::wstring& folder, const std::wstring& name)
+{
+    return toWide(toPath(folder) / toPath(name));
+}
+
+void requireFolder(const std::wstring& folder)
+{
+    std::error_code error;
+    if (!std::filesystem::is_directory(toPath(folder), error))
+        throw std::runtime_error("CONVERTOR error: " + ws2s(folder) + " is not an existing folder.");
+}
+
+// The three files of one scan, opened for writing; the side files only where the scan has them.
+struct ScanStreams
+{
+    std::wstring pntPath;
+    std::wstring classPath;
+    std::wstring normalPath;
+    std::ofstream pnt;
+    std::ofstream classes;
+    std::ofstream normals;
+
+    ScanStreams(const std::wstring& pntFile, bool withClasses, bool withNormals)
+        : pntPath(pntFile), classPath(getClassPathFromPnt(pntFile)), normalPath(getNormalPathFromPnt(pntFile))
+    {
+        const auto mode = std::ios::binary | std::ios::trunc | std::ios::out;
+        pnt.open(toPath(pntPath), mode);
+        if (withClasses)
+            classes.open(toPath(classPath), mode);
+        if (withNormals)
+            normals.open(toPath(normalPath), mode);
+        requireHealthy();
+    }
+
+    // A stream in a failed state is a write that did not (fully) reach the disk.
+    void requireHealthy() const
+    {
+        const std::pair<const std::ofstream*, const std::wstring*> streams[] = {
+            {&pnt, &pntPath}, {&classes, &classPath}, {&normals, &normalPath}};
+        for (const auto& [stream, path] : streams)
+            if (stream->fail())
+                throw std::runtime_error("Convertor::run : Could not (fully) write " + ws2s(*path) +
+                                         "\nDisk full?");
+    }
+
+    void close()
+    {
+        for (std::ofstream* stream : {&pnt, &classes, &normals})
+            if (stream->is_open())
+                stream->close();
+        requireHealthy();
+    }
+};
+
+}  // namespace
+
+Convertor::Convertor(const std::wstring& path, double scale, const ColorMode& colorModeInit)
+    : m_path(path), m_scale(scale), m_colorModeInit(colorModeInit)
+{
+    std::error_code error;
+    const std::filesystem::path file = toPath(path);
+    if (!std::filesystem::is_regular_file(file, error))
+        throw std::runtime_error("CONVERTOR error: " + ws2s(path) + " is not an existing file.");
+    m_fileSize = std::filesystem::file_size(file);
+    if (!(scale > 0.0))
+        throw std::runtime_error("CONVERTOR error: scale should be positive.");
+    m_matrix = {scale, 0.0, 0.0, 0.0, scale, 0.0, 0.0, 0.0, scale};
+}
+
+Convertor::~Convertor()
+{
+    cleanUpProj();
+}
+
+std::wstring Convertor::getBubblesFolder(const std::wstring& cacheFolder)
+{
+    return joined(cacheFolder, L"Bubbles");
+}
+
+std::wstring Convertor::getPointFolder(const std::wstring& cacheFolder)
+{
+    return joined(cacheFolder, L"Data");
+}
+
+std::wstring Convertor::baseNameForScanId(const std::wstring& input, const size_t& scan)
+{
+    return toWide(toPath(input).stem()) + L"-" + paddedNumber(scan);
+}
+
+std::wstring Convertor::baseNameForScanIdImageId(const std::wstring& input, const size_t& scan, size_t image)
+{
+    return baseNameForScanId(input, scan) + L"_image-" + paddedNumber(image);
+}
+
+std::array<double, 3> Convertor::imageScanPosition(size_t /*scan*/, size_t /*image*/)
+{
+    return m_translation;
+}
+
+void Convertor::updateScanView2DImages(std::shared_ptr<ScanView> /*view*/,
+                                       const std::array<double, 3>& /*position*/,
+                                       const IoTransfo& /*transfo*/, size_t /*scan*/, size_t /*image*/)
+{
+}
+
+ProbeResult Convertor::probe(double scale, const std::function<bool()>& cancel)
+{
+    m_colorRange.reset();
+    std::vector<IoLightPoint> batch;
+    batch.reserve(kBatchSize);
+    openGroup();
+    const uint64_t limit = probeSize();
+
+    // The probe discretises to a step of one unit around the origin: enough to find the first point.
+    IoTransfo local;
+    local.offset = {0.0, 0.0, 0.0};
+    local.scale = {1.0, 1.0, 1.0};
+
+    ProbeResult result;
+    bool settled = false;
+    uint64_t seen = 0;
+    for (size_t scan = 0; seen < limit && canOpenScan(scan); ++scan)
+    {
+        if (!isCurrentScanValid())
+        {
+            closeScan();
+            continue;
+        }
+        result.hasScanViews = result.hasScanViews || hasScanViews();
+        result.hasClasses = result.hasClasses || hasClasses();
+        result.hasNormals = result.hasNormals || hasNormals();
+
+        const Discretization discretization(local, m_matrix.data(), m_translation.data());
+        m_extents.reset();
+        while (remainScanData() && seen < limit)
+        {
+            if (cancel && cancel())
+                throw std::runtime_error("Probe: preprocessing was cancelled.");
+            processBatch(batch, discretization, true);
+            if (!settled && !batch.empty())
+            {
+                settleTransfo(result, batch.front(), scale);
+                settled = true;
+            }
+            seen += batch.size();
+        }
+        closeScan();
+    }
+    closeGroup();
+
+    if (!settled)
+        m_warnings.push_back(L"Probe could not find any points in input data");
+    result.colorMode = getColorModeData();
+    result.regions = getRegions();
+    return result;
+}
+
+void Convertor::settleTransfo(ProbeResult& result, const IoLightPoint& first, double scale) const
+{
+    if (isLazs())
+    {
+        // The file's own grid becomes the cache's: its integers then pass unchanged.
+        result.transfo.scale = {m_matrix[0], m_matrix[4], m_matrix[8]};
+        result.transfo.offset = m_translation;
+        return;
+    }
+    // The cache is centred on the first point, rounded to one unit.
+    result.transfo.scale = {scale, scale, scale};
+    result.transfo.offset = {double(first.x), double(first.y), double(first.z)};
+}
+
+void Convertor::run(const std::wstring& cacheFolder, const IoTransfo& transfo, bool makeViews,
+                    const std::function<void(double)>& progress, const std::function<bool()>& cancel)
+{
+    m_cacheFolder = cacheFolder;
+    requireFolder(getPointFolder(cacheFolder));
+    openGroup();
+    if (makeViews)
+    {
+        requireFolder(getBubblesFolder(cacheFolder));
+        closeGroup();
+        throw std::runtime_error("CONVERTOR error: panoramas were asked for " + ws2s(m_path) +
+                                 ", but this build has no scan view support.");
+    }
+    m_colorRange.reset();
+    std::vector<IoLightPoint> batch;
+    batch.reserve(kBatchSize);
+
+    for (size_t scan = 0; canOpenScan(scan); ++scan)
+    {
+        if (cancel && cancel())
+        {
+            closeGroup();
+            throw std::runtime_error("Cancelled.");
+        }
+        if (!isCurrentScanValid() || !remainScanData())
+            continue;
+        reportProgress(progress);
+        convertScan(scan, transfo, batch, progress, cancel);
+    }
+    closeGroup();
+}
+
+void Convertor::convertScan(size_t scan, const IoTransfo& transfo, std::vector<IoLightPoint>& batch,
+                            const std::function<void(double)>& progress, const std::function<bool()>& cancel)
+{
+    if (numImagesForScan(scan) > 0)
+        throw std::runtime_error("CONVERTOR error: " + ws2s(m_path) + " holds images for scan " +
+                                 std::to_string(scan) + ", but this build has no scan view support.");
+
+    const std::wstring pointFolder = getPointFolder(m_cacheFolder);
+    const std::wstring base = baseNameForScanId(m_path, scan);
+    const std::wstring pntFile = joined(pointFolder, base + L"-temp.pnt");
+    const std::wstring metaFile = joined(pointFolder, base + L"-temp.meta");
+
+    const Discretization discretization(transfo, m_matrix.data(), m_translation.data());
+    m_extents.reset();
+    ScanStreams streams(pntFile, hasClasses(), hasNormals());
+    SerializedPoints::writeHeader(streams.pnt, transfo);
+    SerializedPoints buffers(hasClasses(), hasNormals());
+
+    bool cancelled = false;
+    while (remainScanData())
+    {
+        processBatch(batch, discretization, false);
+        if (cancel && cancel())
+        {
+            cancelled = true;
+            break;
+        }
+        reportProgress(progress);
+        if (batch.empty() || isLgsx())
+            continue;
+        buffers.add(batch);
+        buffers.flush(streams.pnt, streams.classes, streams.normals);
+        streams.requireHealthy();
+    }
+
+    // Without a panorama the meta file carries the marks of "no view".
+    MetaData meta;
+    meta.extents = m_extents;
+    meta.numPoints = nrPointsThisScan();
+    meta.validTandSize = validTandSize();
+    writeMetaFile(metaFile, meta);
+
+    ScanFiles files;
+    files.pntFile = pntFile;
+    files.metaFile = metaFile;
+    m_scanFiles.push_back(files);
+    closeScan();
+    streams.close();
+    if (cancelled || (cancel && cancel()))
+    {
+        closeGroup();
+        throw std::runtime_error("Cancelled.");
+    }
+}
+
+void Convertor::reportProgress(const std::function<void(double)>& progress) const
+{
+    if (!progress)
+        return;
+    const int64_t total = workTotal();
+    const double fraction = total > 0 ? double(workDone()) / double(total) : 0.0;
+    progress(std::clamp(fraction, 0.0, 1.0));
+}
+
+void Convertor::initializeProj()
+{
+    if (m_wkt.empty())
+        return;
+    cleanUpProj();
+    m_projContext = proj_context_create();
+    if (m_projContext == nullptr)
+        throw std::runtime_error("PROJ cannot create context.\n");
+    // PROJ reports to stderr by default; a library inside a host keeps quiet and reports through exceptions.
+    proj_log_level(m_projContext, PJ_LOG_NONE);
+    const std::string conversion = "\n" + m_wkt + "\n    to\n" + kCartesianWgs84;
+    m_proj = proj_create_crs_to_crs(m_projContext, m_wkt.c_str(), kCartesianWgs84, nullptr);
+    if (m_proj == nullptr)
+        throw std::runtime_error("PROJ cannot create conversion: " + conversion);
+    PJ* normalized = proj_normalize_for_visualization(m_projContext, m_proj);
+    if (normalized == nullptr)
+        throw std::runtime_error("PROJ cannot normalize conversion: " + conversion);
+    proj_destroy(m_proj);
+    m_proj = normalized;
+}
+
+void Convertor::cleanUpProj()
+{
+    if (m_proj != nullptr)
+        proj_destroy(m_proj);
+    if (m_projContext != nullptr)
+        proj_context_destroy(m_projContext);
+    m_proj = nullptr;
+    m_projContext = nullptr;
+}
+
+}  // namespace pc_preprocess
