@@ -1,5 +1,7 @@
 #include "core/FileFormat.h"
 
+#include <iterator>
+
 #include "core/StringConversion.h"
 
 namespace pc_preprocess
@@ -34,6 +36,13 @@ EFileFormat fileFormat(const std::wstring& path)
         if (extension == row.extension)
             return row.format;
     return kFormatUnknown;
+}
+
+const char* formatName(EFileFormat format)
+{
+    static const char* const kNames[] = {"unknown", "LAS",  "LAZ", "PTX", "PTS",  "E57", "RCP",
+                                         "HSPC",    "RDBX", "RSP", "ZFS", "LGSX", "VRM", "VRP"};
+    return format < std::size(kNames) ? kNames[format] : "unknown";
 }
 
 geom::UnitsValue getFileUnits(const std::wstring& path)

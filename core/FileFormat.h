@@ -31,6 +31,9 @@ enum EFileFormat : uint8_t
 // Compares the extension with the known ones, ignoring case.
 PCP_API EFileFormat fileFormat(const std::wstring& path);
 
+// The short name of a format for messages: "LAS", "E57", "unknown".
+PCP_API const char* formatName(EFileFormat format);
+
 // Metres for the formats whose coordinates are metres by definition, undefined for all others.
 PCP_API geom::UnitsValue getFileUnits(const std::wstring& path);
 

@@ -1,0 +1,55 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "cachefiles/CacheFiles.h"
+#include "core/ColorMode.h"
+#include "core/Export.h"
+#include "core/InputFileData.h"
+#include "core/IoTransfo.h"
+#include "core/ScanFiles.h"
+#include "core/SupportedAttributes.h"
+
+namespace pc_preprocess
+{
+
+class Logger;
+
+// The host's entry to a preprocessing run.
+class PCP_API LibAccessor
+{
+public:
+    // Turns the inputs into a finished cache in cacheFolder: key file, probe, conversion on worker threads,
+    // VRP and RGN, the tree, the key file's size. Returns the converted scans (whose files a tree build has
+    // consumed). Every failure and cancel cleans the folder down to the log and ends in one runtime_error;
+    // nothing returns before every thread of the run is joined. The run is cancelled by creating a file named
+    // "cancel" in cacheFolder. With convertOnly the run stops after the VRP and RGN, and the per-scan files
+    // remain.
+    std::vector<ScanFiles> runFull(const std::wstring& cacheFolder, const std::vector<InputFileData>& inputs,
+                                   const CacheFiles& cacheFiles, const std::wstring& keyName, double scale,
+                                   unsigned int threads, bool noPanoramaStyle, bool hspcOnly,
+                                   bool computeNormals, std::shared_ptr<Logger> logger, bool convertOnly);
+
+    // Converts the inputs on up to `threads` workers, largest file first, into per-scan files of the point
+    // folder. Failures are held in the logger: the caller checks errorHasOccurred.
+    std::tuple<std::vector<ScanFiles>, SupportedAttributes> convertFilesThreaded(
+        const std::wstring& cacheFolder, const std::vector<InputFileData>& inputs, const IoTransfo& transfo,
+        const ColorMode& colorMode, uint64_t threads, bool makeViews, std::shared_ptr<Logger> logger,
+        const std::function<bool()>& cancelPredicate) const;
+
+private:
+    std::string m_wkt;
+};
+
+// Converts one input without threads or logger; throws when the colour mode measured differs from the one
+// the input declares.
+PCP_API std::tuple<std::vector<ScanFiles>, SupportedAttributes> convert(const InputFileData& input,
+                                                                        const std::wstring& cacheFolder,
+                                                                        const IoTransfo& transfo,
+                                                                        bool makeViews);
+
+}  // namespace pc_preprocess

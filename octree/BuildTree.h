@@ -1,0 +1,28 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "cachefiles/CacheFiles.h"
+#include "core/Export.h"
+#include "core/IoTransfo.h"
+#include "core/ScanFiles.h"
+#include "core/SupportedAttributes.h"
+#include "geom/UnitsValue.h"
+
+namespace pc_preprocess
+{
+
+class Logger;
+
+// Turns the per-scan point files of a run into the cache proper: an octree of node files with its VRM, or
+// with hspcOnly an HSPC data set. The scans' files are consumed and deleted on the way.
+PCP_API void buildTree(const std::vector<ScanFiles>& scans, const std::wstring& cacheFolder,
+                       const CacheFiles& cacheFiles, const IoTransfo& transfo,
+                       SupportedAttributes& attributes, uint64_t threads, std::shared_ptr<Logger> logger,
+                       bool noPanoramaStyle, bool hspcOnly, bool computeNormals, const std::string& wkt,
+                       geom::UnitsValue units, const std::function<bool()>& cancelPredicate);
+
+}  // namespace pc_preprocess

@@ -1,0 +1,409 @@
+// Whole runs through the host's entry: what a finished convert-only cache holds, and how failures, cancels,
+// full disks and the watchdog end a run with only the log left.
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cmath>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <thread>
+
+#include "cachefiles/BubbleJson.h"
+#include "cachefiles/CacheFiles.h"
+#include "cachefiles/KeyFile.h"
+#include "cachefiles/MetaFile.h"
+#include "cachefiles/PntFiles.h"
+#include "core/LibAccessor.h"
+#include "core/StringConversion.h"
+#include "services/Logger.h"
+#include "services/PreprocessGuard.h"
+#include "support/ErrorText.h"
+#include "support/FileText.h"
+#include "support/PtsSamples.h"
+#include "support/TempFolder.h"
+
+using namespace pc_preprocess;
+using pcp_test::errorText;
+namespace fs = std::filesystem;
+
+using pcp_test::entriesOf;
+using pcp_test::readText;
+
+namespace
+{
+
+constexpr double kStep = 0.001;
+
+// A cache folder of its own inside the test's temporary folder, with the logger a host would own.
+struct Cache
+{
+    explicit Cache(const pcp_test::TempFolder& temp)
+        : folder(temp.path() / "cäche-缓存"),
+          wideFolder(toWide(folder)),
+          files(wideFolder, L"cache", false, false)
+    {
+        fs::create_directory(folder);
+        logger = std::make_shared<Logger>(files.getLogFile(), false, false);
+    }
+
+    std::vector<ScanFiles> run(const std::vector<InputFileData>& inputs, unsigned threads = 2,
+                               bool convertOnly = true)
+    {
+        return LibAccessor().runFull(wideFolder, inputs, files, L"my cäche", kStep, threads, false, false,
+                                     false, logger, convertOnly);
+    }
+
+    std::string log() const { return readText(toPath(files.getLogFile())); }
+    // What the host reads once its logger is gone.
+    std::string finalPercentage()
+    {
+        logger.reset();
+        return readText(folder / "cache.pct");
+    }
+
+    fs::path folder;
+    std::wstring wideFolder;
+    CacheFiles files;
+    std::shared_ptr<Logger> logger;
+};
+
+// Many small inputs, so that a run on one thread is still reading when something interrupts it. All have the
+// same size, so the worker takes the last one first: "<prefix>-299-0000-temp.pnt" is the first scan file.
+std::vector<InputFileData> manySmallInputs(const pcp_test::TempFolder& temp, const std::wstring& prefix)
+{
+    std::vector<InputFileData> inputs;
+    for (int i = 0; i < 300; ++i)
+    {
+        const std::wstring input = temp.file(prefix + L"-" + std::to_wstring(i) + L".pts");
+        pcp_test::writePtsFile(input, 3000, {}, uint64_t(i) * 3000);
+        inputs.emplace_back(input, 1.0);
+    }
+    return inputs;
+}
+
+IoLightPoint expectedPoint(const pcp_test::PtsSample& s, const IoTransfo& transfo)
+{
+    IoLightPoint p;
+    p.x = int32_t(std::lround((s.x - transfo.offset[0]) / kStep));
+    p.y = int32_t(std::lround((s.y - transfo.offset[1]) / kStep));
+    p.z = int32_t(std::lround((s.z - transfo.offset[2]) / kStep));
+    return p;
+}
+
+}  // namespace
+
+TEST(Run, ConvertOnlyRunKeepsEveryValidPointOfEveryInput)
+{
+    pcp_test::TempFolder temp;
+    Cache cache(temp);
+    pcp_test::PtsFileLayout noColour;
+    noColour.colour = false;
+    noColour.malformedEvery = 1000;
+    pcp_test::PtsFileLayout plain;
+    plain.countLine = false;
+
+    // The first input decides the transfo and the colour modes: 8-bit intensity and colour.
+    const std::wstring first = temp.file(L"rüum-1.pts");
+    const std::wstring second = temp.file(L"房间-2.pts");
+    const std::wstring third = temp.file(L"room-3.xyz");  // unknown extension: read as PTS
+    const auto samples1 = pcp_test::writePtsFile(first, 70000);
+    const auto samples2 = pcp_test::writePtsFile(second, 20000, noColour, 70000);
+    const auto samples3 = pcp_test::writePtsFile(third, 5000, plain, 90000);
+
+    const std::vector<ScanFiles> scans =
+        cache.run({InputFileData(first, 1.0), InputFileData(second, 1.0), InputFileData(third, 1.0)});
+    ASSERT_EQ(scans.size(), 3u);
+
+    // Workers take the largest file first, but each scan keeps its input's name.
+    std::map<std::string, const std::vector<pcp_test::PtsSample>*> expected = {
+        {"rüum-1-0000-temp.pnt", &samples1},
+        {"房间-2-0000-temp.pnt", &samples2},
+        {"room-3-0000-temp.pnt", &samples3}};
+    IoTransfo cacheTransfo;
+    for (const ScanFiles& scan : scans)
+    {
+        const std::string name = toPath(scan.pntFile).filename().string();
+        ASSERT_TRUE(expected.count(name)) << name;
+        const auto& samples = *expected[name];
+        IoTransfo transfo;
+        std::vector<IoLightPoint> points;
+        readPNT(scan.pntFile, transfo, points);
+        ASSERT_EQ(points.size(), samples.size()) << name;
+        cacheTransfo = transfo;
+        const MetaData meta = readMetaFile(scan.metaFile);
+        for (size_t i = 0; i < points.size(); ++i)
+        {
+            const IoLightPoint want = expectedPoint(samples[i], transfo);
+            ASSERT_EQ(points[i].x, want.x) << name << " point " << i;
+            ASSERT_EQ(points[i].y, want.y) << name << " point " << i;
+            ASSERT_EQ(points[i].z, want.z) << name << " point " << i;
+            ASSERT_EQ(points[i].intensity, samples[i].intensity * 256) << name << " point " << i;
+            if (name != "房间-2-0000-temp.pnt")
+            {
+                ASSERT_EQ(points[i].r, samples[i].r << 8) << name << " point " << i;
+            }
+            ASSERT_TRUE(meta.extents.contains(points[i])) << name << " point " << i;
+        }
+        EXPECT_EQ(meta.viewWidth, MetaData::kNoViewWidth);
+    }
+    // The cache is centred on the first point of the first input, rounded to whole units.
+    EXPECT_EQ(cacheTransfo.scale[0], kStep);
+    EXPECT_EQ(cacheTransfo.offset[0], std::round(samples1[0].x));
+    EXPECT_EQ(cacheTransfo.offset[2], std::round(samples1[0].z));
+
+    const KeyFileContent key = readKeyFile(cache.files.getKeyFile());
+    EXPECT_EQ(key.name, L"my cäche");
+    EXPECT_TRUE(key.complete());
+    EXPECT_EQ(readBubbleJson(cache.files.getVrpFile()).staticScans.size(), 3u);
+    EXPECT_TRUE(fs::is_directory(cache.folder / "Bubbles"));
+    // Reading is the second step of the plan, worth 16 after the first 1.
+    EXPECT_EQ(readText(cache.folder / "cache.pct"), "17");
+    const std::string log = cache.log();
+    EXPECT_NE(log.find("Running with 2 threads."), std::string::npos);
+    EXPECT_NE(log.find("Started reading (convertFilesThreaded)"), std::string::npos);
+    // The second file has no colour: it cannot match the 8-bit colour the run decided on.
+    EXPECT_NE(log.find("has color/intensity mismatch"), std::string::npos);
+}
+
+TEST(Run, ArgumentErrorsComeBeforeAnyWork)
+{
+    pcp_test::TempFolder temp;
+    const std::wstring input = temp.file(L"a.pts");
+    pcp_test::writePtsFile(input, 10);
+    auto logger = std::make_shared<Logger>(temp.file(L"run.log"), false, false);
+
+    const std::wstring missing = temp.file(L"nöt-there");
+    const CacheFiles missingFiles(missing, L"cache", false, false);
+    // The key file comes first, and in a missing folder it cannot be written.
+    EXPECT_EQ(errorText(
+                  [&]
+                  {
+                      LibAccessor().runFull(missing, {InputFileData(input, 1.0)}, missingFiles, L"k", kStep,
+                                            1, false, false, false, logger, true);
+                  }),
+              "writeKeyFile : Could not open ofstream to " + ws2s(missingFiles.getKeyFile()));
+
+    const std::wstring folder = toWide(temp.path());
+    const CacheFiles files(folder, L"cache", false, false);
+    EXPECT_EQ(
+        errorText(
+            [&]
+            { LibAccessor().runFull(folder, {}, files, L"k", kStep, 1, false, false, false, logger, true); }),
+        "runFull ERROR: no files are provided.\n");
+    EXPECT_FALSE(readKeyFile(files.getKeyFile()).complete());
+}
+
+TEST(Run, FailuresLeaveOnlyTheLog)
+{
+    pcp_test::TempFolder temp;
+    {
+        // The first input is no PTS at all; the second decides the run, then the first fails in reading.
+        Cache cache(temp);
+        const std::wstring broken = temp.file(L"binary.pts");
+        std::ofstream(toPath(broken), std::ios::binary) << std::string("\x00\x01\x02\xff\xfe", 5);
+        const std::wstring good = temp.file(L"good.pts");
+        pcp_test::writePtsFile(good, 1000);
+        EXPECT_EQ(errorText(
+                      [&] {
+                          cache.run({InputFileData(broken, 1.0), InputFileData(good, 1.0)});
+                      }),
+                  "Preprocessing failed: see " + ws2s(cache.files.getLogFile()));
+        EXPECT_EQ(entriesOf(cache.folder), std::set<std::string>{"cache.log"});
+        const std::string log = cache.log();
+        EXPECT_NE(log.find("ERROR probe :"), std::string::npos);
+        EXPECT_NE(log.find("ERROR reading " + ws2s(broken)), std::string::npos);
+        EXPECT_NE(log.find("Disk capacity  = "), std::string::npos);
+        EXPECT_EQ(cache.finalPercentage(), "FAIL");
+    }
+    fs::remove_all(temp.path() / "cäche-缓存");
+    {
+        // Lines that parse as no point at all: nothing can place the cache.
+        Cache cache(temp);
+        const std::wstring empty = temp.file(L"words.pts");
+        std::ofstream(toPath(empty)) << "x y z\nno points here\n";
+        EXPECT_EQ(errorText([&] { cache.run({InputFileData(empty, 1.0)}); }),
+                  "ERROR: no valid points in input file(s)");
+        EXPECT_EQ(entriesOf(cache.folder), std::set<std::string>{"cache.log"});
+    }
+}
+
+TEST(Run, CancelFileEndsTheRunWithOnlyTheLog)
+{
+    pcp_test::TempFolder temp;
+    {
+        // A cancel file present from the start ends the run right after the first probe.
+        Cache cache(temp);
+        const std::wstring input = temp.file(L"a.pts");
+        pcp_test::writePtsFile(input, 100);
+        std::ofstream(cache.folder / "cancel").flush();
+        EXPECT_EQ(errorText([&] { cache.run({InputFileData(input, 1.0)}); }), "Preprocessing cancelled.");
+        EXPECT_EQ(entriesOf(cache.folder), std::set<std::string>{"cache.log"});
+        EXPECT_EQ(cache.finalPercentage(), "CANCEL");
+    }
+    fs::remove_all(temp.path() / "cäche-缓存");
+    {
+        // Cancelled while the workers read: many files, so that the run is still reading when the cancel
+        // file appears right after the first scan file.
+        Cache cache(temp);
+        const std::vector<InputFileData> inputs = manySmallInputs(temp, L"part");
+        std::atomic<bool> stop = false;
+        std::thread canceller(
+            [&]
+            {
+                while (!stop && !fs::exists(cache.folder / "Data" / "part-299-0000-temp.pnt"))
+                    std::this_thread::sleep_for(std::chrono::microseconds(200));
+                std::ofstream(cache.folder / "cancel").flush();
+            });
+        const std::string outcome = errorText([&] { cache.run(inputs, 1); });
+        stop = true;
+        canceller.join();
+        EXPECT_EQ(outcome, "Preprocessing cancelled by user.");
+        EXPECT_EQ(entriesOf(cache.folder), std::set<std::string>{"cache.log"});
+        EXPECT_EQ(cache.log().find("ERROR reading"), std::string::npos);
+        EXPECT_EQ(cache.finalPercentage(), "CANCEL");
+    }
+}
+
+TEST(Run, ThreadedConversionTakesLargestFirstAndStopsQuietlyAtCancel)
+{
+    pcp_test::TempFolder temp;
+    Cache cache(temp);
+    fs::create_directory(cache.folder / "Data");
+    std::vector<InputFileData> inputs;
+    for (uint64_t count : {300, 900, 600})
+    {
+        const std::wstring input = temp.file(L"n" + std::to_wstring(count) + L".pts");
+        pcp_test::writePtsFile(input, count);
+        inputs.emplace_back(input, 1.0);
+    }
+    IoTransfo transfo;
+    transfo.offset = {100.0, 200.0, 10.0};
+    transfo.scale = {kStep, kStep, kStep};
+    const ColorMode mode(kRgb8Bit, kIntensity8Bit);
+
+    const auto [scans, attributes] = LibAccessor().convertFilesThreaded(cache.wideFolder, inputs, transfo,
+                                                                        mode, 1, false, cache.logger, {});
+    ASSERT_EQ(scans.size(), 3u);
+    EXPECT_EQ(toPath(scans[0].pntFile).filename().string(), "n900-0000-temp.pnt");
+    EXPECT_EQ(toPath(scans[1].pntFile).filename().string(), "n600-0000-temp.pnt");
+    EXPECT_EQ(toPath(scans[2].pntFile).filename().string(), "n300-0000-temp.pnt");
+    EXPECT_TRUE(attributes.color && attributes.intensity && attributes.radius && attributes.scanId);
+    EXPECT_FALSE(attributes.normals || attributes.classification);
+
+    // A cancel that comes while the first file is read stops the workers without an error.
+    int calls = 0;
+    const auto [cancelledScans, unused] = LibAccessor().convertFilesThreaded(
+        cache.wideFolder, inputs, transfo, mode, 1, false, cache.logger, [&] { return ++calls > 2; });
+    EXPECT_TRUE(cancelledScans.empty());
+    EXPECT_FALSE(cache.logger->errorHasOccurred());
+}
+
+TEST(Run, FullDiskEndsInFailWithOnlyTheLog)
+{
+    pcp_test::TempFolder temp;
+    const std::wstring input = temp.file(L"big.pts");
+    pcp_test::writePtsFile(input, 20000);
+    const fs::path folder = temp.path() / "cäche-缓存";
+    fs::create_directory(folder);
+
+    // The child's writes stop at 64 KB, as on a disk that fills: each write beyond fails with EFBIG.
+    const pid_t child = fork();
+    ASSERT_NE(child, -1);
+    if (child == 0)
+    {
+        std::signal(SIGXFSZ, SIG_IGN);
+        const rlimit limit{64 * 1024, 64 * 1024};
+        setrlimit(RLIMIT_FSIZE, &limit);
+        int code = 1;
+        {
+            const std::wstring wideFolder = toWide(folder);
+            const CacheFiles files(wideFolder, L"cache", false, false);
+            auto logger = std::make_shared<Logger>(files.getLogFile(), false, false);
+            const std::string outcome = errorText(
+                [&]
+                {
+                    LibAccessor().runFull(wideFolder, {InputFileData(input, 1.0)}, files, L"k", kStep, 1,
+                                          false, false, false, logger, true);
+                });
+            code = outcome == "Preprocessing failed: see " + ws2s(files.getLogFile()) ? 0 : 1;
+        }
+        _exit(code);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status)) << "the run died of signal " << WTERMSIG(status);
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    EXPECT_EQ(entriesOf(folder), (std::set<std::string>{"cache.log", "cache.pct"}));
+    const std::string log = readText(folder / "cache.log");
+    EXPECT_NE(log.find("Convertor::run : Could not (fully) write "), std::string::npos) << log;
+    EXPECT_NE(log.find("\nDisk full?"), std::string::npos);
+    EXPECT_EQ(readText(folder / "cache.pct"), "FAIL");
+}
+
+namespace
+{
+
+// Disk figures that fall from plenty to nearly nothing over the polls.
+class FillingDisk : public PreprocessGuard
+{
+public:
+    using PreprocessGuard::PreprocessGuard;
+    diskSpaceInfo getDiskSpaceInfo() override
+    {
+        constexpr uint64_t kGiB = uint64_t(1) << 30;
+        const uint64_t available[] = {500 * kGiB, 15 * kGiB, 1 * kGiB};
+        const int poll = std::min(m_polls++, 2);
+        return {1000 * kGiB, available[poll]};
+    }
+
+private:
+    int m_polls = 0;
+};
+
+}  // namespace
+
+TEST(Run, WatchdogWarnsThenCancelsTheRun)
+{
+    pcp_test::TempFolder temp;
+    Cache cache(temp);
+    const std::vector<InputFileData> inputs = manySmallInputs(temp, L"w");
+    PreprocessGuardParams params;
+    params.cacheFolder = cache.wideFolder;
+    params.finishedFile = temp.file(L"finished");
+    params.warningGB = 20;
+    params.warningFraction = 0.1;
+    params.alertGB = 2;
+    params.alertFraction = 0.01;
+    params.intervalMs = 1;
+    FillingDisk guard(params);
+    std::vector<std::wstring> warnings;
+    guard.memoryWarningCallBack([&](const std::wstring& report) { warnings.push_back(report); });
+
+    // The guard waits for the first scan file, so that it strikes while the run reads.
+    std::thread watcher(
+        [&]
+        {
+            while (!fs::exists(cache.folder / "Data" / "w-299-0000-temp.pnt") &&
+                   !fs::exists(toPath(params.finishedFile)))
+                std::this_thread::sleep_for(std::chrono::microseconds(200));
+            guard.run(cache.logger);
+        });
+    const std::string outcome = errorText([&] { cache.run(inputs, 1); });
+    std::ofstream(toPath(params.finishedFile)).flush();
+    watcher.join();
+
+    EXPECT_EQ(guard.state(), PreprocessGuard::kCancelledForDisk);
+    EXPECT_EQ(warnings.size(), 1u);
+    EXPECT_EQ(outcome, "Preprocessing failed: see " + ws2s(cache.files.getLogFile()));
+    EXPECT_EQ(entriesOf(cache.folder), std::set<std::string>{"cache.log"});
+    const std::string log = cache.log();
+    EXPECT_NE(log.find("WARNING: available disk space lower than"), std::string::npos);
+    EXPECT_NE(log.find("ALERT: available disk space lower than"), std::string::npos);
+    EXPECT_EQ(cache.finalPercentage(), "FAIL");
+}
