@@ -10,11 +10,13 @@ step() { printf '\n== %s\n' "$*"; }
 rm -rf "$out"
 step "pcprep sample $out"
 "$pcprep" sample "$out"
+
+step "pcprep run --cache $out/cache --convert-only $out/pts/*.pts"
+"$pcprep" run --cache "$out/cache" --convert-only "$out"/pts/*.pts
+step "pcprep info $out/cache"
+"$pcprep" info "$out/cache"
+
 step "pcprep compress $out/sample-room.pnt"
 "$pcprep" compress "$out/sample-room.pnt"
-step "pcprep info $out/sample-room.pnt"
-"$pcprep" info "$out/sample-room.pnt"
 step "pcprep info $out/sample-room.pnz --points 3"
 "$pcprep" info "$out/sample-room.pnz" --points 3
-step "files in $out"
-ls -l "$out"

@@ -39,6 +39,12 @@ void ParsedArguments::expectPositional(size_t count, const char* what) const
         throw UsageError(std::string("expected ") + what);
 }
 
+std::string ParsedArguments::text(const std::string& option, const std::string& fallback) const
+{
+    const auto found = m_options.find(option);
+    return found == m_options.end() ? fallback : found->second;
+}
+
 uint64_t ParsedArguments::number(const std::string& option, uint64_t fallback) const
 {
     const auto found = m_options.find(option);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <filesystem>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -26,6 +27,9 @@ struct UsageError : std::runtime_error
 };
 
 int runInfo(const Arguments& arguments);
+int runRun(const Arguments& arguments);
+// The part of `info` that describes a cache folder.
+int describeCacheFolder(const std::filesystem::path& folder);
 int runSample(const Arguments& arguments);
 int runCompress(const Arguments& arguments);
 int runDecompress(const Arguments& arguments);

@@ -72,10 +72,12 @@ int runInfo(const Arguments& arguments)
     const ParsedArguments parsed(arguments, {{"--points", true}});
     parsed.expectPositional(1, "one FILE");
     const std::filesystem::path file(parsed.positional()[0]);
+    if (std::filesystem::is_directory(file))
+        return describeCacheFolder(file);
     const std::wstring wide = pc_preprocess::toWide(file);
     const bool compressed = file.extension() == ".pnz";
     if (!compressed && file.extension() != ".pnt")
-        throw UsageError("expected a node file (.pnt or .pnz), not " + file.string());
+        throw UsageError("expected a cache folder or a node file (.pnt or .pnz), not " + file.string());
 
     if (!std::filesystem::is_regular_file(file))
         throw std::runtime_error(file.string() + " is no existing file");

@@ -1,8 +1,11 @@
-// pcprep sample: the built-in sample as a node file with both side files.
+// pcprep sample: the built-in sample, a furnished room scanned by simulation: a node file with both side
+// files, and a PTS project of several scans.
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <stdexcept>
 
 #include "cachefiles/SerializedPoints.h"
@@ -11,6 +14,7 @@
 #include "core/StringConversion.h"
 #include "pcprep/ArgumentParser.h"
 #include "pcprep/Command.h"
+#include "sample/PtsWriter.h"
 #include "sample/SampleScene.h"
 
 namespace pcprep
@@ -61,15 +65,9 @@ void requireWritten(const std::ofstream& stream, const std::wstring& path)
         throw std::runtime_error("could not write " + pc_preprocess::ws2s(path));
 }
 
-}  // namespace
-
-int runSample(const Arguments& arguments)
+// The node file with both side files, as a finished leaf of a cache holds them.
+void writeSampleNode(const std::filesystem::path& folder)
 {
-    const ParsedArguments parsed(arguments, {});
-    parsed.expectPositional(1, "one FOLDER");
-    const std::filesystem::path folder(parsed.positional()[0]);
-    std::filesystem::create_directories(folder);
-
     const std::wstring pnt = pc_preprocess::toWide(folder / "sample-room.pnt");
     const std::wstring classes = pc_preprocess::getClassPathFromPnt(pnt);
     const std::wstring normals = pc_preprocess::getNormalPathFromPnt(pnt);
@@ -90,12 +88,50 @@ int runSample(const Arguments& arguments)
     requireWritten(classStream, classes);
     requireWritten(normalStream, normals);
 
-    std::printf("Wrote the sample room, %zu points scanned from (2.2, 1.2, 1.5), to %s (%s)\n", hits.size(),
-                pc_preprocess::ws2s(pnt).c_str(),
+    std::printf("node file   %s: %zu points with class and normal side files (%s)\n",
+                pc_preprocess::ws2s(pnt).c_str(), hits.size(),
                 pc_preprocess::getFileSizePrettyString(std::filesystem::file_size(pc_preprocess::toPath(pnt)))
                     .c_str());
-    std::printf("with the side files %s and %s\n", pc_preprocess::ws2s(classes).c_str(),
-                pc_preprocess::ws2s(normals).c_str());
+}
+
+// A PTS project of the same room: one scan per scanner position, the last without colour when there are
+// several, as projects that mix scanners have.
+void writeSampleProject(const std::filesystem::path& folder, uint64_t points, uint64_t scans)
+{
+    static const geom::Point3d kScanners[] = {
+        {1.5, 1.2, 1.6}, {4.5, 2.8, 1.5}, {3.0, 0.8, 1.4}, {0.8, 3.2, 1.7}, {5.2, 2.0, 1.3}};
+    std::filesystem::create_directories(folder);
+    for (uint64_t scan = 0; scan < scans; ++scan)
+    {
+        // Rows from pole to pole, twice as many columns around: a panorama of the asked size.
+        const uint64_t perScan = std::max<uint64_t>(points / scans, 2);
+        const int rows = std::max(1, int(std::sqrt(double(perScan) / 2.0)));
+        const int columns = int(perScan / uint64_t(rows));
+        const auto hits = pcp_sample::scanRoom(kScanners[scan % std::size(kScanners)], {rows, columns});
+        const bool withColour = scans == 1 || scan + 1 < scans;
+        const std::string path = (folder / ("room-scan-" + std::to_string(scan + 1) + ".pts")).string();
+        const uint64_t bytes = pcp_sample::writePtsScan(path, hits, withColour);
+        std::printf("PTS scan    %s: %zu points, %s (%s)\n", path.c_str(), hits.size(),
+                    withColour ? "XYZIRGB" : "XYZI, no colour",
+                    pc_preprocess::getFileSizePrettyString(bytes).c_str());
+    }
+}
+
+}  // namespace
+
+int runSample(const Arguments& arguments)
+{
+    const ParsedArguments parsed(arguments, {{"--points", true}, {"--scans", true}, {"--pts-only", false}});
+    parsed.expectPositional(1, "one FOLDER");
+    const uint64_t points = parsed.number("--points", 300000);
+    const uint64_t scans = parsed.number("--scans", 3);
+    if (scans == 0 || scans > 5 || points == 0)
+        throw UsageError("--scans takes 1 to 5 and --points at least 1");
+    const std::filesystem::path folder(parsed.positional()[0]);
+    std::filesystem::create_directories(folder);
+    if (!parsed.has("--pts-only"))
+        writeSampleNode(folder);
+    writeSampleProject(folder / "pts", points, scans);
     return 0;
 }
 

@@ -13,21 +13,67 @@ namespace
 using pcprep::Command;
 
 const Command kCommands[] = {
-    {"info", "describe a node file (.pnt or .pnz)",
-     "Usage: pcprep info FILE [--points N]\n"
+    {"run", "preprocess scan files into a cache, with progress, cancel and disk watchdog",
+     "Usage: pcprep run --cache DIR [OPTIONS] INPUT...\n"
      "\n"
-     "Prints what a node file holds: its transform, the point count, the integer and the real box, the "
-     "ranges of\n"
-     "colour, intensity and scan index, and which side files (classes, normals) lie beside it.\n"
+     "Turns the INPUT files into a cache in DIR (created if missing), as a host application does: the log\n"
+     "DIR/NAME.log, the progress file DIR/NAME.pct polled for the bar, the disk watchdog beside the run, "
+     "and\n"
+     "Ctrl-C turned into the cancel file DIR/cancel. A failed or cancelled run leaves only the log in DIR.\n"
+     "Inputs: PTS files (.pts, and text files of any other unknown extension).\n"
      "\n"
-     "  --points N   also list the first N points with all their fields\n",
+     "  --name NAME             base name of the cache files in DIR (default: cache)\n"
+     "  --scale S               the cache's coordinate step, in the cache's units (default: 0.001)\n"
+     "  --input-scale F         one unit of the inputs in the cache's units, e.g. 0.001 for millimetre\n"
+     "                          files in a metre cache (default: 1); E57 files are metres whatever this "
+     "says\n"
+     "  --threads N             worker threads (default: all hardware threads)\n"
+     "  --convert-only          stop after the per-scan point files, meta files and VRP: no tree\n"
+     "  --no-panorama-style     never thin the tree by scanner distance\n"
+     "  --hspc                  build an HSPC data set instead of an octree\n"
+     "  --normals               compute normals where the input has none (HSPC)\n"
+     "  --columns FORMAT        PTS columns, letters X Y Z I R G B and '.' to skip one (default: detect)\n"
+     "  --delimiter D           PTS column delimiter (default: white space)\n"
+     "  --skip-prefix P         in files of unknown extension, ignore each line from P on\n"
+     "  --rgb-mode MODE         kRgbNone, kRgb16Bit, kRgb8Bit, kRgbBlack or kRgbFromIntensity\n"
+     "                          (default: detected from the data)\n"
+     "  --intensity-mode MODE   kIntensityNone, kIntensityUnit, kIntensity8Bit, kIntensity16Bit or\n"
+     "                          kIntensitySigned (default: detected from the data)\n"
+     "  --warn-gb N             watchdog: warn below N GiB free ... (default: 10)\n"
+     "  --warn-fraction F       ... or below this share of the disk, whichever is smaller (default: 0.05)\n"
+     "  --alert-gb N            watchdog: cancel below N GiB free ... (default: 2)\n"
+     "  --alert-fraction F      ... or below this share of the disk, whichever is smaller (default: 0.01)\n"
+     "  --guard-interval MS     watchdog: pause between looks at the disk (default: 1000)\n"
+     "\n"
+     "Exit status: 0 success, 1 failure (the log says why), 2 wrong arguments, 130 cancelled.\n",
+     pcprep::runRun},
+    {"info", "describe a cache folder or a node file (.pnt or .pnz)",
+     "Usage: pcprep info DIR\n"
+     "       pcprep info FILE [--points N]\n"
+     "\n"
+     "For a cache folder: its kind, whether it is complete (from the key file), its size, the progress "
+     "file's\n"
+     "last word, the scans of its VRP and what its point folder holds.\n"
+     "For a node file: its transform, the point count, the integer and the real box, the ranges of colour,\n"
+     "intensity and scan index, and which side files (classes, normals) lie beside it.\n"
+     "\n"
+     "  --points N   also list the first N points of a node file with all their fields\n",
      pcprep::runInfo},
-    {"sample", "write the built-in sample into a folder",
-     "Usage: pcprep sample FOLDER\n"
+    {"sample", "write the built-in sample (a node file and a PTS project) into a folder",
+     "Usage: pcprep sample FOLDER [--points N] [--scans K] [--pts-only]\n"
      "\n"
-     "Writes the built-in sample: a terrestrial scan of a furnished room, simulated, as the node file\n"
-     "FOLDER/sample-room.pnt (50000 points, millimetre grid) with its class and normal side files.\n"
-     "The folder is created if it is missing; an existing sample in it is replaced.\n",
+     "Writes the built-in sample, a simulated terrestrial survey of a furnished room:\n"
+     "  FOLDER/sample-room.pnt      a node file of 50000 points (millimetre grid) with its class and normal\n"
+     "                              side files\n"
+     "  FOLDER/pts/room-scan-K.pts  one PTS file per scanner position, \"x y z intensity r g b\" with the\n"
+     "                              intensity from -2048 to 2047 and 8-bit colour; with several scans the "
+     "last\n"
+     "                              has no colour\n"
+     "The folder is created if it is missing; an earlier sample in it is replaced.\n"
+     "\n"
+     "  --points N   points of the PTS project, all scans together (default: 300000)\n"
+     "  --scans K    scanner positions, 1 to 5 (default: 3)\n"
+     "  --pts-only   write only the PTS project\n",
      pcprep::runSample},
     {"compress", "write the compressed twin (.pnz) of a node file",
      "Usage: pcprep compress NODE.pnt [--replace]\n"

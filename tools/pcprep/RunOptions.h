@@ -1,0 +1,42 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "core/ColorMode.h"
+#include "pcprep/Command.h"
+
+namespace pcprep
+{
+
+// Everything `pcprep run` was asked for.
+struct RunOptions
+{
+    std::string cacheFolder;
+    std::string name = "cache";
+    double scale = 0.001;     // the cache's coordinate step
+    double inputScale = 1.0;  // one input unit in the cache's units
+    unsigned threads = 0;     // 0: all hardware threads
+    bool convertOnly = false;
+    bool noPanoramaStyle = false;
+    bool hspc = false;
+    bool normals = false;
+    std::string columns;
+    std::string delimiter;
+    std::string skipPrefix;
+    pc_preprocess::ColorMode colorMode;
+    // The disk watchdog: warn below the smaller of warnGB and warnFraction of the disk, cancel below the
+    // smaller of alertGB and alertFraction.
+    uint64_t warnGB = 10;
+    double warnFraction = 0.05;
+    uint64_t alertGB = 2;
+    double alertFraction = 0.01;
+    uint64_t guardIntervalMs = 1000;
+    std::vector<std::string> inputs;
+};
+
+// Throws UsageError for anything it cannot take.
+RunOptions parseRunOptions(const Arguments& arguments);
+
+}  // namespace pcprep
