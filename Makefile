@@ -42,7 +42,7 @@ fuzz:
 	@./scripts/install-deps.sh --fuzz
 	@CC=clang-14 CXX=clang++-14 $(CONFIGURE) -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DPCP_BUILD_FUZZ=ON \
 		-DPCP_BUILD_TESTS=OFF -DPCP_BUILD_BENCH=OFF > /dev/null
-	cmake --build build-fuzz -j $(JOBS)
+	cmake --build build-fuzz -j $(JOBS) --target fuzzers
 
 install: build
 	cmake --install build
