@@ -30,8 +30,35 @@ void writeSideFile(const std::wstring& path, const std::vector<uint8_t>& bytes)
 
 void SerializedPoints::add(const std::vector<IoLightPoint>& points)
 {
+    // A batch grows each buffer once and is then encoded in place: this is the hot path of every import.
+    const size_t count = points.size();
+    const size_t recordsAt = m_buffer.size();
+    m_buffer.resize(recordsAt + count * kPntRecordSize);
+    uint8_t* record = m_buffer.data() + recordsAt;
     for (const IoLightPoint& p : points)
-        add(p);
+    {
+        encodePntRecord(p, record);
+        record += kPntRecordSize;
+    }
+    if (m_hasClasses)
+    {
+        const size_t classesAt = m_classes.size();
+        m_classes.resize(classesAt + count);
+        for (size_t i = 0; i < count; ++i)
+            m_classes[classesAt + i] = points[i].classification;
+    }
+    if (m_hasNormals)
+    {
+        const size_t normalsAt = m_normals.size();
+        m_normals.resize(normalsAt + count * kNormalSize);
+        uint8_t* normal = m_normals.data() + normalsAt;
+        for (const IoLightPoint& p : points)
+        {
+            encodeNormal(p, normal);
+            normal += kNormalSize;
+        }
+    }
+    m_numBuffered += count;
 }
 
 void SerializedPoints::add(const IoLightPoint& point)
