@@ -3,3 +3,17 @@ find_package(Threads REQUIRED)
 find_package(ZLIB REQUIRED)
 find_package(PROJ REQUIRED CONFIG)
 find_package(jsoncpp CONFIG REQUIRED)
+find_package(GDAL REQUIRED CONFIG)
+
+# LASzip and libgeotiff ship no CMake package on Debian: imported targets from their libraries and headers.
+find_library(LASZIP_LIBRARY laszip REQUIRED)
+find_path(LASZIP_INCLUDE_DIR laszip/laszip_api.h REQUIRED)
+add_library(pcp::laszip UNKNOWN IMPORTED)
+set_target_properties(pcp::laszip PROPERTIES IMPORTED_LOCATION ${LASZIP_LIBRARY}
+                      INTERFACE_INCLUDE_DIRECTORIES ${LASZIP_INCLUDE_DIR})
+
+find_library(GEOTIFF_LIBRARY NAMES geotiff REQUIRED)
+find_path(GEOTIFF_INCLUDE_DIR geotiff.h PATH_SUFFIXES geotiff REQUIRED)
+add_library(pcp::geotiff UNKNOWN IMPORTED)
+set_target_properties(pcp::geotiff PROPERTIES IMPORTED_LOCATION ${GEOTIFF_LIBRARY}
+                      INTERFACE_INCLUDE_DIRECTORIES ${GEOTIFF_INCLUDE_DIR})
