@@ -3,6 +3,7 @@
 #include <proj.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -83,6 +84,28 @@ struct ScanStreams
     }
 };
 
+// The rotation from earth-centred axes to east, north, up at the frame's origin, column-major, and the
+// translation that puts the origin at zero.
+void localFrameMatrix(const TopoDef& frame, std::array<double, 9>& matrix, std::array<double, 3>& translation)
+{
+    constexpr double kDegree = 0.017453292519943295;
+    const double a = frame.lambda0 * kDegree;
+    const double b = frame.phi0 * kDegree;
+    const double rows[3][3] = {{-std::sin(a), std::cos(a), 0.0},
+                               {-std::sin(b) * std::cos(a), -std::sin(b) * std::sin(a), std::cos(b)},
+                               {std::cos(b) * std::cos(a), std::cos(b) * std::sin(a), std::sin(b)}};
+    const double origin[3] = {frame.x0, frame.y0, frame.z0};
+    for (int r = 0; r < 3; ++r)
+    {
+        translation[r] = 0.0;
+        for (int c = 0; c < 3; ++c)
+        {
+            matrix[r + 3 * c] = rows[r][c];
+            translation[r] -= rows[r][c] * origin[c];
+        }
+    }
+}
+
 }  // namespace
 
 Convertor::Convertor(const std::wstring& path, double scale, const ColorMode& colorModeInit)
@@ -160,6 +183,12 @@ ProbeResult Convertor::probe(double scale, const std::function<bool()>& cancel)
         result.hasScanViews = result.hasScanViews || hasScanViews();
         result.hasClasses = result.hasClasses || hasClasses();
         result.hasNormals = result.hasNormals || hasNormals();
+        // Reprojected points arrive in earth-centred metres: the probe takes them as they are.
+        if (reprojecting())
+        {
+            m_matrix = {1.0, 0.0, 0.0, 0.0, 1.0, 0.0, 0.0, 0.0, 1.0};
+            m_translation = {0.0, 0.0, 0.0};
+        }
 
         const Discretization discretization(local, m_matrix.data(), m_translation.data());
         m_extents.reset();
@@ -186,8 +215,22 @@ ProbeResult Convertor::probe(double scale, const std::function<bool()>& cancel)
     return result;
 }
 
-void Convertor::settleTransfo(ProbeResult& result, const IoLightPoint& first, double scale) const
+void Convertor::settleTransfo(ProbeResult& result, const IoLightPoint& first, double scale)
 {
+    if (reprojecting())
+    {
+        // The local frame stands on the ellipsoid below the first point, east, north and up from there.
+        result.topoDef = projectWGS84(first.x, first.y, first.z);
+        if (!result.topoDef.valid)
+            throw std::runtime_error("Convertor()::probe: m_wktReproject, but !topoDef.hasGeo.\n");
+        localFrameMatrix(result.topoDef, m_matrix, m_translation);
+        const double p[3] = {double(first.x), double(first.y), double(first.z)};
+        result.transfo.scale = {scale, scale, scale};
+        for (int r = 0; r < 3; ++r)
+            result.transfo.offset[r] = std::round(m_matrix[r] * p[0] + m_matrix[r + 3] * p[1] +
+                                                  m_matrix[r + 6] * p[2] + m_translation[r]);
+        return;
+    }
     if (isLazs())
     {
         // The file's own grid becomes the cache's: its integers then pass unchanged.
@@ -198,6 +241,11 @@ void Convertor::settleTransfo(ProbeResult& result, const IoLightPoint& first, do
     // The cache is centred on the first point, rounded to one unit.
     result.transfo.scale = {scale, scale, scale};
     result.transfo.offset = {double(first.x), double(first.y), double(first.z)};
+}
+
+bool Convertor::reprojecting() const
+{
+    return m_wktReproject && m_proj != nullptr;
 }
 
 void Convertor::run(const std::wstring& cacheFolder, const IoTransfo& transfo, bool makeViews,
@@ -244,6 +292,15 @@ void Convertor::convertScan(size_t scan, const IoTransfo& transfo, std::vector<I
     const std::wstring pntFile = joined(pointFolder, base + L"-temp.pnt");
     const std::wstring metaFile = joined(pointFolder, base + L"-temp.meta");
 
+    if (m_wktReproject && m_localFrame.valid)
+    {
+        // Every input of a run with a local frame must reach it; one left in its own coordinates would land
+        // anywhere.
+        if (!reprojecting())
+            throw std::runtime_error("CONVERTOR error: " + ws2s(m_path) +
+                                     " has no coordinate system, so it cannot join the run's local frame.");
+        localFrameMatrix(m_localFrame, m_matrix, m_translation);
+    }
     const Discretization discretization(transfo, m_matrix.data(), m_translation.data());
     m_extents.reset();
     ScanStreams streams(pntFile, hasClasses(), hasNormals());

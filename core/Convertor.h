@@ -17,6 +17,7 @@
 #include "core/ProbeResult.h"
 #include "core/ScanFiles.h"
 #include "core/SupportedAttributes.h"
+#include "scanview/TopoDef.h"
 
 // PROJ's handle types, as its header declares them; the header itself stays out of every importer.
 typedef struct pj_ctx PJ_CONTEXT;
@@ -50,6 +51,13 @@ public:
     // "Cancelled.".
     virtual void run(const std::wstring& cacheFolder, const IoTransfo& transfo, bool makeViews,
                      const std::function<void(double)>& progress, const std::function<bool()>& cancel);
+
+    // Asks for reprojection into the local frame `frame`; the probe of such an importer proposes the frame.
+    void requestLocalFrame(const TopoDef& frame)
+    {
+        m_wktReproject = true;
+        m_localFrame = frame;
+    }
 
     const std::vector<ScanFiles>& getScanFiles() const { return m_scanFiles; }
     // The measured colour mode equals the one the caller gave.
@@ -139,11 +147,18 @@ protected:
     std::array<double, 9> m_matrix{};
     std::array<double, 3> m_translation{};
     std::string m_wkt;
+    // Georeferenced input is to be carried through PROJ into the local east-north-up frame of m_localFrame
+    // (the probe settles that frame on the first point). Importers that cannot reproject ignore it.
+    bool m_wktReproject = false;
+    TopoDef m_localFrame;
     PJ_CONTEXT* m_projContext = nullptr;
     PJ* m_proj = nullptr;
 
 private:
-    void settleTransfo(ProbeResult& result, const IoLightPoint& first, double scale) const;
+    void settleTransfo(ProbeResult& result, const IoLightPoint& first, double scale);
+    // Reprojection asked for and possible: the importer opened a PROJ transformation for its coordinate
+    // system.
+    bool reprojecting() const;
     void convertScan(size_t scan, const IoTransfo& transfo, std::vector<IoLightPoint>& batch,
                      const std::function<void(double)>& progress, const std::function<bool()>& cancel);
     void reportProgress(const std::function<void(double)>& progress) const;

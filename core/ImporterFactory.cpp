@@ -4,6 +4,8 @@
 
 #include "core/FileFormat.h"
 #include "core/StringConversion.h"
+#include "importers/Las.h"
+#include "importers/LazImporter.h"
 #include "importers/PtsImporter.h"
 
 namespace pc_preprocess
@@ -29,9 +31,8 @@ std::shared_ptr<Convertor> ptsImporter(const InputFileData& input, bool knownExt
                              " files is available in this version of the library: " + ws2s(input.path));
 }
 
-}  // namespace
-
-std::shared_ptr<Convertor> createImporter(const InputFileData& input)
+// One row per format.
+std::shared_ptr<Convertor> importerFor(const InputFileData& input, bool reprojected)
 {
     const EFileFormat format = fileFormat(input.path);
     switch (format)
@@ -39,7 +40,14 @@ std::shared_ptr<Convertor> createImporter(const InputFileData& input)
         case kFormatPts:
             return ptsImporter(input, true);
         case kFormatLas:
+            // Only the LAZ importer carries points through PROJ; it reads plain LAS files as well.
+            if (reprojected)
+                return std::make_shared<LazImporter>(input.path, input.scale,
+                                                     ColorMode(kRgb16Bit, kIntensity16Bit));
+            return std::make_shared<Las>(input.path, input.scale, ColorMode(kRgb16Bit, kIntensity16Bit));
         case kFormatLaz:
+            return std::make_shared<LazImporter>(input.path, input.scale,
+                                                 ColorMode(kRgb16Bit, kIntensity16Bit));
         case kFormatPtx:
         case kFormatE57:
         case kFormatRcp:
@@ -55,6 +63,17 @@ std::shared_ptr<Convertor> createImporter(const InputFileData& input)
             break;
     }
     return ptsImporter(input, false);
+}
+
+}  // namespace
+
+std::shared_ptr<Convertor> createImporter(const InputFileData& input,
+                                          const std::optional<TopoDef>& localFrame)
+{
+    std::shared_ptr<Convertor> importer = importerFor(input, localFrame.has_value());
+    if (localFrame)
+        importer->requestLocalFrame(*localFrame);
+    return importer;
 }
 
 }  // namespace pc_preprocess

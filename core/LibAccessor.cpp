@@ -154,7 +154,8 @@ std::vector<ScanFiles> LibAccessor::runFull(const std::wstring& cacheFolder,
         try
         {
             logger->message(ws2s(L"Probing " + input.path));
-            importer = createImporter(InputFileData(input));
+            importer = m_localFrameAsked ? createImporter(InputFileData(input), TopoDef())
+                                         : createImporter(InputFileData(input));
             result = importer->probe(scale, cancelled);
         }
         catch (const std::exception& e)
@@ -199,6 +200,10 @@ std::vector<ScanFiles> LibAccessor::runFull(const std::wstring& cacheFolder,
     }
     if (!probe.transfo.isValid())
         endWithoutPoints(logger, cacheFolder);
+    m_localFrame = probe.topoDef;
+    if (m_localFrame.valid)
+        logger->message("Local frame: east, north, up at longitude " + std::to_string(m_localFrame.lambda0) +
+                        ", latitude " + std::to_string(m_localFrame.phi0));
 
     logger->increaseStep("Read");
     logger->message("Started reading (convertFilesThreaded)");
@@ -242,6 +247,17 @@ std::vector<ScanFiles> LibAccessor::runFull(const std::wstring& cacheFolder,
         logger->error(std::string("ERROR VRP file :\n\t") + e.what());
     }
     logger->message("Finished VRP file : Elapsed time = " + vrpClock.elapsed() + " seconds");
+    if (m_localFrame.valid)
+    {
+        try
+        {
+            writeTopoDef(toWide(toPath(cacheFolder) / kTopoDefFileName), m_localFrame);
+        }
+        catch (const std::exception& e)
+        {
+            logger->error(std::string("ERROR topocentric file :\n\t") + e.what());
+        }
+    }
     if (logger->errorHasOccurred())
         endRun(logger, cacheFolder, failedText);
 

@@ -13,6 +13,7 @@
 #include "core/IoTransfo.h"
 #include "core/ScanFiles.h"
 #include "core/SupportedAttributes.h"
+#include "scanview/TopoDef.h"
 
 namespace pc_preprocess
 {
@@ -23,6 +24,11 @@ class Logger;
 class PCP_API LibAccessor
 {
 public:
+    // Georeferenced inputs (LAS and LAZ with a coordinate system) are carried into a local east-north-up
+    // frame on the ellipsoid below the first point, which the cache keeps in its topocentric file. Off by
+    // default: the inputs' own coordinates are kept.
+    void reprojectToLocalFrame(bool enabled) { m_localFrameAsked = enabled; }
+
     // Turns the inputs into a finished cache in cacheFolder: key file, probe, conversion on worker threads,
     // VRP and RGN, the tree, the key file's size. Returns the converted scans (whose files a tree build has
     // consumed). Every failure and cancel cleans the folder down to the log and ends in one runtime_error;
@@ -43,6 +49,8 @@ public:
 
 private:
     std::string m_wkt;
+    bool m_localFrameAsked = false;
+    TopoDef m_localFrame;  // settled by the probe of a run that asks for a local frame
 };
 
 // Converts one input without threads or logger; throws when the colour mode measured differs from the one

@@ -51,14 +51,16 @@ struct ReadStage
 {
     ReadStage(const std::wstring& folder, const std::vector<InputFileData>& files,
               const IoTransfo& cacheTransfo, const ColorMode& runColorMode, bool views,
-              std::shared_ptr<Logger> runLogger, const std::function<bool()>& cancelPredicate)
+              std::shared_ptr<Logger> runLogger, const std::function<bool()>& cancelPredicate,
+              const TopoDef& frame)
         : cacheFolder(folder),
           inputs(files),
           transfo(cacheTransfo),
           colorMode(runColorMode),
           makeViews(views),
           logger(std::move(runLogger)),
-          cancel(cancelPredicate)
+          cancel(cancelPredicate),
+          localFrame(frame)
     {
     }
 
@@ -69,6 +71,7 @@ struct ReadStage
     bool makeViews;
     std::shared_ptr<Logger> logger;
     const std::function<bool()>& cancel;
+    const TopoDef localFrame;  // valid when the run carries its inputs into a local frame
 
     std::mutex mutex;
     std::vector<size_t> queue;  // ascending by size: workers take from the back
@@ -116,7 +119,9 @@ struct ReadStage
     {
         const InputFileData& input = inputs[index];
         logDeclaredModes(input);
-        const std::shared_ptr<Convertor> importer = createImporter(withRunColorMode(input, colorMode));
+        const std::shared_ptr<Convertor> importer =
+            localFrame.valid ? createImporter(withRunColorMode(input, colorMode), localFrame)
+                             : createImporter(withRunColorMode(input, colorMode));
 
         uint64_t myBytes = 0;
         const uint64_t mySize = sizes[index];
@@ -206,7 +211,8 @@ std::tuple<std::vector<ScanFiles>, SupportedAttributes> LibAccessor::convertFile
     const ColorMode& colorMode, uint64_t threads, bool makeViews, std::shared_ptr<Logger> logger,
     const std::function<bool()>& cancelPredicate) const
 {
-    ReadStage stage(cacheFolder, inputs, transfo, colorMode, makeViews, logger, cancelPredicate);
+    ReadStage stage(cacheFolder, inputs, transfo, colorMode, makeViews, logger, cancelPredicate,
+                    m_localFrame);
 
     // RCP projects go through a service that serves one caller at a time.
     const bool serial =
