@@ -11,10 +11,16 @@ rm -rf "$out"
 step "pcprep sample $out"
 "$pcprep" sample "$out"
 
-step "pcprep run --cache $out/cache --convert-only $out/pts/*.pts"
-"$pcprep" run --cache "$out/cache" --convert-only "$out"/pts/*.pts
+step "pcprep info $out/las/room-tile.las (the header, first lines)"
+"$pcprep" info "$out/las/room-tile.las" | head -n 24
+
+step "pcprep run --cache $out/cache --convert-only $out/pts/*.pts $out/las/room-tile.las"
+"$pcprep" run --cache "$out/cache" --convert-only "$out"/pts/*.pts "$out/las/room-tile.las"
 step "pcprep info $out/cache"
 "$pcprep" info "$out/cache"
+
+step "pcprep export $out/cache/Data/*-temp.pnt $out/room.laz"
+"$pcprep" export "$out"/cache/Data/*-temp.pnt "$out/room.laz"
 
 step "pcprep compress $out/sample-room.pnt"
 "$pcprep" compress "$out/sample-room.pnt"

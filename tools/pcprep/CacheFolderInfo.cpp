@@ -12,6 +12,7 @@
 #include "core/FileSizeString.h"
 #include "core/StringConversion.h"
 #include "pcprep/Command.h"
+#include "scanview/TopoDef.h"
 
 namespace pcprep
 {
@@ -142,6 +143,16 @@ int describeCacheFolder(const fs::path& folder)
     if (!entry.treeFile.empty())
         std::printf("%-13s %s\n", "Tree file", toPath(entry.treeFile).filename().string().c_str());
     printLogs(folder);
+    const fs::path frameFile = folder / pc_preprocess::kTopoDefFileName;
+    if (fs::exists(frameFile))
+    {
+        const pc_preprocess::TopoDef frame = pc_preprocess::readTopoDef(toWide(frameFile));
+        if (frame.valid)
+            std::printf("%-13s east, north, up at longitude %.9f, latitude %.9f (%s)\n", "Local frame",
+                        frame.lambda0, frame.phi0, frameFile.filename().string().c_str());
+        else
+            std::printf("%-13s %s cannot be read\n", "Local frame", frameFile.filename().string().c_str());
+    }
     printScans(entry.vrpFile);
     printPointFolder(folder / "Data");
     if (!entry.hasMembers)

@@ -28,6 +28,7 @@ struct UsageError : std::runtime_error
 
 int runInfo(const Arguments& arguments);
 int runRun(const Arguments& arguments);
+int runExport(const Arguments& arguments);
 // The part of `info` that describes a cache folder.
 int describeCacheFolder(const std::filesystem::path& folder);
 int runSample(const Arguments& arguments);

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
+#include <iostream>
 #include <map>
 #include <stdexcept>
 #include <string>
@@ -10,9 +11,11 @@
 #include "cachefiles/PntFiles.h"
 #include "cachefiles/PnzFiles.h"
 #include "core/ExtentsI32.h"
+#include "core/FileFormat.h"
 #include "core/FileSizeString.h"
 #include "core/NodePaths.h"
 #include "core/StringConversion.h"
+#include "importers/LazImporter.h"
 #include "pcprep/ArgumentParser.h"
 #include "pcprep/Command.h"
 
@@ -75,9 +78,16 @@ int runInfo(const Arguments& arguments)
     if (std::filesystem::is_directory(file))
         return describeCacheFolder(file);
     const std::wstring wide = pc_preprocess::toWide(file);
+    const pc_preprocess::EFileFormat format = pc_preprocess::fileFormat(wide);
+    if (format == pc_preprocess::kFormatLas || format == pc_preprocess::kFormatLaz)
+    {
+        pc_preprocess::laszHeader(wide, std::cout);
+        return 0;
+    }
     const bool compressed = file.extension() == ".pnz";
     if (!compressed && file.extension() != ".pnt")
-        throw UsageError("expected a cache folder or a node file (.pnt or .pnz), not " + file.string());
+        throw UsageError("expected a cache folder, a LAS or LAZ file, or a node file (.pnt or .pnz), not " +
+                         file.string());
 
     if (!std::filesystem::is_regular_file(file))
         throw std::runtime_error(file.string() + " is no existing file");

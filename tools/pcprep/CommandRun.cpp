@@ -180,6 +180,7 @@ int runRun(const Arguments& arguments)
             try
             {
                 pc_preprocess::LibAccessor accessor;
+                accessor.reprojectToLocalFrame(options.localFrame);
                 scans = accessor.runFull(folder, inputs, files, pc_preprocess::s2ws(options.name),
                                          options.scale, options.threads, options.noPanoramaStyle,
                                          options.hspc, options.normals, logger, options.convertOnly);

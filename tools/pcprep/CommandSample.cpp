@@ -14,6 +14,7 @@
 #include "core/StringConversion.h"
 #include "pcprep/ArgumentParser.h"
 #include "pcprep/Command.h"
+#include "sample/LasWriter.h"
 #include "sample/PtsWriter.h"
 #include "sample/SampleScene.h"
 
@@ -117,6 +118,20 @@ void writeSampleProject(const std::filesystem::path& folder, uint64_t points, ui
     }
 }
 
+// The same room once more as a LAS tile, from a scanner under the ceiling, as a mobile or aerial survey sees
+// a site from above.
+void writeSampleTile(const std::filesystem::path& folder)
+{
+    std::filesystem::create_directories(folder);
+    const auto hits = pcp_sample::scanRoom({3.0, 2.0, 2.8}, {220, 440});
+    const double offset[3] = {0.0, 0.0, 0.0};
+    const std::filesystem::path path = folder / "room-tile.las";
+    pcp_sample::writeLasTile(path.string(), hits, offset);
+    std::printf("LAS tile    %s: %zu points, LAS 1.2 point format 3 (%s)\n", path.string().c_str(),
+                hits.size(),
+                pc_preprocess::getFileSizePrettyString(std::filesystem::file_size(path)).c_str());
+}
+
 }  // namespace
 
 int runSample(const Arguments& arguments)
@@ -132,6 +147,8 @@ int runSample(const Arguments& arguments)
     if (!parsed.has("--pts-only"))
         writeSampleNode(folder);
     writeSampleProject(folder / "pts", points, scans);
+    if (!parsed.has("--pts-only"))
+        writeSampleTile(folder / "las");
     return 0;
 }
 

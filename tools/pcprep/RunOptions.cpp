@@ -70,6 +70,7 @@ RunOptions parseRunOptions(const Arguments& arguments)
                                              {"--no-panorama-style", false},
                                              {"--hspc", false},
                                              {"--normals", false},
+                                             {"--local-frame", false},
                                              {"--columns", true},
                                              {"--delimiter", true},
                                              {"--skip-prefix", true},
@@ -101,6 +102,7 @@ RunOptions parseRunOptions(const Arguments& arguments)
     options.noPanoramaStyle = parsed.has("--no-panorama-style");
     options.hspc = parsed.has("--hspc");
     options.normals = parsed.has("--normals");
+    options.localFrame = parsed.has("--local-frame");
     options.columns = parsed.text("--columns", "");
     options.delimiter = parsed.text("--delimiter", "");
     options.skipPrefix = parsed.text("--skip-prefix", "");

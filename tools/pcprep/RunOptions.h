@@ -22,6 +22,7 @@ struct RunOptions
     bool noPanoramaStyle = false;
     bool hspc = false;
     bool normals = false;
+    bool localFrame = false;
     std::string columns;
     std::string delimiter;
     std::string skipPrefix;

@@ -20,7 +20,7 @@ const Command kCommands[] = {
      "DIR/NAME.log, the progress file DIR/NAME.pct polled for the bar, the disk watchdog beside the run, "
      "and\n"
      "Ctrl-C turned into the cancel file DIR/cancel. A failed or cancelled run leaves only the log in DIR.\n"
-     "Inputs: PTS files (.pts, and text files of any other unknown extension).\n"
+     "Inputs: PTS files (.pts, and text files of any other unknown extension), LAS and LAZ files.\n"
      "\n"
      "  --name NAME             base name of the cache files in DIR (default: cache)\n"
      "  --scale S               the cache's coordinate step, in the cache's units (default: 0.001)\n"
@@ -32,6 +32,10 @@ const Command kCommands[] = {
      "  --no-panorama-style     never thin the tree by scanner distance\n"
      "  --hspc                  build an HSPC data set instead of an octree\n"
      "  --normals               compute normals where the input has none (HSPC)\n"
+     "  --local-frame           carry georeferenced LAS and LAZ inputs into a local east-north-up frame in\n"
+     "                          metres, on the ellipsoid below the first point; the cache keeps the frame "
+     "in\n"
+     "                          DIR/topocentric.json\n"
      "  --columns FORMAT        PTS columns, letters X Y Z I R G B and '.' to skip one (default: detect)\n"
      "  --delimiter D           PTS column delimiter (default: white space)\n"
      "  --skip-prefix P         in files of unknown extension, ignore each line from P on\n"
@@ -47,18 +51,33 @@ const Command kCommands[] = {
      "\n"
      "Exit status: 0 success, 1 failure (the log says why), 2 wrong arguments, 130 cancelled.\n",
      pcprep::runRun},
-    {"info", "describe a cache folder or a node file (.pnt or .pnz)",
+    {"info", "describe a cache folder, a LAS/LAZ file or a node file (.pnt or .pnz)",
      "Usage: pcprep info DIR\n"
+     "       pcprep info FILE.las|FILE.laz\n"
      "       pcprep info FILE [--points N]\n"
      "\n"
      "For a cache folder: its kind, whether it is complete (from the key file), its size, the progress "
      "file's\n"
      "last word, the scans of its VRP and what its point folder holds.\n"
+     "For a LAS or LAZ file: every field of its header and variable length records, and the coordinate "
+     "system\n"
+     "as WKT.\n"
      "For a node file: its transform, the point count, the integer and the real box, the ranges of colour,\n"
      "intensity and scan index, and which side files (classes, normals) lie beside it.\n"
      "\n"
      "  --points N   also list the first N points of a node file with all their fields\n",
      pcprep::runInfo},
+    {"export", "write the points of node files or scan files to a PTS or LAZ file",
+     "Usage: pcprep export SOURCE... OUT\n"
+     "\n"
+     "Writes the points of the SOURCE files (node files .pnt or .pnz, or the per-scan point files in a "
+     "cache's\n"
+     "Data folder) to OUT, a new file:\n"
+     "  OUT.pts   text, \"x y z intensity r g b\" with 9 significant digits, the count on the first line\n"
+     "  OUT.laz   LAZ 1.4, point format 7 with the normal in 4 extra bytes, on the first source's grid, so\n"
+     "            that pcprep and the library read the normals back\n"
+     "An existing OUT is never overwritten.\n",
+     pcprep::runExport},
     {"sample", "write the built-in sample (a node file and a PTS project) into a folder",
      "Usage: pcprep sample FOLDER [--points N] [--scans K] [--pts-only]\n"
      "\n"
@@ -69,6 +88,8 @@ const Command kCommands[] = {
      "                              intensity from -2048 to 2047 and 8-bit colour; with several scans the "
      "last\n"
      "                              has no colour\n"
+     "  FOLDER/las/room-tile.las    the room from a scanner under the ceiling, as a LAS 1.2 file of point\n"
+     "                              format 3 (16-bit colour, classes)\n"
      "The folder is created if it is missing; an earlier sample in it is replaced.\n"
      "\n"
      "  --points N   points of the PTS project, all scans together (default: 300000)\n"

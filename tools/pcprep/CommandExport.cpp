@@ -1,0 +1,134 @@
+// pcprep export: points of node files or per-scan point files out to a PTS or LAZ file.
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+#include <stdexcept>
+
+#include "cachefiles/PntFiles.h"
+#include "cachefiles/PnzFiles.h"
+#include "core/ExportPoint.h"
+#include "core/FileSizeString.h"
+#include "core/StringConversion.h"
+#include "exporters/LazExporter.h"
+#include "exporters/PtsExporter.h"
+#include "geom/Matrix3d.h"
+#include "pcprep/ArgumentParser.h"
+#include "pcprep/Command.h"
+
+namespace pcprep
+{
+
+namespace
+{
+
+namespace fs = std::filesystem;
+using pc_preprocess::ExportPoint;
+using pc_preprocess::IoLightPoint;
+using pc_preprocess::IoTransfo;
+
+constexpr uint64_t kBatch = 65536;
+
+ExportPoint toExportPoint(const IoLightPoint& p, const IoTransfo& t)
+{
+    ExportPoint e;
+    e.position = {p.x * t.scale[0] + t.offset[0], p.y * t.scale[1] + t.offset[1],
+                  p.z * t.scale[2] + t.offset[2]};
+    e.radius = p.radius;
+    e.classification = p.classification;
+    e.scanId = p.scanId;
+    e.r = p.r;
+    e.g = p.g;
+    e.b = p.b;
+    e.intensity = p.intensity;
+    e.normal = {p.nx, p.ny, p.nz};
+    return e;
+}
+
+// Hands out the points of the sources one batch after the other. A plain file is read a batch at a time, so
+// that a scan of any size passes through bounded memory; a compressed node is small and read whole.
+class SourceReader
+{
+public:
+    explicit SourceReader(std::vector<fs::path> sources) : m_sources(std::move(sources)) {}
+
+    // The grid of the first source: a LAZ target keeps its integers.
+    IoTransfo firstTransfo() const
+    {
+        const fs::path& first = m_sources.front();
+        if (first.extension() == ".pnt")
+            return pc_preprocess::readPntHeader(pc_preprocess::toWide(first)).transfo;
+        IoTransfo transfo;
+        std::vector<IoLightPoint> points;
+        pc_preprocess::readPNZ(pc_preprocess::toWide(first), transfo, points);
+        return transfo;
+    }
+
+    bool next(std::vector<ExportPoint>& batch)
+    {
+        batch.clear();
+        while (batch.empty() && m_current < m_sources.size())
+        {
+            const std::wstring source = pc_preprocess::toWide(m_sources[m_current]);
+            IoTransfo transfo;
+            if (m_sources[m_current].extension() == ".pnz")
+            {
+                pc_preprocess::readPNZ(source, transfo, m_points);
+                ++m_current;
+            }
+            else
+            {
+                pc_preprocess::readPartialPNT(source, m_start, kBatch, transfo, m_points);
+                m_start += m_points.size();
+                if (m_points.size() < kBatch)
+                {
+                    ++m_current;
+                    m_start = 0;
+                }
+            }
+            for (const IoLightPoint& p : m_points)
+                batch.push_back(toExportPoint(p, transfo));
+        }
+        return !batch.empty();
+    }
+
+private:
+    std::vector<fs::path> m_sources;
+    size_t m_current = 0;
+    uint64_t m_start = 0;
+    std::vector<IoLightPoint> m_points;
+};
+
+}  // namespace
+
+int runExport(const Arguments& arguments)
+{
+    const ParsedArguments parsed(arguments, {});
+    if (parsed.positional().size() < 2)
+        throw UsageError("expected SOURCE... OUT");
+    std::vector<fs::path> sources(parsed.positional().begin(), parsed.positional().end() - 1);
+    for (const fs::path& source : sources)
+        if (source.extension() != ".pnt" && source.extension() != ".pnz")
+            throw UsageError("a source must be a node file or a scan's point file (.pnt or .pnz), not " +
+                             source.string());
+    const fs::path target = parsed.positional().back();
+
+    SourceReader reader(sources);
+    std::unique_ptr<pc_preprocess::Exporter> exporter;
+    const std::wstring wideTarget = pc_preprocess::toWide(target);
+    if (target.extension() == ".laz")
+        exporter = std::make_unique<pc_preprocess::LazExporter>(wideTarget, geom::Matrix3d::identity(),
+                                                                reader.firstTransfo());
+    else if (target.extension() == ".pts")
+        exporter = std::make_unique<pc_preprocess::PtsExporter>(wideTarget, geom::Matrix3d::identity());
+    else
+        throw UsageError("OUT must end in .pts or .laz, not " + target.string());
+
+    const uint64_t written =
+        exporter->run([&reader](std::vector<ExportPoint>& batch) { return reader.next(batch); });
+    std::printf("Wrote %llu points from %zu file%s to %s (%s)\n", static_cast<unsigned long long>(written),
+                sources.size(), sources.size() == 1 ? "" : "s", target.string().c_str(),
+                pc_preprocess::getFileSizePrettyString(fs::file_size(target)).c_str());
+    return 0;
+}
+
+}  // namespace pcprep
