@@ -17,3 +17,13 @@ find_path(GEOTIFF_INCLUDE_DIR geotiff.h PATH_SUFFIXES geotiff REQUIRED)
 add_library(pcp::geotiff UNKNOWN IMPORTED)
 set_target_properties(pcp::geotiff PROPERTIES IMPORTED_LOCATION ${GEOTIFF_LIBRARY}
                       INTERFACE_INCLUDE_DIRECTORIES ${GEOTIFF_INCLUDE_DIR})
+# Debian's split OpenCV packages (core, imgproc, imgcodecs) install no CMake package; that comes only with the
+# full libopencv-dev, which the library does not need.
+find_path(OPENCV_INCLUDE_DIR opencv2/core.hpp PATH_SUFFIXES opencv4 REQUIRED)
+foreach(module core imgproc imgcodecs)
+  find_library(OPENCV_${module}_LIBRARY opencv_${module} REQUIRED)
+  add_library(pcp::opencv_${module} UNKNOWN IMPORTED)
+  set_target_properties(pcp::opencv_${module} PROPERTIES IMPORTED_LOCATION ${OPENCV_${module}_LIBRARY}
+                        INTERFACE_INCLUDE_DIRECTORIES ${OPENCV_INCLUDE_DIR})
+endforeach()
+find_package(Eigen3 REQUIRED CONFIG)
