@@ -7,6 +7,7 @@
 #include "importers/Las.h"
 #include "importers/LazImporter.h"
 #include "importers/PtsImporter.h"
+#include "importers/Ptx.h"
 
 namespace pc_preprocess
 {
@@ -49,6 +50,7 @@ std::shared_ptr<Convertor> importerFor(const InputFileData& input, bool reprojec
             return std::make_shared<LazImporter>(input.path, input.scale,
                                                  ColorMode(kRgb16Bit, kIntensity16Bit));
         case kFormatPtx:
+            return std::make_shared<Ptx>(input.path, input.scale, input.colorMode);
         case kFormatE57:
         case kFormatRcp:
         case kFormatHspc:

@@ -20,6 +20,7 @@
 #include "importers/Las.h"
 #include "importers/las/LaszVlr.h"
 #include "support/ErrorText.h"
+#include "support/FuzzCorpus.h"
 #include "support/LasSamples.h"
 #include "support/TempFolder.h"
 #include "support/TestData.h"
@@ -499,22 +500,17 @@ TEST(Las, ReadsFilesOfOtherWriters)
 // Every input the fuzz target keeps, the ones that once failed among them, must pass its checks here too.
 TEST(Las, ReplaysTheFuzzCorpus)
 {
-    const std::filesystem::path corpus =
-        std::filesystem::path(__FILE__).parent_path().parent_path() / "fuzz" / "corpus" / "las";
-    ASSERT_TRUE(std::filesystem::is_directory(corpus)) << corpus;
     pcp_test::TempFolder folder;
     const std::wstring cache = toWide(folder.path() / "cache");
     std::filesystem::create_directories(toPath(Convertor::getPointFolder(cache)));
-    size_t replayed = 0;
-    for (const auto& entry : std::filesystem::directory_iterator(corpus))
-    {
-        std::ifstream in(entry.path(), std::ios::binary);
-        const std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(in)),
-                                         std::istreambuf_iterator<char>());
-        EXPECT_EQ(pcp_fuzz::checkHeader(bytes), "") << entry.path();
-        EXPECT_EQ(pcp_fuzz::checkVlrChain(bytes), "") << entry.path();
-        EXPECT_EQ(pcp_fuzz::checkImport(bytes, folder.file(L"fuzz.las"), cache), "") << entry.path();
-        ++replayed;
-    }
+    const size_t replayed = pcp_test::replayFuzzCorpus(
+        "las",
+        [&](const std::string& bytes, const std::filesystem::path& file)
+        {
+            const std::vector<uint8_t> data(bytes.begin(), bytes.end());
+            EXPECT_EQ(pcp_fuzz::checkHeader(data), "") << file;
+            EXPECT_EQ(pcp_fuzz::checkVlrChain(data), "") << file;
+            EXPECT_EQ(pcp_fuzz::checkImport(data, folder.file(L"fuzz.las"), cache), "") << file;
+        });
     EXPECT_GE(replayed, 5u);
 }

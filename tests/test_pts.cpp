@@ -18,6 +18,7 @@
 #include "importers/PtsImporter.h"
 #include "importers/text/FileSource.h"
 #include "support/ErrorText.h"
+#include "support/FuzzCorpus.h"
 #include "support/TempFolder.h"
 
 using namespace pc_preprocess;
@@ -504,25 +505,20 @@ TEST(PtsImporter, PreviewsAndTestsDelimiters)
 // Every input the fuzz target keeps, the ones that once failed among them, must pass its checks here too.
 TEST(PtsImporter, ReplaysTheFuzzCorpus)
 {
-    const std::filesystem::path corpus =
-        std::filesystem::path(__FILE__).parent_path().parent_path() / "fuzz" / "corpus" / "pts";
-    ASSERT_TRUE(std::filesystem::is_directory(corpus)) << corpus;
     pcp_test::TempFolder folder;
     const std::wstring cache = toWide(folder.path() / "cache");
     std::filesystem::create_directories(toPath(Convertor::getPointFolder(cache)));
-    size_t replayed = 0;
-    for (const auto& entry : std::filesystem::directory_iterator(corpus))
-    {
-        std::ifstream in(entry.path(), std::ios::binary);
-        const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-        const auto input =
-            pcp_fuzz::PtsFuzzCase::decode(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
-        if (!input)
-            continue;
-        EXPECT_EQ(pcp_fuzz::checkLines(*input), "") << entry.path();
-        EXPECT_EQ(pcp_fuzz::checkFormatString(*input), "") << entry.path();
-        EXPECT_EQ(pcp_fuzz::checkImport(*input, folder.file(L"fuzz.pts"), cache), "") << entry.path();
-        ++replayed;
-    }
+    const size_t replayed = pcp_test::replayFuzzCorpus(
+        "pts",
+        [&](const std::string& bytes, const std::filesystem::path& file)
+        {
+            const auto input =
+                pcp_fuzz::PtsFuzzCase::decode(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
+            if (!input)
+                return;
+            EXPECT_EQ(pcp_fuzz::checkLines(*input), "") << file;
+            EXPECT_EQ(pcp_fuzz::checkFormatString(*input), "") << file;
+            EXPECT_EQ(pcp_fuzz::checkImport(*input, folder.file(L"fuzz.pts"), cache), "") << file;
+        });
     EXPECT_GE(replayed, 10u);
 }
