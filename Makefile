@@ -32,7 +32,7 @@ asan: deps
 tsan: deps
 	@$(CONFIGURE) -B build-tsan -DCMAKE_BUILD_TYPE=Debug -DPCP_SANITIZE=thread -DPCP_BUILD_BENCH=OFF > /dev/null
 	cmake --build build-tsan -j $(JOBS)
-	TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 ctest --test-dir build-tsan --output-on-failure -j $(JOBS)
+	TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:suppressions=$(CURDIR)/scripts/tsan.supp ctest --test-dir build-tsan --output-on-failure -j $(JOBS)
 
 bench: build
 	./scripts/bench.sh build

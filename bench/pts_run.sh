@@ -12,7 +12,7 @@ pcprep="$build/tools/pcprep"
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-"$pcprep" sample "$work/sample" --pts-only --scans 1 --points "$points" > /dev/null
+"$pcprep" sample "$work/sample" --parts pts --scans 1 --points "$points" > /dev/null
 file="$work/sample/pts/room-scan-1.pts"
 lines=$(($(wc -l < "$file") - 1))
 printf 'input: %s points, %s MB\n' "$lines" "$(($(stat -c %s "$file") / 1000000))"
@@ -36,5 +36,5 @@ time_runs() {
 
 printf '\ninput      threads  seconds  points/s     peak MB\n'
 time_runs "1 file" "$file"
-"$pcprep" sample "$work/two" --pts-only --scans 2 --points "$points" > /dev/null
+"$pcprep" sample "$work/two" --parts pts --scans 2 --points "$points" > /dev/null
 time_runs "2 files" "$work"/two/pts/*.pts

@@ -14,6 +14,7 @@
 #include "cachefiles/SerializedPoints.h"
 #include "core/NodePaths.h"
 #include "core/StringConversion.h"
+#include "scanview/ScanView.h"
 
 namespace pc_preprocess
 {
@@ -255,12 +256,7 @@ void Convertor::run(const std::wstring& cacheFolder, const IoTransfo& transfo, b
     requireFolder(getPointFolder(cacheFolder));
     openGroup();
     if (makeViews)
-    {
         requireFolder(getBubblesFolder(cacheFolder));
-        closeGroup();
-        throw std::runtime_error("CONVERTOR error: panoramas were asked for " + ws2s(m_path) +
-                                 ", but this build has no scan view support.");
-    }
     m_colorRange.reset();
     std::vector<IoLightPoint> batch;
     batch.reserve(kBatchSize);
@@ -275,22 +271,18 @@ void Convertor::run(const std::wstring& cacheFolder, const IoTransfo& transfo, b
         if (!isCurrentScanValid() || !remainScanData())
             continue;
         reportProgress(progress);
-        convertScan(scan, transfo, batch, progress, cancel);
+        convertScan(scan, transfo, makeViews && hasScanViews(), batch, progress, cancel);
     }
     closeGroup();
 }
 
-void Convertor::convertScan(size_t scan, const IoTransfo& transfo, std::vector<IoLightPoint>& batch,
-                            const std::function<void(double)>& progress, const std::function<bool()>& cancel)
+void Convertor::convertScan(size_t scan, const IoTransfo& transfo, bool withView,
+                            std::vector<IoLightPoint>& batch, const std::function<void(double)>& progress,
+                            const std::function<bool()>& cancel)
 {
-    if (numImagesForScan(scan) > 0)
-        throw std::runtime_error("CONVERTOR error: " + ws2s(m_path) + " holds images for scan " +
-                                 std::to_string(scan) + ", but this build has no scan view support.");
-
     const std::wstring pointFolder = getPointFolder(m_cacheFolder);
     const std::wstring base = baseNameForScanId(m_path, scan);
     const std::wstring pntFile = joined(pointFolder, base + L"-temp.pnt");
-    const std::wstring metaFile = joined(pointFolder, base + L"-temp.meta");
 
     if (m_wktReproject && m_localFrame.valid)
     {
@@ -303,6 +295,7 @@ void Convertor::convertScan(size_t scan, const IoTransfo& transfo, std::vector<I
     }
     const Discretization discretization(transfo, m_matrix.data(), m_translation.data());
     m_extents.reset();
+    ScanView* view = withView ? &freshView() : nullptr;
     ScanStreams streams(pntFile, hasClasses(), hasNormals());
     SerializedPoints::writeHeader(streams.pnt, transfo);
     SerializedPoints buffers(hasClasses(), hasNormals());
@@ -317,23 +310,25 @@ void Convertor::convertScan(size_t scan, const IoTransfo& transfo, std::vector<I
             break;
         }
         reportProgress(progress);
-        if (batch.empty() || isLgsx())
+        if (batch.empty())
+            continue;
+        // The view also stores each point's distance from the scanner in its radius, which the file keeps.
+        if (view)
+            view->insert(batch, transfo, m_translation, false);
+        if (isLgsx())
             continue;
         buffers.add(batch);
         buffers.flush(streams.pnt, streams.classes, streams.normals);
         streams.requireHealthy();
     }
 
-    // Without a panorama the meta file carries the marks of "no view".
-    MetaData meta;
-    meta.extents = m_extents;
-    meta.numPoints = nrPointsThisScan();
-    meta.validTandSize = validTandSize();
-    writeMetaFile(metaFile, meta);
-
     ScanFiles files;
     files.pntFile = pntFile;
-    files.metaFile = metaFile;
+    files.metaFile = joined(pointFolder, base + L"-temp.meta");
+    if (view)
+        finishScanWithView(scan, base, transfo, files);
+    else
+        finishScanWithoutView(scan, transfo, files);
     m_scanFiles.push_back(files);
     closeScan();
     streams.close();
@@ -341,6 +336,95 @@ void Convertor::convertScan(size_t scan, const IoTransfo& transfo, std::vector<I
     {
         closeGroup();
         throw std::runtime_error("Cancelled.");
+    }
+}
+
+ScanView& Convertor::freshView()
+{
+    if (!m_view)
+    {
+        m_view = m_viewSource ? m_viewSource() : std::make_shared<ScanView>();
+        // A lent view may hold the last scan of another file.
+        m_viewUsed = static_cast<bool>(m_viewSource);
+    }
+    if (m_viewUsed)
+        m_view->resetData();
+    m_viewUsed = true;
+    return *m_view;
+}
+
+MetaData Convertor::scanMeta() const
+{
+    MetaData meta;
+    meta.extents = m_extents;
+    meta.numPoints = nrPointsThisScan();
+    meta.validTandSize = validTandSize();
+    return meta;
+}
+
+MetaData Convertor::viewMeta(const ScanView& view, const std::array<double, 3>& position,
+                             uint64_t width) const
+{
+    MetaData meta = scanMeta();
+    meta.position = position;
+    meta.matrix = m_matrix;
+    meta.maxDistance = view.maxDistance();
+    meta.viewWidth = width;
+    if (width != MetaData::kNoViewWidth)
+        meta.filledArea = view.filledAreaUnitSphere();
+    return meta;
+}
+
+void Convertor::finishScanWithView(size_t scan, const std::wstring& base, const IoTransfo& transfo,
+                                   ScanFiles& files)
+{
+    ScanView& view = *m_view;
+    updateScanView2DImages(m_view, m_translation, transfo, scan, kAllImages);
+    const uint64_t width = view.resize(0);
+    const std::wstring bubbles = getBubblesFolder(m_cacheFolder);
+    const MetaData meta = viewMeta(view, m_translation, width);
+    // A scan whose points cannot form a picture keeps its position but gets no pictures.
+    if (width != MetaData::kNoViewWidth)
+    {
+        files.viewPng = view.exportViewPng(bubbles, base, L"view");
+        files.normalPng = view.exportNormalPng(bubbles, base, L"norm");
+        files.filledAreaUnitSphere = meta.filledArea;
+    }
+    writeMetaFile(files.metaFile, meta);
+    writeImages(scan, transfo, files);
+}
+
+void Convertor::finishScanWithoutView(size_t scan, const IoTransfo& transfo, ScanFiles& files)
+{
+    // The meta file carries the marks of "no view".
+    writeMetaFile(files.metaFile, scanMeta());
+    if (numImagesForScan(scan) > 0)
+        writeImages(scan, transfo, files);
+}
+
+void Convertor::writeImages(size_t scan, const IoTransfo& transfo, ScanFiles& files)
+{
+    const uint64_t images = numImagesForScan(scan);
+    if (images == 0)
+        return;
+    requireFolder(getBubblesFolder(m_cacheFolder));
+    const std::wstring pointFolder = getPointFolder(m_cacheFolder);
+    for (size_t image = 0; image < images; ++image)
+    {
+        // Each image gets an empty view of its own, so that pictures of a file never mix.
+        ScanView& view = freshView();
+        const std::array<double, 3> position = imageScanPosition(scan, image);
+        updateScanView2DImages(m_view, position, transfo, scan, image);
+        const uint64_t width = view.resize(0);
+        const std::wstring base = baseNameForScanIdImageId(m_path, scan, image);
+
+        ScanImageFiles imageFiles;
+        imageFiles.metaFile = joined(pointFolder, base + L"-temp.meta");
+        const MetaData meta = viewMeta(view, position, width);
+        if (width != MetaData::kNoViewWidth)
+            imageFiles.viewPng = view.exportViewPng(getBubblesFolder(m_cacheFolder), base, L"view");
+        writeMetaFile(imageFiles.metaFile, meta);
+        files.images.push_back(imageFiles);
     }
 }
 

@@ -13,6 +13,7 @@
 #include "core/FileColorRange.h"
 #include "core/IoLightPoint.h"
 #include "core/IoTransfo.h"
+#include "core/MetaData.h"
 #include "core/PcRegion.h"
 #include "core/ProbeResult.h"
 #include "core/ScanFiles.h"
@@ -58,6 +59,10 @@ public:
         m_wktReproject = true;
         m_localFrame = frame;
     }
+
+    // Where the conversion takes its panorama grid from: a worker that converts many files lends one view to
+    // each (the grid takes 320 MiB). Without a source the importer makes its own when a scan needs one.
+    void useScanViews(std::function<std::shared_ptr<ScanView>()> source) { m_viewSource = std::move(source); }
 
     const std::vector<ScanFiles>& getScanFiles() const { return m_scanFiles; }
     // The measured colour mode equals the one the caller gave.
@@ -124,6 +129,8 @@ public:
 
     // The most points in one batch, and so in one write of the conversion loop.
     static constexpr size_t kBatchSize = 65536;
+    // The image number that stands for all images of a scan, when they paint the scan's own panorama.
+    static constexpr size_t kAllImages = ~size_t(0);
 
 protected:
     // Connects m_wkt to earth-centred WGS84 through PROJ; nothing without a WKT.
@@ -155,11 +162,26 @@ protected:
     PJ* m_proj = nullptr;
 
 private:
+    // The view for the next scan or image, emptied.
+    ScanView& freshView();
+    // Panoramas of a scan and of its images, their pictures, and the scan's meta file.
+    void finishScanWithView(size_t scan, const std::wstring& base, const IoTransfo& transfo,
+                            ScanFiles& files);
+    void finishScanWithoutView(size_t scan, const IoTransfo& transfo, ScanFiles& files);
+    void writeImages(size_t scan, const IoTransfo& transfo, ScanFiles& files);
+    MetaData scanMeta() const;
+    // The meta file of a scan or image seen through `view` from `position`, at the view's resized width.
+    MetaData viewMeta(const ScanView& view, const std::array<double, 3>& position, uint64_t width) const;
+
+    std::function<std::shared_ptr<ScanView>()> m_viewSource;
+    std::shared_ptr<ScanView> m_view;
+    bool m_viewUsed = false;
+
     void settleTransfo(ProbeResult& result, const IoLightPoint& first, double scale);
     // Reprojection asked for and possible: the importer opened a PROJ transformation for its coordinate
     // system.
     bool reprojecting() const;
-    void convertScan(size_t scan, const IoTransfo& transfo, std::vector<IoLightPoint>& batch,
+    void convertScan(size_t scan, const IoTransfo& transfo, bool withView, std::vector<IoLightPoint>& batch,
                      const std::function<void(double)>& progress, const std::function<bool()>& cancel);
     void reportProgress(const std::function<void(double)>& progress) const;
 };

@@ -11,6 +11,7 @@
 #include "core/ImporterFactory.h"
 #include "core/LibAccessor.h"
 #include "core/StringConversion.h"
+#include "scanview/ScanView.h"
 #include "services/IntervalWriter.h"
 #include "services/Logger.h"
 
@@ -115,13 +116,15 @@ struct ReadStage
                             ")");
     }
 
-    void convertOne(size_t index)
+    void convertOne(size_t index, const std::function<std::shared_ptr<ScanView>()>& viewSource)
     {
         const InputFileData& input = inputs[index];
         logDeclaredModes(input);
         const std::shared_ptr<Convertor> importer =
             localFrame.valid ? createImporter(withRunColorMode(input, colorMode), localFrame)
                              : createImporter(withRunColorMode(input, colorMode));
+
+        importer->useScanViews(viewSource);
 
         uint64_t myBytes = 0;
         const uint64_t mySize = sizes[index];
@@ -157,6 +160,14 @@ struct ReadStage
 
     void work()
     {
+        // The worker's panorama grid, made at the first scan that needs one and lent to every file after it.
+        std::shared_ptr<ScanView> view;
+        const auto viewSource = [&view]
+        {
+            if (!view)
+                view = std::make_shared<ScanView>();
+            return view;
+        };
         for (;;)
         {
             size_t index;
@@ -172,7 +183,7 @@ struct ReadStage
             // stopped because the run is being cancelled is no failure: the run ends as cancelled.
             try
             {
-                convertOne(index);
+                convertOne(index, viewSource);
             }
             catch (const std::exception& e)
             {

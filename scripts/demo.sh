@@ -19,6 +19,13 @@ step "pcprep run --cache $out/cache --convert-only $out/pts/*.pts $out/las/room-
 step "pcprep info $out/cache"
 "$pcprep" info "$out/cache"
 
+step "pcprep run --cache $out/ptx-cache --convert-only $out/ptx/room-scans.ptx (two scans with panoramas)"
+"$pcprep" run --cache "$out/ptx-cache" --convert-only "$out/ptx/room-scans.ptx"
+step "pcprep info $out/ptx-cache"
+"$pcprep" info "$out/ptx-cache"
+printf '\nThe panoramas of the two scans, a colour view and a normal map each, are in %s:\n' "$out/ptx-cache/Bubbles"
+ls -1 "$out/ptx-cache/Bubbles"
+
 step "pcprep export $out/cache/Data/*-temp.pnt $out/room.laz"
 "$pcprep" export "$out"/cache/Data/*-temp.pnt "$out/room.laz"
 

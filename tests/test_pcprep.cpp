@@ -116,6 +116,34 @@ TEST(Pcprep, RunConvertsAndReportsLikeAHost)
     EXPECT_NE(out.find("1 scan file with 5000 points"), std::string::npos) << out;
 }
 
+TEST(Pcprep, PtxRunListsThePanoramasItWrote)
+{
+    pcp_test::TempFolder temp;
+    const fs::path sample = temp.path() / "s";
+    ASSERT_EQ(runPcprep(temp, {"sample", sample.string(), "--parts", "ptx", "--ptx-points", "40000"}), 0);
+    const fs::path cache = temp.path() / "cache";
+    std::string out, err;
+    ASSERT_EQ(runPcprep(temp,
+                        {"run", "--cache", cache.string(), "--convert-only",
+                         (sample / "ptx" / "room-scans.ptx").string()},
+                        &out, &err),
+              0)
+        << err;
+    EXPECT_NE(out.find("scans    2\n"), std::string::npos) << out;
+    EXPECT_NE(out.find("pictures 4\n"), std::string::npos) << out;
+    for (const char* picture : {"room-scans-0000-view.png", "room-scans-0000-norm.png",
+                                "room-scans-0001-view.png", "room-scans-0001-norm.png"})
+    {
+        const fs::path path = cache / "Bubbles" / picture;
+        EXPECT_NE(out.find(path.string()), std::string::npos) << out;
+        EXPECT_GT(fs::file_size(path), 0u) << path;
+    }
+
+    ASSERT_EQ(runPcprep(temp, {"info", cache.string()}, &out), 0);
+    EXPECT_NE(out.find("room-scans-0001-temp.pnt  at (4.400, 2.600, 1.450)  panorama"), std::string::npos)
+        << out;
+}
+
 TEST(Pcprep, ExitStatusTellsUsageFailureAndCancel)
 {
     pcp_test::TempFolder temp;
@@ -167,7 +195,7 @@ TEST(Pcprep, HelpAndNodeInfo)
     EXPECT_EQ(runPcprep(temp, {"help", "run"}, &out), 0);
     EXPECT_NE(out.find("--convert-only"), std::string::npos);
 
-    ASSERT_EQ(runPcprep(temp, {"sample", (temp.path() / "s").string()}), 0);
+    ASSERT_EQ(runPcprep(temp, {"sample", (temp.path() / "s").string(), "--parts", "node"}), 0);
     ASSERT_EQ(runPcprep(temp, {"compress", (temp.path() / "s" / "sample-room.pnt").string()}), 0);
     ASSERT_EQ(runPcprep(temp, {"info", (temp.path() / "s" / "sample-room.pnz").string()}, &out), 0);
     EXPECT_NE(out.find("Points        50000"), std::string::npos) << out;

@@ -10,9 +10,13 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <numbers>
 #include <set>
 #include <sstream>
 #include <thread>
+
+#include <opencv2/core.hpp>
+#include <opencv2/imgcodecs.hpp>
 
 #include "cachefiles/BubbleJson.h"
 #include "cachefiles/CacheFiles.h"
@@ -21,6 +25,7 @@
 #include "cachefiles/PntFiles.h"
 #include "core/LibAccessor.h"
 #include "core/StringConversion.h"
+#include "sample/PtxWriter.h"
 #include "services/Logger.h"
 #include "services/PreprocessGuard.h"
 #include "support/ErrorText.h"
@@ -169,6 +174,81 @@ TEST(Run, ConvertOnlyRunKeepsEveryValidPointOfEveryInput)
     EXPECT_NE(log.find("Started reading (convertFilesThreaded)"), std::string::npos);
     // The second file has no colour: it cannot match the 8-bit colour the run decided on.
     EXPECT_NE(log.find("has color/intensity mismatch"), std::string::npos);
+}
+
+TEST(Run, PtxProjectGivesEachScanItsPoseDistancesAndPanorama)
+{
+    pcp_test::TempFolder temp;
+    Cache cache(temp);
+    const pcp_sample::ScanGrid grid{300, 600};
+    const geom::Point3d scanners[] = {{1.6, 1.3, 1.55}, {4.4, 2.6, 1.45}};
+    const double headings[] = {0.0, 35.0};
+    std::vector<pcp_sample::PtxScan> ptxScans;
+    for (int s = 0; s < 2; ++s)
+        ptxScans.push_back({pcp_sample::scanRoom(scanners[s], grid), grid, scanners[s], headings[s]});
+    const std::wstring input = temp.file(L"two rooms.ptx");
+    pcp_sample::writePtxFile(ws2s(input), ptxScans);
+
+    const std::vector<ScanFiles> scans = cache.run({InputFileData(input, 1.0)});
+    ASSERT_EQ(scans.size(), 2u);
+    EXPECT_TRUE(scans.front().hasScanView);
+    const BubbleFile vrp = readBubbleJson(cache.files.getVrpFile());
+    ASSERT_EQ(vrp.staticScans.size(), 2u);
+    EXPECT_TRUE(vrp.waypoints.empty());
+
+    // The room is closed, but the tripod hides the cap below 150 degrees from the zenith.
+    const double visibleSphere =
+        4.0 * std::numbers::pi - 2.0 * std::numbers::pi * (1.0 - std::cos(std::numbers::pi / 6));
+    for (int s = 0; s < 2; ++s)
+    {
+        const ScanFiles& scan = scans[s];
+        const MetaData meta = readMetaFile(scan.metaFile);
+        const double heading = headings[s] * std::numbers::pi / 180.0;
+        const std::array<double, 3> position{scanners[s].x, scanners[s].y, scanners[s].z};
+        for (int axis = 0; axis < 3; ++axis)
+            EXPECT_NEAR(meta.position[axis], position[axis], 1e-9) << s;
+        EXPECT_NEAR(meta.matrix[0], std::cos(heading), 1e-8) << s;
+        EXPECT_NEAR(meta.matrix[1], std::sin(heading), 1e-8) << s;
+        EXPECT_NEAR(meta.matrix[3], -std::sin(heading), 1e-8) << s;
+        EXPECT_NEAR(meta.filledArea, visibleSphere, 0.03 * visibleSphere) << s;
+        EXPECT_EQ(meta.filledArea, scan.filledAreaUnitSphere);
+
+        // Each point keeps its distance from its own scanner, the farthest being the meta file's.
+        IoTransfo transfo;
+        std::vector<IoLightPoint> points;
+        readPNT(scan.pntFile, transfo, points);
+        ASSERT_FALSE(points.empty());
+        float farthest = 0.0f;
+        for (const IoLightPoint& p : points)
+        {
+            const double d = std::hypot(p.x * kStep + transfo.offset[0] - position[0],
+                                        p.y * kStep + transfo.offset[1] - position[1],
+                                        p.z * kStep + transfo.offset[2] - position[2]);
+            ASSERT_NEAR(p.radius, d, 1e-3) << s;
+            farthest = std::max(farthest, p.radius);
+        }
+        EXPECT_NEAR(meta.maxDistance, farthest, 1e-3) << s;
+
+        // The VRP places the scan and names both pictures, which have the meta file's width.
+        const Bubble& bubble = vrp.staticScans[s];
+        EXPECT_EQ(bubble.name, scan.pntFile);
+        EXPECT_EQ(bubble.scannerPosition, meta.position);
+        EXPECT_EQ(bubble.rotationMatrix, meta.matrix);
+        ASSERT_TRUE(bubble.data && bubble.normals) << s;
+        EXPECT_EQ(cache.folder / toPath(bubble.data->file), toPath(scan.viewPng));
+        EXPECT_EQ(cache.folder / toPath(bubble.normals->file), toPath(scan.normalPng));
+        EXPECT_EQ(bubble.data->width, meta.viewWidth);
+        EXPECT_EQ(bubble.normals->height, meta.viewWidth / 2);
+        EXPECT_EQ(bubble.data->maxDistance, meta.maxDistance);
+        for (const std::wstring& picture : {scan.viewPng, scan.normalPng})
+        {
+            const cv::Mat image = cv::imread(toPath(picture).string(), cv::IMREAD_UNCHANGED);
+            ASSERT_FALSE(image.empty()) << ws2s(picture);
+            EXPECT_EQ(uint64_t(image.cols), meta.viewWidth);
+            EXPECT_EQ(image.rows, image.cols / 2);
+            EXPECT_EQ(image.type(), CV_16UC4);
+        }
+    }
 }
 
 TEST(Run, ArgumentErrorsComeBeforeAnyWork)

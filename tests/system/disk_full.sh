@@ -11,7 +11,7 @@ if ! unshare -rm true 2> /dev/null; then
   echo "skipped: this machine does not allow a private mount namespace (unshare -rm)"
   exit 77
 fi
-"$pcprep" sample "$work/sample" --pts-only --scans 1 --points 200000 > /dev/null
+"$pcprep" sample "$work/sample" --parts pts --scans 1 --points 200000 > /dev/null
 mkdir "$work/small"
 unshare -rm sh -c '
   mount -t tmpfs -o size=1m tmpfs "$1" || exit 77

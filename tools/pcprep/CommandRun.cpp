@@ -100,6 +100,26 @@ RunSummary summarise(const std::vector<pc_preprocess::ScanFiles>& scans)
     return summary;
 }
 
+// The panoramas a viewer shows, colour view and normal map per scan, then the pictures of camera images.
+void printPictures(const std::vector<pc_preprocess::ScanFiles>& scans)
+{
+    size_t pictures = 0;
+    for (const pc_preprocess::ScanFiles& scan : scans)
+        pictures += (scan.viewPng.empty() ? 0 : 2) + 2 * scan.images.size();
+    if (pictures == 0)
+        return;
+    std::printf("  pictures %zu\n", pictures);
+    const auto printPair = [](const std::wstring& view, const std::wstring& normal)
+    { std::printf("           %s\n           %s\n", ws2s(view).c_str(), ws2s(normal).c_str()); };
+    for (const pc_preprocess::ScanFiles& scan : scans)
+    {
+        if (!scan.viewPng.empty())
+            printPair(scan.viewPng, scan.normalPng);
+        for (const pc_preprocess::ScanImageFiles& image : scan.images)
+            printPair(image.viewPng, image.normalPng);
+    }
+}
+
 void printSummary(const RunOptions& options, const pc_preprocess::CacheFiles& files,
                   const std::wstring& folder, const std::vector<pc_preprocess::ScanFiles>& scans,
                   double seconds)
@@ -124,6 +144,7 @@ void printSummary(const RunOptions& options, const pc_preprocess::CacheFiles& fi
                 pc_preprocess::getFileSizePrettyString(cacheBytes).c_str(),
                 key.complete() ? "complete" : "not complete");
     std::printf("  log      %s\n", ws2s(files.getLogFile()).c_str());
+    printPictures(scans);
 }
 
 pc_preprocess::PreprocessGuardParams guardParams(const RunOptions& options, const std::wstring& folder)

@@ -16,6 +16,7 @@
 #include "pcprep/Command.h"
 #include "sample/LasWriter.h"
 #include "sample/PtsWriter.h"
+#include "sample/PtxWriter.h"
 #include "sample/SampleScene.h"
 
 namespace pcprep
@@ -132,23 +133,77 @@ void writeSampleTile(const std::filesystem::path& folder)
                 pc_preprocess::getFileSizePrettyString(std::filesystem::file_size(path)).c_str());
 }
 
+// A PTX file holding two scans of the room from two positions, each in its own frame with its pose.
+void writeSamplePtx(const std::filesystem::path& folder, uint64_t points)
+{
+    std::filesystem::create_directories(folder);
+    const uint64_t perScan = std::max<uint64_t>(points / 2, 2);
+    const int rows = std::max(1, int(std::sqrt(double(perScan) / 2.0)));
+    const pcp_sample::ScanGrid grid{rows, int(perScan / uint64_t(rows))};
+    std::vector<pcp_sample::PtxScan> scans;
+    const std::pair<geom::Point3d, double> stations[] = {{{1.6, 1.3, 1.55}, 0.0}, {{4.4, 2.6, 1.45}, 35.0}};
+    for (const auto& [scanner, heading] : stations)
+        scans.push_back({pcp_sample::scanRoom(scanner, grid), grid, scanner, heading});
+    const std::filesystem::path path = folder / "room-scans.ptx";
+    const uint64_t bytes = pcp_sample::writePtxFile(path.string(), scans);
+    std::printf("PTX file    %s: 2 scans of %d x %d points, with poses and colour (%s)\n",
+                path.string().c_str(), grid.rows, grid.columns,
+                pc_preprocess::getFileSizePrettyString(bytes).c_str());
+}
+
+// The parts of the sample to write, from a comma-separated list.
+struct SampleParts
+{
+    bool node = true;
+    bool pts = true;
+    bool las = true;
+    bool ptx = true;
+};
+
+SampleParts parseParts(const std::string& list)
+{
+    SampleParts parts{false, false, false, false};
+    std::string rest = list + ",";
+    for (size_t comma; (comma = rest.find(',')) != std::string::npos; rest.erase(0, comma + 1))
+    {
+        const std::string part = rest.substr(0, comma);
+        if (part == "node")
+            parts.node = true;
+        else if (part == "pts")
+            parts.pts = true;
+        else if (part == "las")
+            parts.las = true;
+        else if (part == "ptx")
+            parts.ptx = true;
+        else
+            throw UsageError("--parts takes node, pts, las and ptx, not '" + part + "'");
+    }
+    return parts;
+}
+
 }  // namespace
 
 int runSample(const Arguments& arguments)
 {
-    const ParsedArguments parsed(arguments, {{"--points", true}, {"--scans", true}, {"--pts-only", false}});
+    const ParsedArguments parsed(
+        arguments, {{"--points", true}, {"--scans", true}, {"--ptx-points", true}, {"--parts", true}});
     parsed.expectPositional(1, "one FOLDER");
     const uint64_t points = parsed.number("--points", 300000);
     const uint64_t scans = parsed.number("--scans", 3);
-    if (scans == 0 || scans > 5 || points == 0)
-        throw UsageError("--scans takes 1 to 5 and --points at least 1");
+    const uint64_t ptxPoints = parsed.number("--ptx-points", 2000000);
+    if (scans == 0 || scans > 5 || points == 0 || ptxPoints == 0)
+        throw UsageError("--scans takes 1 to 5, --points and --ptx-points at least 1");
+    const SampleParts parts = parsed.has("--parts") ? parseParts(parsed.text("--parts", "")) : SampleParts{};
     const std::filesystem::path folder(parsed.positional()[0]);
     std::filesystem::create_directories(folder);
-    if (!parsed.has("--pts-only"))
+    if (parts.node)
         writeSampleNode(folder);
-    writeSampleProject(folder / "pts", points, scans);
-    if (!parsed.has("--pts-only"))
+    if (parts.pts)
+        writeSampleProject(folder / "pts", points, scans);
+    if (parts.las)
         writeSampleTile(folder / "las");
+    if (parts.ptx)
+        writeSamplePtx(folder / "ptx", ptxPoints);
     return 0;
 }
 

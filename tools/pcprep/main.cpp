@@ -20,7 +20,9 @@ const Command kCommands[] = {
      "DIR/NAME.log, the progress file DIR/NAME.pct polled for the bar, the disk watchdog beside the run, "
      "and\n"
      "Ctrl-C turned into the cancel file DIR/cancel. A failed or cancelled run leaves only the log in DIR.\n"
-     "Inputs: PTS files (.pts, and text files of any other unknown extension), LAS and LAZ files.\n"
+     "Inputs: PTS files (.pts, and text files of any other unknown extension), PTX, LAS and LAZ files.\n"
+     "Structured scans (PTX) also get their panoramas, a colour view and a normal map per scan, as PNG\n"
+     "files in DIR/Bubbles.\n"
      "\n"
      "  --name NAME             base name of the cache files in DIR (default: cache)\n"
      "  --scale S               the cache's coordinate step, in the cache's units (default: 0.001)\n"
@@ -78,8 +80,8 @@ const Command kCommands[] = {
      "            that pcprep and the library read the normals back\n"
      "An existing OUT is never overwritten.\n",
      pcprep::runExport},
-    {"sample", "write the built-in sample (a node file and a PTS project) into a folder",
-     "Usage: pcprep sample FOLDER [--points N] [--scans K] [--pts-only]\n"
+    {"sample", "write the built-in sample (node file, PTS, LAS and PTX scans) into a folder",
+     "Usage: pcprep sample FOLDER [--parts LIST] [--points N] [--scans K] [--ptx-points N]\n"
      "\n"
      "Writes the built-in sample, a simulated terrestrial survey of a furnished room:\n"
      "  FOLDER/sample-room.pnt      a node file of 50000 points (millimetre grid) with its class and normal\n"
@@ -90,11 +92,14 @@ const Command kCommands[] = {
      "                              has no colour\n"
      "  FOLDER/las/room-tile.las    the room from a scanner under the ceiling, as a LAS 1.2 file of point\n"
      "                              format 3 (16-bit colour, classes)\n"
+     "  FOLDER/ptx/room-scans.ptx   two structured scans from two positions, each in its own frame with its\n"
+     "                              pose; the tripod's blind spot below each scanner is missing\n"
      "The folder is created if it is missing; an earlier sample in it is replaced.\n"
      "\n"
-     "  --points N   points of the PTS project, all scans together (default: 300000)\n"
-     "  --scans K    scanner positions, 1 to 5 (default: 3)\n"
-     "  --pts-only   write only the PTS project\n",
+     "  --parts LIST     what to write, of node, pts, las and ptx (default: all), e.g. --parts pts,ptx\n"
+     "  --points N       points of the PTS project, all scans together (default: 300000)\n"
+     "  --scans K        scanner positions of the PTS project, 1 to 5 (default: 3)\n"
+     "  --ptx-points N   points of the PTX file, both scans together (default: 2000000)\n",
      pcprep::runSample},
     {"compress", "write the compressed twin (.pnz) of a node file",
      "Usage: pcprep compress NODE.pnt [--replace]\n"
