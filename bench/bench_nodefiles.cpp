@@ -10,6 +10,7 @@
 #include <map>
 #include <stdexcept>
 
+#include "bench/BenchNoise.h"
 #include "cachefiles/PntFiles.h"
 #include "cachefiles/PnzFiles.h"
 #include "core/StringConversion.h"
@@ -24,12 +25,7 @@ namespace
 std::vector<IoLightPoint> scanPoints(size_t n)
 {
     std::vector<IoLightPoint> points(n);
-    uint32_t state = 12345;
-    auto noise = [&](uint32_t range)
-    {
-        state = state * 1664525u + 1013904223u;
-        return static_cast<int32_t>((state >> 8) % range);
-    };
+    pcp_bench::BenchNoise noise;
     for (size_t i = 0; i < n; ++i)
     {
         IoLightPoint& p = points[i];

@@ -74,66 +74,35 @@ Json::Value bubble(const fs::path& folder, const std::string& name, const std::w
 // Reading: every value is checked for its type, so a damaged file gives a message and not a wrong scan.
 struct VrpReader
 {
-    const std::wstring& path;
-
-    [[noreturn]] void fail(const std::string& reason) const
-    {
-        throw std::runtime_error(std::string(kReader) + " : " + ws2s(path) + " is not a VRP file: " + reason);
-    }
-
-    using Check = bool (Json::Value::*)() const;
-
-    const Json::Value& member(const Json::Value& object, const char* key, Check isOfType) const
-    {
-        const Json::Value* value = object.find(key, key + std::char_traits<char>::length(key));
-        if (value == nullptr || !(value->*isOfType)())
-            fail(std::string("\"") + key + "\" is missing or of the wrong type");
-        return *value;
-    }
-
-    template <size_t N>
-    std::array<double, N> doubles(const Json::Value& object, const char* key) const
-    {
-        const Json::Value& array = member(object, key, &Json::Value::isArray);
-        if (array.size() != N)
-            fail(std::string("\"") + key + "\" does not hold " + std::to_string(N) + " numbers");
-        std::array<double, N> values{};
-        for (Json::ArrayIndex i = 0; i < N; ++i)
-        {
-            if (!array[i].isNumeric())
-                fail(std::string("\"") + key + "\" holds something other than a number");
-            values[i] = array[i].asDouble();
-        }
-        return values;
-    }
+    JsonFieldReader json;
 
     std::optional<BubblePicture> picture(const Json::Value& object, const char* key) const
     {
         if (!object.isMember(key))
             return std::nullopt;
-        const Json::Value& array = member(object, key, &Json::Value::isArray);
+        const Json::Value& array = json.member(object, key, &Json::Value::isArray);
         if (array.empty() || !array[0].isObject())
-            fail(std::string("\"") + key + "\" holds no picture");
+            json.fail(std::string("\"") + key + "\" holds no picture");
         const Json::Value& first = array[0];
         BubblePicture result;
-        result.file = s2ws(member(first, "file", &Json::Value::isString).asString());
-        result.width = member(first, "w", &Json::Value::isUInt64).asUInt64();
-        result.height = member(first, "h", &Json::Value::isUInt64).asUInt64();
-        result.maxDistance = member(first, "maxdist", &Json::Value::isNumeric).asDouble();
+        result.file = s2ws(json.member(first, "file", &Json::Value::isString).asString());
+        result.width = json.member(first, "w", &Json::Value::isUInt64).asUInt64();
+        result.height = json.member(first, "h", &Json::Value::isUInt64).asUInt64();
+        result.maxDistance = json.member(first, "maxdist", &Json::Value::isNumeric).asDouble();
         return result;
     }
 
     std::vector<Bubble> bubbles(const Json::Value& root, const char* key) const
     {
         std::vector<Bubble> result;
-        for (const Json::Value& object : member(root, key, &Json::Value::isArray))
+        for (const Json::Value& object : json.member(root, key, &Json::Value::isArray))
         {
             if (!object.isObject())
-                fail(std::string("\"") + key + "\" holds something other than an object");
+                json.fail(std::string("\"") + key + "\" holds something other than an object");
             Bubble b;
-            b.name = s2ws(member(object, "name", &Json::Value::isString).asString());
-            b.scannerPosition = doubles<3>(object, "scannerposition");
-            b.rotationMatrix = doubles<9>(object, "rotationmatrix");
+            b.name = s2ws(json.member(object, "name", &Json::Value::isString).asString());
+            b.scannerPosition = json.doubles<3>(object, "scannerposition");
+            b.rotationMatrix = json.doubles<9>(object, "rotationmatrix");
             b.data = picture(object, "data");
             b.normals = picture(object, "normals");
             result.push_back(std::move(b));
@@ -175,10 +144,8 @@ void bubbleJson(const std::vector<ScanFiles>& scans, const std::wstring& vrpPath
 
 BubbleFile readBubbleJson(const std::wstring& vrpPath)
 {
-    const Json::Value root = readJsonFile(vrpPath, kReader);
-    const VrpReader reader{vrpPath};
-    if (!root.isObject())
-        reader.fail("no object at the top");
+    const VrpReader reader{JsonFieldReader(kReader, vrpPath, "VRP")};
+    const Json::Value root = reader.json.readObject();
     BubbleFile file;
     file.staticScans = reader.bubbles(root, "staticscans");
     file.waypoints = reader.bubbles(root, "waypoints");

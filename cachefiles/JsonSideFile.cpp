@@ -6,7 +6,9 @@
 #include <memory>
 #include <span>
 #include <stdexcept>
+#include <string>
 #include <system_error>
+#include <utility>
 
 #include "cachefiles/FileDescriptor.h"
 #include "cachefiles/FileWriter.h"
@@ -81,9 +83,53 @@ Json::Value readJsonFile(const std::wstring& path, const std::string& reader)
     const char* begin = reinterpret_cast<const char*>(bytes.data());
     Json::Value root;
     std::string errors;
-    if (!parser->parse(begin, begin + bytes.size(), &root, &errors))
+    bool parsed = false;
+    try
+    {
+        parsed = parser->parse(begin, begin + bytes.size(), &root, &errors);
+    }
+    catch (const Json::Exception& e)
+    {
+        // Nesting deeper than the parser's stack limit ends in an exception rather than a false.
+        errors = e.what();
+    }
+    if (!parsed)
         throw std::runtime_error(reader + " : " + ws2s(path) + " is not a JSON file: " + errors);
     return root;
+}
+
+JsonFieldReader::JsonFieldReader(std::string reader, const std::wstring& path, std::string kind)
+    : m_reader(std::move(reader)), m_file(path), m_path(ws2s(path)), m_kind(std::move(kind))
+{
+}
+
+Json::Value JsonFieldReader::readObject() const
+{
+    Json::Value root = readJsonFile(m_file, m_reader);
+    if (!root.isObject())
+        fail("no object at the top");
+    return root;
+}
+
+JsonFieldReader JsonFieldReader::within(const std::string& context) const
+{
+    JsonFieldReader inner = *this;
+    inner.m_context = context;
+    return inner;
+}
+
+void JsonFieldReader::fail(const std::string& reason) const
+{
+    throw std::runtime_error(m_reader + " : " + m_path + " is not a " + m_kind +
+                             " file: " + (m_context.empty() ? reason : m_context + ": " + reason));
+}
+
+const Json::Value& JsonFieldReader::member(const Json::Value& object, const char* key, Check isOfType) const
+{
+    const Json::Value* value = object.find(key, key + std::char_traits<char>::length(key));
+    if (value == nullptr || !(value->*isOfType)())
+        fail(std::string("\"") + key + "\" is missing or of the wrong type");
+    return *value;
 }
 
 }  // namespace pc_preprocess

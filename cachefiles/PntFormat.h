@@ -33,6 +33,8 @@ static_assert(std::endian::native == std::endian::little, "node files are read a
 
 inline constexpr uint64_t kPntHeaderSize = 50;
 inline constexpr uint64_t kPntRecordSize = 26;
+// Where the radius (a float) lies in a record.
+inline constexpr uint64_t kPntRadiusOffset = 18;
 inline constexpr uint64_t kPntShortRecordSize = 22;
 
 inline constexpr uint64_t pntRecordSize(bool extended)

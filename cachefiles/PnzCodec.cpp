@@ -1,9 +1,11 @@
 #include "cachefiles/PnzCodec.h"
 
+#include <libdeflate.h>
 #include <zlib.h>
 
 #include <algorithm>
 #include <limits>
+#include <memory>
 #include <stdexcept>
 #include <string>
 
@@ -83,37 +85,21 @@ std::runtime_error tooLarge(uint64_t maxOutput)
 
 std::vector<uint8_t> deflatePnz(std::span<const uint8_t> input)
 {
-    z_stream stream{};
-    if (deflateInit(&stream, kPnzLevel) != Z_OK)
+    // libdeflate compresses a whole buffer in one call, about twice as fast as zlib at the same level and
+    // a little smaller, and writes the same standard zlib stream that any inflater reads. A compressor per
+    // call keeps threads apart; its allocation is small beside the work of one node.
+    const std::unique_ptr<libdeflate_compressor, decltype(&libdeflate_free_compressor)> compressor(
+        libdeflate_alloc_compressor(kPnzLevel), &libdeflate_free_compressor);
+    if (!compressor)
         throw std::runtime_error("ERROR PNZ COMPRESS: Cannot initiate deflate.");
-    struct End
-    {
-        z_stream& s;
-        ~End() { deflateEnd(&s); }
-    } end{stream};
-
-    InputFeed feed(input);
-    OutputBuffer output(kReservedOutput);
-    int ret = Z_OK;
-    for (;;)
-    {
-        feed.refill(stream);
-        if (stream.avail_out == 0)
-            output.grow(stream, kGrowthPerRound);
-        // Z_FINISH only once the last slice is offered: after it zlib accepts no more input.
-        ret = deflate(&stream, feed.exhausted() ? Z_FINISH : Z_NO_FLUSH);
-        if (ret == Z_STREAM_ERROR)
-            throw std::runtime_error("ERROR PNZ COMPRESS: Received Z_STREAM_ERROR.");
-        if (ret == Z_STREAM_END)
-            break;
-        if (stream.avail_out != 0 && stream.avail_in == 0 && feed.exhausted())
-            break;  // output space left and nothing to offer, yet no end: zlib is stuck
-    }
-    if (stream.avail_in != 0 || !feed.exhausted())
-        throw std::runtime_error("ERROR PNZ COMPRESS: There's still available input.");
-    if (ret != Z_STREAM_END)
+    // The bound holds even for incompressible input, so that the one call always finishes the stream.
+    std::vector<uint8_t> output(libdeflate_zlib_compress_bound(compressor.get(), input.size()));
+    const size_t written =
+        libdeflate_zlib_compress(compressor.get(), input.data(), input.size(), output.data(), output.size());
+    if (written == 0)
         throw std::runtime_error("ERROR PNZ COMPRESS: ret != Z_STREAM_END.");
-    return output.take(stream);
+    output.resize(written);
+    return output;
 }
 
 std::vector<uint8_t> inflatePnz(std::span<const uint8_t> compressed, uint64_t maxOutput)

@@ -11,6 +11,7 @@
 #include <system_error>
 
 #include "cachefiles/MetaFile.h"
+#include "cachefiles/PntStreams.h"
 #include "cachefiles/SerializedPoints.h"
 #include "core/NodePaths.h"
 #include "core/StringConversion.h"
@@ -42,48 +43,6 @@ void requireFolder(const std::wstring& folder)
     if (!std::filesystem::is_directory(toPath(folder), error))
         throw std::runtime_error("CONVERTOR error: " + ws2s(folder) + " is not an existing folder.");
 }
-
-// The three files of one scan, opened for writing; the side files only where the scan has them.
-struct ScanStreams
-{
-    std::wstring pntPath;
-    std::wstring classPath;
-    std::wstring normalPath;
-    std::ofstream pnt;
-    std::ofstream classes;
-    std::ofstream normals;
-
-    ScanStreams(const std::wstring& pntFile, bool withClasses, bool withNormals)
-        : pntPath(pntFile), classPath(getClassPathFromPnt(pntFile)), normalPath(getNormalPathFromPnt(pntFile))
-    {
-        const auto mode = std::ios::binary | std::ios::trunc | std::ios::out;
-        pnt.open(toPath(pntPath), mode);
-        if (withClasses)
-            classes.open(toPath(classPath), mode);
-        if (withNormals)
-            normals.open(toPath(normalPath), mode);
-        requireHealthy();
-    }
-
-    // A stream in a failed state is a write that did not (fully) reach the disk.
-    void requireHealthy() const
-    {
-        const std::pair<const std::ofstream*, const std::wstring*> streams[] = {
-            {&pnt, &pntPath}, {&classes, &classPath}, {&normals, &normalPath}};
-        for (const auto& [stream, path] : streams)
-            if (stream->fail())
-                throw std::runtime_error("Convertor::run : Could not (fully) write " + ws2s(*path) +
-                                         "\nDisk full?");
-    }
-
-    void close()
-    {
-        for (std::ofstream* stream : {&pnt, &classes, &normals})
-            if (stream->is_open())
-                stream->close();
-        requireHealthy();
-    }
-};
 
 // The rotation from earth-centred axes to east, north, up at the frame's origin, column-major, and the
 // translation that puts the origin at zero.
@@ -296,7 +255,7 @@ void Convertor::convertScan(size_t scan, const IoTransfo& transfo, bool withView
     const Discretization discretization(transfo, m_matrix.data(), m_translation.data());
     m_extents.reset();
     ScanView* view = withView ? &freshView() : nullptr;
-    ScanStreams streams(pntFile, hasClasses(), hasNormals());
+    PntStreams streams(pntFile, hasClasses(), hasNormals(), "Convertor::run : ");
     SerializedPoints::writeHeader(streams.pnt, transfo);
     SerializedPoints buffers(hasClasses(), hasNormals());
 

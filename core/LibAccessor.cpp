@@ -22,26 +22,13 @@
 #include "core/Units.h"
 #include "octree/BuildTree.h"
 #include "services/Logger.h"
+#include "services/Stopwatch.h"
 
 namespace pc_preprocess
 {
 
 namespace
 {
-
-class Stopwatch
-{
-public:
-    // Seconds since construction, printed as std::to_string prints a double.
-    std::string elapsed() const
-    {
-        const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - m_start;
-        return std::to_string(seconds.count());
-    }
-
-private:
-    std::chrono::steady_clock::time_point m_start = std::chrono::steady_clock::now();
-};
 
 // True once a file named "cancel" exists in the cache folder; whoever creates it, the host included, cancels
 // the run. Workers call it at once, so it is serialised.

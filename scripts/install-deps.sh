@@ -6,7 +6,7 @@ set -euo pipefail
 
 packages=(
   g++ cmake ninja-build make pkg-config ccache gettext
-  zlib1g-dev libzstd-dev libjsoncpp-dev libexpat1-dev
+  zlib1g-dev libdeflate-dev libzstd-dev libjsoncpp-dev libexpat1-dev
   libproj-dev proj-data libgeotiff-dev libgdal-dev
   libopencv-core-dev libopencv-imgproc-dev libopencv-imgcodecs-dev
   libeigen3-dev libboost-dev libboost-iostreams-dev

@@ -352,6 +352,26 @@ TEST(PnzFiles, InflatesWithZlibToHeaderAndBytePlanes)
     EXPECT_EQ(transfo, testTransfo());
 }
 
+// Whatever the planes hold, the compressed form is one standard zlib stream that plain zlib inflates to
+// exactly the input and that stays within zlib's own bound: incompressible bytes, which deflate can only
+// store, and a single byte.
+TEST(PnzCodec, AnyInputBecomesAStandardZlibStream)
+{
+    Bytes noise(size_t(1) << 20);
+    uint32_t state = 99;
+    for (uint8_t& b : noise)
+    {
+        state = state * 1664525u + 1013904223u;
+        b = static_cast<uint8_t>(state >> 24);
+    }
+    for (const Bytes& input : {noise, Bytes{42}})
+    {
+        const Bytes compressed = deflatePnz(input);
+        EXPECT_LE(compressed.size(), compressBound(static_cast<uLong>(input.size())));
+        EXPECT_EQ(inflateWithZlib(compressed, input.size()), input);
+    }
+}
+
 TEST(PnzFiles, DirectConversionsAreExactBothWays)
 {
     pcp_test::TempFolder folder;

@@ -1,13 +1,12 @@
 // The files beside the nodes of a cache: names, meta, key, scan positions (VRP) and regions (RGN), and what a
 // folder tells about the cache in it. JSON is read back with jsoncpp, independently of the library's reader.
 #include <gtest/gtest.h>
-#include <json/json.h>
+#include <json/value.h>
 
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <limits>
-#include <sstream>
 
 #include "cachefiles/BubbleJson.h"
 #include "cachefiles/CacheFiles.h"
@@ -18,10 +17,12 @@
 #include "core/StringConversion.h"
 #include "support/ErrorText.h"
 #include "support/FileText.h"
+#include "support/JsonText.h"
 #include "support/TempFolder.h"
 
 using namespace pc_preprocess;
 using pcp_test::errorText;
+using pcp_test::parseJson;
 namespace fs = std::filesystem;
 
 using pcp_test::readText;
@@ -34,15 +35,6 @@ constexpr double kMark = std::numeric_limits<double>::max();
 void writeText(const std::wstring& path, const std::string& text)
 {
     std::ofstream(toPath(path), std::ios::binary) << text;
-}
-
-Json::Value parseJson(const std::string& text)
-{
-    Json::Value root;
-    std::istringstream in(text);
-    std::string errors;
-    EXPECT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), in, &root, &errors)) << errors;
-    return root;
 }
 
 MetaData panoramaMeta(uint64_t width)
