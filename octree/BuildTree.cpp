@@ -1,22 +1,150 @@
 #include "octree/BuildTree.h"
 
+#include <filesystem>
 #include <stdexcept>
+
+#include "cachefiles/VrmFile.h"
+#include "core/StringConversion.h"
+#include "octree/Node.h"
+#include "octree/SplitRoot.h"
+#include "octree/TreeCounts.h"
+#include "octree/TreeWorkers.h"
+#include "services/Logger.h"
+#include "services/Stopwatch.h"
 
 namespace pc_preprocess
 {
 
-// The tree builders (octree and HSPC) are not part of the library yet: a run that asks for a tree ends with
-// this error, and its per-scan files are cleaned away like those of any failed run. Runs that only convert
-// the inputs stop before this call.
-void buildTree(const std::vector<ScanFiles>& /*scans*/, const std::wstring& /*cacheFolder*/,
-               const CacheFiles& /*cacheFiles*/, const IoTransfo& /*transfo*/,
-               SupportedAttributes& /*attributes*/, uint64_t /*threads*/, std::shared_ptr<Logger> /*logger*/,
-               bool /*noPanoramaStyle*/, bool hspcOnly, bool /*computeNormals*/, const std::string& /*wkt*/,
-               geom::UnitsValue /*units*/, const std::function<bool()>& /*cancelPredicate*/)
+namespace
 {
-    throw std::runtime_error(
-        std::string("buildTree : building ") + (hspcOnly ? "an HSPC data set" : "the octree") +
-        " is not available in this version of the library; convert only (no tree) instead.");
+
+void requireNotCancelled(Logger& logger, const std::function<bool()>& cancel)
+{
+    if (cancel && cancel())
+    {
+        logger.cancel();
+        throw std::runtime_error("Preprocessing cancelled by user.");
+    }
+}
+
+VrmNode vrmNodeOf(const Node& node)
+{
+    VrmNode vrm;
+    vrm.file = toWide(toPath(node.pntPath).filename());
+    vrm.maxRadius = node.maxRadius;
+    vrm.numPoints = static_cast<uint32_t>(node.pointsOnDisk);
+    vrm.box = vrmBox(node.extents, node.transfo);
+    vrm.children.reserve(node.children.size());
+    for (const Node& child : node.children)
+        vrm.children.push_back(vrmNodeOf(child));
+    return vrm;
+}
+
+void countLeaves(const Node& node, uint64_t& leaves, uint64_t& points)
+{
+    if (node.isLeaf())
+    {
+        ++leaves;
+        points += node.pointsOnDisk;
+        return;
+    }
+    for (const Node& child : node.children)
+        countLeaves(child, leaves, points);
+}
+
+// Where every point that entered the tree went; the numbers add up to the points that entered.
+void logPointAccount(Logger& logger, const Node& root, const TreeCounts& counts)
+{
+    uint64_t leaves = 0;
+    uint64_t leafPoints = 0;
+    countLeaves(root, leaves, leafPoints);
+    logger.message("Points: " + std::to_string(counts.entered) + " entered the tree, " +
+                   std::to_string(counts.filteredAway) + " removed by the filters, " +
+                   std::to_string(counts.inSmallChildren) +
+                   " dropped with children of fewer than 5 points, " + std::to_string(counts.outsideBoxes) +
+                   " outside the boxes of their node, " + std::to_string(leafPoints) + " in " +
+                   std::to_string(leaves) + " leaves");
+}
+
+void buildOctree(const std::vector<ScanFiles>& scans, const std::wstring& pointFolder,
+                 const CacheFiles& cacheFiles, const IoTransfo& transfo,
+                 const SupportedAttributes& attributes, uint64_t threads,
+                 const std::shared_ptr<Logger>& logger, bool noPanoramaStyle,
+                 const std::function<bool()>& cancel)
+{
+    const std::wstring& vrmFile = cacheFiles.getTreeFile();
+    if (toPath(vrmFile).extension() != ".vrm")
+        throw std::runtime_error("Expected filename *.vrm; received " + ws2s(vrmFile));
+
+    Node root = Node::root(pointFolder, transfo, attributes.classification, attributes.normals);
+    TreeCounts counts;
+    SplitSettings settings{false, false, &counts};
+
+    logger->increaseStep("Split Root");
+    logger->message("Started splitting root");
+    const Stopwatch rootClock;
+    try
+    {
+        settings.tandStyle = splitRoot(root, scans, logger, noPanoramaStyle, false, false, counts, cancel);
+    }
+    catch (const std::exception& e)
+    {
+        logger->error(std::string("ERROR splitting root :\n\t") + e.what());
+        throw;
+    }
+    requireNotCancelled(*logger, cancel);
+    logger->message("Finished splitting root : Elapsed time = " + rootClock.elapsed() + " seconds");
+
+    logger->increaseStep("Split Rest");
+    logger->message("Started splitting threaded");
+    const Stopwatch splitClock;
+    const bool split = splitRootChildrenThreaded(root, threads, settings, logger, cancel);
+    requireNotCancelled(*logger, cancel);
+    if (!split)
+        throw std::runtime_error("buildTree ERROR : splitting threaded failed.");
+    logger->message("Finished splitting threaded : Elapsed time = " + splitClock.elapsed());
+
+    logger->increaseStep("Merge");
+    logger->message("Started merging threaded");
+    const Stopwatch mergeClock;
+    const bool merged = mergeThreaded(root, threads, logger, cancel);
+    requireNotCancelled(*logger, cancel);
+    if (!merged)
+        throw std::runtime_error("buildTree ERROR : merging threaded failed.");
+    logger->message("Finished merging threaded : Elapsed time = " + mergeClock.elapsed());
+    logPointAccount(*logger, root, counts);
+
+    const Stopwatch vrmClock;
+    try
+    {
+        writeVrm(vrmFile, vrmNodeOf(root));
+    }
+    catch (const std::exception& e)
+    {
+        logger->error(std::string("ERROR VRM file :\n\t") + e.what());
+        throw;
+    }
+    logger->message("Finished VRM file : Elapsed time = " + vrmClock.elapsed());
+}
+
+}  // namespace
+
+void buildTree(const std::vector<ScanFiles>& scans, const std::wstring& cacheFolder,
+               const CacheFiles& cacheFiles, const IoTransfo& transfo, SupportedAttributes& attributes,
+               uint64_t threads, std::shared_ptr<Logger> logger, bool noPanoramaStyle, bool hspcOnly,
+               bool /*computeNormals*/, const std::string& /*wkt*/, geom::UnitsValue /*units*/,
+               const std::function<bool()>& cancelPredicate)
+{
+    const std::filesystem::path pointFolder = toPath(cacheFolder) / "Data";
+    std::filesystem::create_directories(pointFolder);
+    // The HSPC converter is not part of the library yet: such a run ends with this error, and its per-scan
+    // files are cleaned away like those of any failed run.
+    if (hspcOnly)
+        throw std::runtime_error(
+            "buildTree : building an HSPC data set is not available in this version of the library; build "
+            "the octree or convert only instead.");
+    buildOctree(scans, toWide(pointFolder), cacheFiles, transfo, attributes, threads, logger, noPanoramaStyle,
+                cancelPredicate);
 }
 
 }  // namespace pc_preprocess

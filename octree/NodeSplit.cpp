@@ -1,0 +1,207 @@
+#include "octree/NodeSplit.h"
+
+#include <cstring>
+#include <stdexcept>
+
+#include "cachefiles/PntFiles.h"
+#include "cachefiles/PntFormat.h"
+#include "octree/NodeFilters.h"
+
+namespace pc_preprocess
+{
+
+namespace
+{
+
+// Nodes with this many points, or this volume in cells, are kept from filtering while they are sparse.
+constexpr uint64_t kFilterThreshold = 0x100000;
+
+// Memory for one full buffer per child, so that distributing never grows a buffer point by point.
+constexpr size_t kRecordBytes = 0x1A0000;
+constexpr size_t kClassBytes = 0x10000;
+constexpr size_t kNormalBytes = 0xC0000;
+
+struct ChildTally
+{
+    size_t visited = 0;
+    size_t kept = 0;
+};
+
+void dropChild(Node& child, TreeCounts& counts)
+{
+    counts.inSmallChildren += child.totalPoints();
+    child.buffers.m_buffer.clear();
+    child.buffers.m_classes.clear();
+    child.buffers.m_normals.clear();
+    child.buffers.m_numBuffered = 0;
+    child.streams.reset();
+    child.deletePntFiles();
+    child.pointsOnDisk = 0;
+}
+
+// Without a radius from its scan, a point gets the drawing size of the node it first lands in.
+void giveBufferedPointsTheNodeSize(Node& child)
+{
+    float radius = 0.0f;
+    std::memcpy(&radius, child.buffers.m_buffer.data() + kPntRadiusOffset, sizeof radius);
+    if (radius > 0.0f)
+        return;
+    const float size = static_cast<float>(child.extents.pointSize(child.transfo));
+    for (uint64_t k = 0; k < child.numBuffered(); ++k)
+        std::memcpy(child.buffers.m_buffer.data() + k * kPntRecordSize + kPntRadiusOffset, &size,
+                    sizeof size);
+    child.maxRadius = size;
+}
+
+FilteredPoints filterNode(const Node& child, const SplitSettings& settings)
+{
+    return settings.tandStyle
+               ? filterTandStyle(child.pntPath, child.extents, child.transfo, settings.keepMultiple)
+               : filterFernalStyle(child.pntPath, child.extents, child.transfo);
+}
+
+// Returns whether the child survives.
+bool finishNode(Node& child, const SplitSettings& settings, const ChildTally& tally)
+{
+    const uint64_t total = child.totalPoints();
+    if (total < kMinChildPoints)
+    {
+        dropChild(child, *settings.counts);
+        return false;
+    }
+    if (!settings.tandStyle && child.pointsOnDisk == 0 && child.numBuffered() > 0)
+        giveBufferedPointsTheNodeSize(child);
+
+    const uint64_t volume = child.extents.discreteVolume();
+    const bool keep = (volume >= kFilterThreshold || total <= volume) &&
+                      (!settings.tandStyle || child.filtered || total > kFilterThreshold);
+    if (keep)
+    {
+        if (child.pointsOnDisk > 0)
+        {
+            child.flushAndClose();
+            if (tally.visited != tally.kept)
+                child.renameToIndex(tally.kept);
+        }
+        else
+        {
+            if (tally.visited != tally.kept)
+                child.renameToIndex(tally.kept);
+            child.writeBuffersAsPnz();
+        }
+        // A finished tree holds thousands of nodes: none may keep its write buffers' memory.
+        child.buffers.clear();
+        return true;
+    }
+
+    child.flushAndClose();
+    FilteredPoints result = filterNode(child, settings);
+    child.filtered = true;
+    child.maxRadius = result.maxRadius;
+    child.pointsOnDisk = 0;
+    child.deletePntFiles();
+    settings.counts->filteredAway += total - result.points.size();
+    if (result.points.size() < kMinChildPoints)
+    {
+        settings.counts->inSmallChildren += result.points.size();
+        return false;
+    }
+    if (tally.visited != tally.kept)
+        child.renameToIndex(tally.kept);
+    child.buffers.add(result.points);
+    if (result.points.size() <= kMaxNodePoints)
+        child.writeBuffersAsPnz();
+    else
+        child.flushAndClose();  // left as a PNT to be split further
+    child.buffers.clear();
+    return true;
+}
+
+}  // namespace
+
+void createChildren(Node& node)
+{
+    node.children.clear();
+    node.children.reserve(8);
+    for (size_t index = 0; index < 8; ++index)
+    {
+        Node child;
+        child.buffers = SerializedPoints(node.hasClasses(), node.hasNormals());
+        child.buffers.m_buffer.reserve(kRecordBytes);
+        if (node.hasClasses())
+            child.buffers.m_classes.reserve(kClassBytes);
+        if (node.hasNormals())
+            child.buffers.m_normals.reserve(kNormalBytes);
+        child.pntPath = node.childPnt(index);
+        child.pnzPath = child.pntPath.substr(0, child.pntPath.size() - 4) + L".pnz";
+        child.transfo = node.transfo;
+        child.parent = &node;
+        child.filtered = node.filtered;
+        node.children.push_back(std::move(child));
+        // Copying a box turns an empty one into the origin cell; the child's box must start empty.
+        node.children.back().extents.reset();
+    }
+}
+
+uint64_t distributePoints(Node& node, const std::array<ExtentsI32, 8>& boxes, const std::wstring& pntFile,
+                          float radiusFactor, uint16_t scanId, TreeCounts& counts)
+{
+    uint64_t read = 0;
+    uint64_t outside = 0;
+    runPNT(pntFile,
+           [&](const IoLightPoint& original)
+           {
+               ++read;
+               IoLightPoint point = original;
+               if (radiusFactor == 0.0f)
+                   point.radius = 0.0f;
+               else if (radiusFactor != 1.0f)
+                   point.radius *= radiusFactor;
+               point.scanId = scanId;
+               for (size_t index = 0; index < boxes.size(); ++index)
+                   if (boxes[index].contains(point))
+                   {
+                       node.children[index].addPoint(point);
+                       return;
+                   }
+               // A point of a node lies in its box by construction: this is rounding or a damaged file.
+               ++outside;
+           });
+    counts.outsideBoxes += outside;
+    return read;
+}
+
+void finishChildren(Node& node, const SplitSettings& settings)
+{
+    ChildTally tally;
+    std::vector<Node> survivors;
+    survivors.reserve(node.children.size());
+    for (Node& child : node.children)
+    {
+        if (finishNode(child, settings, tally))
+        {
+            ++tally.kept;
+            survivors.push_back(std::move(child));
+        }
+        ++tally.visited;
+    }
+    // The survivors have no children yet, so moving them leaves no pointer behind.
+    node.children = std::move(survivors);
+}
+
+void splitNonRoot(Node& node, const SplitSettings& settings)
+{
+    if (node.numBuffered() > 0)
+        throw std::runtime_error("splitNonRoot: node should be flushed before splitting");
+    if (node.pointsOnDisk <= kMaxNodePoints)
+        return;
+    const std::array<ExtentsI32, 8> boxes = node.extents.split8(node.transfo);
+    createChildren(node);
+    distributePoints(node, boxes, node.pntPath, 1.0f, 0, *settings.counts);
+    finishChildren(node, settings);
+    node.deletePntFiles();
+    node.pointsOnDisk = 0;
+    node.filtered = false;
+}
+
+}  // namespace pc_preprocess

@@ -1,0 +1,32 @@
+#pragma once
+
+#include <array>
+#include <functional>
+#include <string>
+
+#include "octree/Node.h"
+#include "octree/TreeCounts.h"
+
+namespace pc_preprocess
+{
+
+// A child with fewer points than this is dropped, points and all.
+inline constexpr uint64_t kMinChildPoints = 5;
+
+// Eight empty children of `node`, named after it, taking its transfo, side-file flags and filter state.
+void createChildren(Node& node);
+
+// Streams the points of a PNT file into the children: each goes to the first child whose box holds it. A
+// radius factor of 1 keeps the radii, 0 clears them, any other value scales them; `scanId` replaces the
+// points' own. Returns the number of points read.
+uint64_t distributePoints(Node& node, const std::array<ExtentsI32, 8>& boxes, const std::wstring& pntFile,
+                          float radiusFactor, uint16_t scanId, TreeCounts& counts);
+
+// Ends the distribution into the children of `node`: each is kept as it is, filtered, or dropped, and the
+// survivors are renumbered so that their digits stay contiguous.
+void finishChildren(Node& node, const SplitSettings& settings);
+
+// Splits a node of more than 65536 points on disk into its children; a smaller node stays as it is.
+void splitNonRoot(Node& node, const SplitSettings& settings);
+
+}  // namespace pc_preprocess

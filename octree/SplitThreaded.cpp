@@ -1,0 +1,101 @@
+#include <algorithm>
+#include <cmath>
+#include <exception>
+#include <mutex>
+
+#include "octree/NodeQueue.h"
+#include "octree/NodeSplit.h"
+#include "octree/TreeWorkers.h"
+#include "services/IntervalWriter.h"
+#include "services/Logger.h"
+
+namespace pc_preprocess
+{
+
+namespace
+{
+
+// The work of splitting a node of n points: n for each level of the octree that will lie below it.
+double splitWork(uint64_t points)
+{
+    constexpr double kOneOverLn8 = 0.48089834696298783;
+    const double levels = std::ceil(std::log(double(points) / double(kMaxNodePoints)) * kOneOverLn8);
+    return std::max(levels, 0.0) * double(points);
+}
+
+class SplitPool
+{
+public:
+    SplitPool(size_t workers, const SplitSettings& settings, const std::shared_ptr<Logger>& logger,
+              const std::function<bool()>& cancel)
+        : m_queue(workers, cancel), m_settings(settings), m_logger(logger)
+    {
+    }
+
+    void enqueue(Node& node)
+    {
+        {
+            const std::lock_guard lock(m_progressMutex);
+            m_remaining += splitWork(node.pointsOnDisk);
+        }
+        m_queue.push(node);
+    }
+
+    bool run()
+    {
+        return m_queue.run(
+            [this](Node& node)
+            {
+                const uint64_t points = node.pointsOnDisk;
+                splitNonRoot(node, m_settings);
+                for (Node& child : node.children)
+                    if (child.pointsOnDisk > kMaxNodePoints)
+                        enqueue(child);
+                advance(points);
+            },
+            [this](const Node&, const std::exception& e)
+            { m_logger->error(std::string("ERROR splitting threaded :\n\t") + e.what()); });
+    }
+
+private:
+    void advance(uint64_t points)
+    {
+        const std::lock_guard lock(m_progressMutex);
+        m_done += double(points);
+        m_remaining = std::max(0.0, m_remaining - double(points));
+        const auto percent = static_cast<unsigned int>(50.0 * m_done / (m_done + m_remaining));
+        // New work may lower the share; the bar never goes back.
+        if (percent > m_reported)
+        {
+            m_reported = percent;
+            m_logger->updateProgress(2 * percent);
+        }
+    }
+
+    NodeQueue m_queue;
+    const SplitSettings m_settings;
+    const std::shared_ptr<Logger> m_logger;
+    std::mutex m_progressMutex;
+    double m_done = 0.0;
+    double m_remaining = 0.0;
+    unsigned int m_reported = 0;
+};
+
+}  // namespace
+
+bool splitRootChildrenThreaded(Node& root, uint64_t threads, const SplitSettings& settings,
+                               const std::shared_ptr<Logger>& logger, const std::function<bool()>& cancel)
+{
+    if (root.children.empty())
+        return true;
+    const size_t workers = std::max<size_t>(1, std::min<size_t>(root.children.size(), threads));
+    SplitPool pool(workers, settings, logger, cancel);
+    for (Node& child : root.children)
+        if (child.pointsOnDisk > kMaxNodePoints)
+            pool.enqueue(child);
+    logger->startProgress("splitting threaded");
+    const IntervalWriter repeater(logger);
+    return pool.run();
+}
+
+}  // namespace pc_preprocess
