@@ -14,20 +14,24 @@ step "pcprep sample $out"
 step "pcprep info $out/las/room-tile.las (the header, first lines)"
 "$pcprep" info "$out/las/room-tile.las" | head -n 24
 
-step "pcprep run --cache $out/cache --convert-only $out/pts/*.pts $out/las/room-tile.las"
-"$pcprep" run --cache "$out/cache" --convert-only "$out"/pts/*.pts "$out/las/room-tile.las"
+step "pcprep run --cache $out/cache $out/pts/*.pts $out/las/room-tile.las (the octree of three scans and a tile)"
+"$pcprep" run --cache "$out/cache" "$out"/pts/*.pts "$out/las/room-tile.las"
+step "pcprep verify $out/cache"
+"$pcprep" verify "$out/cache"
 step "pcprep info $out/cache"
 "$pcprep" info "$out/cache"
 
-step "pcprep run --cache $out/ptx-cache --convert-only $out/ptx/room-scans.ptx (two scans with panoramas)"
-"$pcprep" run --cache "$out/ptx-cache" --convert-only "$out/ptx/room-scans.ptx"
-step "pcprep info $out/ptx-cache"
-"$pcprep" info "$out/ptx-cache"
+step "pcprep run --cache $out/ptx-cache $out/ptx/room-scans.ptx (two scans with panoramas)"
+"$pcprep" run --cache "$out/ptx-cache" "$out/ptx/room-scans.ptx"
+step "pcprep verify $out/ptx-cache"
+"$pcprep" verify "$out/ptx-cache"
 printf '\nThe panoramas of the two scans, a colour view and a normal map each, are in %s:\n' "$out/ptx-cache/Bubbles"
 ls -1 "$out/ptx-cache/Bubbles"
 
-step "pcprep export $out/cache/Data/*-temp.pnt $out/room.laz"
-"$pcprep" export "$out"/cache/Data/*-temp.pnt "$out/room.laz"
+step "pcprep export $out/cache $out/room.laz (every point, from the leaves)"
+"$pcprep" export "$out/cache" "$out/room.laz"
+step "pcprep export $out/cache $out/room-overview.pts --depth 1 (the cloud as a viewer shows it at depth 1)"
+"$pcprep" export "$out/cache" "$out/room-overview.pts" --depth 1
 
 step "pcprep compress $out/sample-room.pnt"
 "$pcprep" compress "$out/sample-room.pnt"

@@ -5,6 +5,7 @@
 #include <spawn.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -12,9 +13,12 @@
 #include <sstream>
 #include <thread>
 
+#include "cachefiles/PnzFiles.h"
+#include "cachefiles/VrmFile.h"
 #include "core/StringConversion.h"
 #include "support/FileText.h"
 #include "support/PtsSamples.h"
+#include "support/SyntheticCache.h"
 #include "support/TempFolder.h"
 
 extern char** environ;
@@ -90,7 +94,83 @@ int runPcprep(const pcp_test::TempFolder& folder, const std::vector<std::string>
     return status;
 }
 
+// The most different radii that one leaf of a finished cache holds. Scans with panoramas are thinned by their
+// spacing, which grows with the distance from the scanner; other points take the size of their node.
+size_t mostRadiiInALeaf(const fs::path& data, const pc_preprocess::VrmNode& node)
+{
+    if (!node.children.empty())
+    {
+        size_t most = 0;
+        for (const pc_preprocess::VrmNode& child : node.children)
+            most = std::max(most, mostRadiiInALeaf(data, child));
+        return most;
+    }
+    pc_preprocess::IoTransfo transfo;
+    std::vector<pc_preprocess::IoLightPoint> points;
+    pc_preprocess::readPNZ(
+        pc_preprocess::toWide(data / pc_preprocess::toPath(node.file).replace_extension(".pnz")), transfo,
+        points);
+    std::set<float> radii;
+    for (const pc_preprocess::IoLightPoint& p : points)
+        radii.insert(p.radius);
+    return radii.size();
+}
+
+// The line of `pcprep info` that sums up a cache's tree.
+std::string treeLine(const pcp_test::TempFolder& temp, const fs::path& cache)
+{
+    std::string out;
+    runPcprep(temp, {"info", cache.string()}, &out);
+    const size_t start = out.find("Tree          depth");
+    return start == std::string::npos ? "no tree in: " + out
+                                      : out.substr(start, out.find('\n', start) - start);
+}
+
 }  // namespace
+
+TEST(Pcprep, FullRunsOfEveryInputFormatEndInASoundCache)
+{
+    pcp_test::TempFolder temp;
+    const fs::path sample = temp.path() / "s";
+    ASSERT_EQ(runPcprep(temp, {"sample", sample.string(), "--parts", "pts,las,ptx", "--points", "60000",
+                               "--scans", "2", "--ptx-points", "200000"}),
+              0);
+    const fs::path las = sample / "las" / "room-tile.las";
+    const fs::path laz = temp.path() / "room-tile.laz";
+    const std::vector<std::pair<std::string, std::vector<std::string>>> runs = {
+        {"pts",
+         {(sample / "pts" / "room-scan-1.pts").string(), (sample / "pts" / "room-scan-2.pts").string()}},
+        {"ptx", {(sample / "ptx" / "room-scans.ptx").string()}},
+        {"las", {las.string()}},
+        {"laz", {laz.string()}}};
+    for (const auto& [name, inputs] : runs)
+    {
+        SCOPED_TRACE(name);
+        const fs::path cache = temp.path() / ("cache-" + name);
+        if (name == "laz")
+        {
+            // The LAS tile's points, every leaf of its cache, compressed.
+            ASSERT_EQ(runPcprep(temp, {"export", (temp.path() / "cache-las").string(), laz.string()}), 0);
+        }
+        std::vector<std::string> arguments = {"run", "--cache", cache.string(), "--threads", "2"};
+        arguments.insert(arguments.end(), inputs.begin(), inputs.end());
+        std::string out, err;
+        ASSERT_EQ(runPcprep(temp, arguments, &out, &err), 0) << err;
+        ASSERT_EQ(runPcprep(temp, {"verify", cache.string()}, &out, &err), 0) << out << err;
+        EXPECT_EQ(out.rfind("cache is sound: ", 0), 0u) << out;
+
+        const size_t radii = mostRadiiInALeaf(
+            cache / "Data", pc_preprocess::readVrm(pc_preprocess::toWide(cache / "cache.vrm")));
+        if (name == "ptx")
+            EXPECT_GT(radii, 2u);
+        else
+            EXPECT_LE(radii, 2u);
+    }
+    // Nothing of the tile is lost on its way through the LAZ file.
+    const std::string lasTree = treeLine(temp, temp.path() / "cache-las");
+    EXPECT_NE(lasTree.find("leaves with 96800 points"), std::string::npos) << lasTree;
+    EXPECT_EQ(treeLine(temp, temp.path() / "cache-laz"), lasTree);
+}
 
 TEST(Pcprep, RunConvertsAndReportsLikeAHost)
 {
@@ -190,7 +270,7 @@ TEST(Pcprep, HelpAndNodeInfo)
     pcp_test::TempFolder temp;
     std::string out;
     EXPECT_EQ(runPcprep(temp, {"--help"}, &out), 0);
-    for (const char* command : {"run", "info", "sample", "compress", "decompress"})
+    for (const char* command : {"run", "info", "sample", "compress", "decompress", "verify"})
         EXPECT_NE(out.find(command), std::string::npos) << command;
     EXPECT_EQ(runPcprep(temp, {"help", "run"}, &out), 0);
     EXPECT_NE(out.find("--convert-only"), std::string::npos);
@@ -200,4 +280,132 @@ TEST(Pcprep, HelpAndNodeInfo)
     ASSERT_EQ(runPcprep(temp, {"info", (temp.path() / "s" / "sample-room.pnz").string()}, &out), 0);
     EXPECT_NE(out.find("Points        50000"), std::string::npos) << out;
     EXPECT_NE(out.find("class 2 x"), std::string::npos) << out;
+}
+
+TEST(Pcprep, SoundCacheVerifiesDescribesAndExports)
+{
+    pcp_test::TempFolder temp;
+    const pcp_test::SyntheticCache cache = pcp_test::writeSyntheticCache(temp.path() / "cache");
+    const std::string folder = cache.folder.string();
+    const std::string leafPoints = std::to_string(cache.leafPoints());
+    std::string out, err;
+    EXPECT_EQ(runPcprep(temp, {"verify", folder}, &out, &err), 0) << out << err;
+    EXPECT_EQ(out, "cache is sound: 6 nodes, " + leafPoints + " points in 4 leaves\n");
+    EXPECT_EQ(runPcprep(temp, {"verify", cache.vrm.string()}, &out), 0) << out;
+
+    ASSERT_EQ(runPcprep(temp, {"info", folder}, &out, &err), 0) << err;
+    EXPECT_NE(out.find("Tree          depth 2, 6 nodes, 4 leaves with " + leafPoints + " points\n"),
+              std::string::npos)
+        << out;
+    const size_t rootPoints = cache.points.at("0").size();
+    EXPECT_NE(out.find("  level 0     1 node, " + std::to_string(rootPoints) + " points\n"),
+              std::string::npos)
+        << out;
+    EXPECT_NE(out.find("  level 2     2 nodes, 210 points\n"), std::string::npos) << out;
+    EXPECT_NE(out.find("Node files    6 PNZ ("), std::string::npos) << out;
+    EXPECT_NE(out.find(", 0 PNT (0.00B)\n"), std::string::npos) << out;
+
+    // All leaves by default, which are all points; one depth on request, with the leaves above it.
+    const fs::path all = temp.path() / "all.pts";
+    ASSERT_EQ(runPcprep(temp, {"export", folder, all.string()}, &out, &err), 0) << err;
+    EXPECT_NE(out.find("Wrote " + leafPoints + " points from 4 files"), std::string::npos) << out;
+    EXPECT_EQ(std::count(std::istreambuf_iterator<char>(std::ifstream(all).rdbuf()), {}, '\n'),
+              1 + cache.leafPoints());
+    const fs::path top = temp.path() / "top.pts";
+    ASSERT_EQ(runPcprep(temp, {"export", folder, top.string(), "--depth", "0"}, &out, &err), 0) << err;
+    EXPECT_NE(out.find("Wrote " + std::to_string(rootPoints) + " points from 1 file "), std::string::npos)
+        << out;
+    const fs::path middle = temp.path() / "middle.pts";
+    ASSERT_EQ(runPcprep(temp, {"export", folder, middle.string(), "--depth", "1"}, &out, &err), 0) << err;
+    const size_t middlePoints =
+        cache.points.at("00").size() + cache.points.at("01").size() + cache.points.at("02").size();
+    EXPECT_NE(out.find("Wrote " + std::to_string(middlePoints) + " points from 3 files"), std::string::npos)
+        << out;
+    EXPECT_EQ(
+        runPcprep(temp, {"export", folder, (temp.path() / "deep.pts").string(), "--depth", "3"}, &out, &err),
+        2);
+    EXPECT_NE(err.find("has the depths 0 to 2"), std::string::npos) << err;
+
+    // Cut down to its root, the cache may keep the root's classes and normals beside it.
+    pcp_test::SyntheticCache single = cache;
+    single.root.children.clear();
+    pc_preprocess::writeVrm(pc_preprocess::toWide(single.vrm), single.root);
+    for (const auto& [stem, points] : cache.points)
+        if (stem != "0")
+            fs::remove(cache.nodeFile(stem, ".pnz"));
+    std::ofstream(cache.nodeFile("0-class", ".pnt")) << std::string(rootPoints, '\x02');
+    EXPECT_EQ(runPcprep(temp, {"verify", folder}, &out), 0) << out;
+    EXPECT_EQ(out, "cache is sound: 1 node, " + std::to_string(rootPoints) + " points in 1 leaf\n");
+}
+
+TEST(Pcprep, CompressAndDecompressAWholeCache)
+{
+    pcp_test::TempFolder temp;
+    const pcp_test::SyntheticCache cache = pcp_test::writeSyntheticCache(temp.path() / "cache");
+    std::string out, err;
+    ASSERT_EQ(runPcprep(temp, {"decompress", cache.folder.string(), "--threads", "2"}, &out, &err), 0) << err;
+    EXPECT_NE(out.find("Node files    0 PNT files (0.00B), 6 PNZ files ("), std::string::npos) << out;
+    EXPECT_NE(out.find("Decompressed  6 PNZ files ("), std::string::npos) << out;
+    EXPECT_NE(out.find(") into 6 PNT files ("), std::string::npos) << out;
+    EXPECT_NE(out.find("with 2 threads"), std::string::npos) << out;
+    for (const auto& [stem, points] : cache.points)
+        EXPECT_EQ(fs::file_size(cache.nodeFile(stem, ".pnt")), 50 + 26 * points.size()) << stem;
+
+    // A plain cache is not a finished one: verify names every plain node.
+    EXPECT_EQ(runPcprep(temp, {"verify", cache.folder.string()}, &out), 1);
+    EXPECT_NE(out.find("Data/01.pnz: missing; the node is the plain file 01.pnt"), std::string::npos) << out;
+    EXPECT_NE(out.find("6 problems found in"), std::string::npos) << out;
+
+    ASSERT_EQ(runPcprep(temp, {"compress", cache.vrm.string()}, &out, &err), 0) << err;
+    EXPECT_NE(out.find("Compressed    6 PNT files ("), std::string::npos) << out;
+    ASSERT_EQ(runPcprep(temp, {"compress", cache.folder.string()}, &out, &err), 0) << err;
+    EXPECT_NE(out.find("Nothing to compress: every node file is compressed (PNZ) already"), std::string::npos)
+        << out;
+    EXPECT_EQ(runPcprep(temp, {"verify", cache.folder.string()}, &out), 0) << out;
+
+    // A node missing: the whole command fails and names it.
+    fs::remove(cache.nodeFile("02", ".pnz"));
+    EXPECT_EQ(runPcprep(temp, {"decompress", cache.folder.string()}, &out, &err), 1);
+    EXPECT_NE(err.find("02.pnz do NOT exist."), std::string::npos) << err;
+    EXPECT_EQ(runPcprep(temp, {"compress", cache.folder.string(), "--replace"}, &out, &err), 2);
+}
+
+TEST(Pcprep, VerifyNamesEachProblem)
+{
+    pcp_test::TempFolder temp;
+    pcp_test::SyntheticCache cache = pcp_test::writeSyntheticCache(temp.path() / "cache");
+    // The VRM claims a smaller box and another count for one node.
+    pc_preprocess::VrmNode& node = pcp_test::findNode(cache.root, "02");
+    node.box[3] -= 0.05;
+    node.numPoints += 1;
+    pc_preprocess::writeVrm(pc_preprocess::toWide(cache.vrm), cache.root);
+    // Left behind: a plain node file, a scan's temporary files, side files in a tree of many nodes, a node
+    // that the tree does not name.
+    fs::copy_file(cache.nodeFile("02", ".pnz"), cache.nodeFile("01", ".pnt"));
+    std::ofstream(cache.nodeFile("scan-0-temp", ".pnt")) << "x";
+    std::ofstream(cache.nodeFile("scan-0-temp", ".meta")) << "x";
+    std::ofstream(cache.nodeFile("0-class", ".pnt")) << std::string(cache.points.at("0").size(), '\x01');
+    fs::copy_file(cache.nodeFile("02", ".pnz"), cache.nodeFile("03", ".pnz"));
+    // An unfinished run's key file.
+    std::ofstream(cache.folder / "cache.key") << "cache\n0";
+
+    std::string out, err;
+    EXPECT_EQ(runPcprep(temp, {"verify", cache.folder.string()}, &out, &err), 1) << err;
+    const std::vector<std::string> problems = {
+        "cache.key: the size is 0: the run that wrote the cache did not finish\n",
+        "Data/02.pnz: 60 points, but the VRM says 61\n",
+        " of 60 points lie outside the node's box in the VRM, the first at (11.1700, ",
+        "Data/0-class.pnt: a side file, but only a cache of a single node keeps classes and normals\n",
+        "Data/01.pnt: a plain file left behind; a finished cache holds PNZ files only\n",
+        "Data/03.pnz: a node file that the VRM does not name\n",
+        "Data/scan-0-temp.meta: a temporary file of the run is left behind\n",
+        "Data/scan-0-temp.pnt: a temporary file of the run is left behind\n",
+        "8 problems found in " + cache.folder.string() + "\n"};
+    for (const std::string& problem : problems)
+        EXPECT_NE(out.find(problem), std::string::npos) << problem << "\n" << out;
+    EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 9) << out;
+
+    // A folder without a tree is no cache to verify.
+    EXPECT_EQ(runPcprep(temp, {"verify", temp.path().string()}, &out), 1);
+    EXPECT_NE(out.find("holds no octree cache: no .vrm file in it"), std::string::npos) << out;
 }

@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
-# A disk that really fills: pcprep runs with its cache folder on a 1 MiB tmpfs, mounted in a private mount
-# namespace, and converts a file five times that size. Expected: exit status 1, "Disk full?" in the log, the
-# progress file saying FAIL, and nothing else left in the folder. Skipped (77) where namespaces are not allowed.
+# A disk that really fills: pcprep runs with its cache folder on a small tmpfs, mounted in a private mount
+# namespace. Twice: a conversion of a file five times the disk's size, and a full run on a disk that holds
+# the converted scans but not the tree that is split from them. Expected each time: exit status 1, "Disk
+# full?" in the log, the progress file saying FAIL, and nothing else left in the folder. Skipped (77) where
+# namespaces are not allowed.
 set -euo pipefail
 pcprep=$1
 work=$(mktemp -d)
@@ -11,24 +13,42 @@ if ! unshare -rm true 2> /dev/null; then
   echo "skipped: this machine does not allow a private mount namespace (unshare -rm)"
   exit 77
 fi
-"$pcprep" sample "$work/sample" --parts pts --scans 1 --points 200000 > /dev/null
-mkdir "$work/small"
-unshare -rm sh -c '
-  mount -t tmpfs -o size=1m tmpfs "$1" || exit 77
-  "$2" run --cache "$1/cache" --convert-only "$3" > "$4/out" 2> "$4/err"
-  echo $? > "$4/status"
-  ls -A "$1/cache" > "$4/left"
-  cp "$1/cache/cache.log" "$4/log"
-  cp "$1/cache/cache.pct" "$4/pct"
-' sh "$work/small" "$pcprep" "$work/sample/pts/room-scan-1.pts" "$work" || {
-  status=$?
-  [ "$status" -eq 77 ] && { echo "skipped: tmpfs cannot be mounted here"; exit 77; }
-  exit "$status"
+fail() { echo "FAILED: $*"; cat "$work/err" "$work/log"; exit 1; }
+
+# Runs pcprep with the given run options and input on a tmpfs of the given size, and checks the outcome: the
+# error of the stage that met the full disk.
+run_on_small_disk() {
+  local size=$1 stage=$2 error=$3
+  shift 3
+  rm -rf "$work/small" && mkdir "$work/small"
+  unshare -rm sh -c '
+    mount -t tmpfs -o "size=$1" tmpfs "$2" || exit 77
+    shift 2
+    out=$1
+    shift
+    "$@" > "$out/out" 2> "$out/err"
+    echo $? > "$out/status"
+    ls -A "$out/small/cache" > "$out/left"
+    cp "$out/small/cache/cache.log" "$out/log"
+    cp "$out/small/cache/cache.pct" "$out/pct"
+  ' sh "$size" "$work/small" "$work" "$pcprep" run --cache "$work/small/cache" "$@" || {
+    status=$?
+    [ "$status" -eq 77 ] && { echo "skipped: tmpfs cannot be mounted here"; exit 77; }
+    exit "$status"
+  }
+  [ "$(cat "$work/status")" = 1 ] || fail "$stage: exit status $(cat "$work/status"), expected 1"
+  [ "$(tr '\n' ' ' < "$work/left")" = "cache.log cache.pct " ] || fail "$stage: left $(cat "$work/left")"
+  grep -q "Disk full?" "$work/log" || fail "$stage: no 'Disk full?' in the log"
+  grep -q "$error" "$work/log" || fail "$stage: no '$error' in the log"
+  [ "$(cat "$work/pct")" = FAIL ] || fail "$stage: progress file says $(cat "$work/pct")"
+  echo "a full disk in $stage ended the run with FAIL and only the log left"
 }
 
-fail() { echo "FAILED: $*"; cat "$work/err"; exit 1; }
-[ "$(cat "$work/status")" = 1 ] || fail "exit status $(cat "$work/status"), expected 1"
-[ "$(tr '\n' ' ' < "$work/left")" = "cache.log cache.pct " ] || fail "left in the folder: $(cat "$work/left")"
-grep -q "Disk full?" "$work/log" || fail "no 'Disk full?' in the log"
-[ "$(cat "$work/pct")" = FAIL ] || fail "progress file says $(cat "$work/pct")"
-echo "a full disk ended the run with FAIL and only the log left"
+"$pcprep" sample "$work/sample" --parts pts --scans 2 --points 400000 > /dev/null
+run_on_small_disk 1m "the conversion" "ERROR reading" --convert-only "$work/sample/pts/room-scan-1.pts"
+
+# The converted scans take some room; the root's split writes the first scan again before deleting it.
+"$pcprep" run --cache "$work/measure" --convert-only "$work"/sample/pts/*.pts > /dev/null 2>&1
+scans_kb=$(du -sk "$work/measure/Data" | cut -f1)
+rm -rf "$work/measure"
+run_on_small_disk "$((scans_kb * 13 / 10 + 64))k" "the root's split" "ERROR splitting root" "$work"/sample/pts/*.pts

@@ -1,7 +1,10 @@
 #include "pcprep/ArgumentParser.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
+#include <thread>
 
 namespace pcprep
 {
@@ -57,6 +60,14 @@ uint64_t ParsedArguments::number(const std::string& option, uint64_t fallback) c
     if (text.empty() || *end != '\0' || errno == ERANGE || text[0] == '-')
         throw UsageError("option " + option + " needs a whole number, not '" + text + "'");
     return value;
+}
+
+unsigned ParsedArguments::threadCount() const
+{
+    const uint64_t threads = number("--threads", std::max(1u, std::thread::hardware_concurrency()));
+    if (threads == 0 || threads > UINT_MAX)
+        throw UsageError("--threads needs at least 1");
+    return static_cast<unsigned>(threads);
 }
 
 }  // namespace pcprep

@@ -30,6 +30,8 @@ public:
     bool has(const std::string& option) const { return m_options.count(option) != 0; }
     uint64_t number(const std::string& option, uint64_t fallback) const;
     std::string text(const std::string& option, const std::string& fallback) const;
+    // "--threads N": the worker count of a job, 1 or more; all hardware threads without the option.
+    unsigned threadCount() const;
 
 private:
     std::vector<std::string> m_positional;

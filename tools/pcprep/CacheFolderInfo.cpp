@@ -11,6 +11,7 @@
 #include "cachefiles/PntFormat.h"
 #include "core/FileSizeString.h"
 #include "core/StringConversion.h"
+#include "pcprep/CacheTree.h"
 #include "pcprep/Command.h"
 #include "scanview/TopoDef.h"
 
@@ -105,6 +106,65 @@ void printScans(const std::wstring& vrpFile)
     }
 }
 
+// Files of a form on disk and their bytes.
+struct FileTally
+{
+    uint64_t files = 0;
+    uint64_t bytes = 0;
+
+    void add(const fs::path& file)
+    {
+        ++files;
+        bytes += fs::file_size(file);
+    }
+    std::string text(const char* form) const
+    {
+        return std::to_string(files) + " " + form + " (" + getFileSizePrettyString(bytes) + ")";
+    }
+};
+
+// The octree by its VRM: the nodes and points of each level, and the node files on disk in either form.
+void printTree(const fs::path& vrmFile)
+{
+    const CacheTree tree = findCacheTree(vrmFile);
+    pc_preprocess::VrmNode root;
+    try
+    {
+        root = pc_preprocess::readVrm(toWide(tree.vrmFile));
+    }
+    catch (const std::exception& e)
+    {
+        std::printf("%-13s %s\n", "Tree", e.what());
+        return;
+    }
+    const TreeSummary summary = summarizeTree(root);
+    std::printf("%-13s depth %zu, %s, %s with %llu points\n", "Tree", summary.levels.size() - 1,
+                counted(summary.nodes, "node", "nodes").c_str(),
+                counted(summary.leaves, "leaf", "leaves").c_str(),
+                static_cast<unsigned long long>(summary.leafPoints));
+    for (size_t depth = 0; depth < summary.levels.size(); ++depth)
+        std::printf("  level %-5zu %s, %llu points\n", depth,
+                    counted(summary.levels[depth].nodes, "node", "nodes").c_str(),
+                    static_cast<unsigned long long>(summary.levels[depth].points));
+
+    FileTally pnz, pnt;
+    uint64_t missing = 0;
+    forEachNode(root,
+                [&](const pc_preprocess::VrmNode& node, unsigned)
+                {
+                    const fs::path compressed = tree.nodeFile(node, ".pnz");
+                    const fs::path plain = tree.nodeFile(node, ".pnt");
+                    if (fs::is_regular_file(compressed))
+                        pnz.add(compressed);
+                    if (fs::is_regular_file(plain))
+                        pnt.add(plain);
+                    if (!fs::exists(compressed) && !fs::exists(plain))
+                        ++missing;
+                });
+    std::printf("%-13s %s, %s%s\n", "Node files", pnz.text("PNZ").c_str(), pnt.text("PNT").c_str(),
+                missing ? (", " + counted(missing, "node", "nodes") + " without a file").c_str() : "");
+}
+
 void printPointFolder(const fs::path& data)
 {
     if (!fs::is_directory(data))
@@ -142,6 +202,8 @@ int describeCacheFolder(const fs::path& folder)
     printKeyFile(entry);
     if (!entry.treeFile.empty())
         std::printf("%-13s %s\n", "Tree file", toPath(entry.treeFile).filename().string().c_str());
+    if (entry.kind == pointcloud_def::PcCacheKind::kOctree)
+        printTree(toPath(entry.treeFile));
     printLogs(folder);
     const fs::path frameFile = folder / pc_preprocess::kTopoDefFileName;
     if (fs::exists(frameFile))

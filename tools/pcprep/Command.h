@@ -34,5 +34,6 @@ int describeCacheFolder(const std::filesystem::path& folder);
 int runSample(const Arguments& arguments);
 int runCompress(const Arguments& arguments);
 int runDecompress(const Arguments& arguments);
+int runVerify(const Arguments& arguments);
 
 }  // namespace pcprep

@@ -1,8 +1,11 @@
-// pcprep export: points of node files or per-scan point files out to a PTS or LAZ file.
+// pcprep export: points of node files, per-scan point files or a cache's tree out to a PTS or LAZ file.
 #include <cstdio>
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <stdexcept>
+#include <string>
+#include <vector>
 
 #include "cachefiles/PntFiles.h"
 #include "cachefiles/PnzFiles.h"
@@ -13,6 +16,7 @@
 #include "exporters/PtsExporter.h"
 #include "geom/Matrix3d.h"
 #include "pcprep/ArgumentParser.h"
+#include "pcprep/CacheTree.h"
 #include "pcprep/Command.h"
 
 namespace pcprep
@@ -98,18 +102,56 @@ private:
     std::vector<IoLightPoint> m_points;
 };
 
+// The node files of a cache that together hold its points at one level of detail: those of the nodes at the
+// depth, and of the leaves that end above it; without a depth, the leaves, which hold every point.
+std::vector<fs::path> cacheSources(const fs::path& cache, const ParsedArguments& parsed)
+{
+    const CacheTree tree = findCacheTree(cache);
+    const pc_preprocess::VrmNode root = pc_preprocess::readVrm(pc_preprocess::toWide(tree.vrmFile));
+    const TreeSummary summary = summarizeTree(root);
+    const uint64_t depth = parsed.number("--depth", summary.levels.size() - 1);
+    if (depth >= summary.levels.size())
+        throw UsageError("--depth: the tree of " + cache.string() + " has the depths 0 to " +
+                         std::to_string(summary.levels.size() - 1));
+    std::vector<fs::path> sources;
+    forEachNode(root,
+                [&](const pc_preprocess::VrmNode& node, unsigned nodeDepth)
+                {
+                    if (nodeDepth > depth || (nodeDepth < depth && !node.isLeaf()))
+                        return;
+                    const std::optional<fs::path> file = tree.nodeFileOnDisk(node);
+                    if (!file)
+                        throw std::runtime_error("the node file of " + pc_preprocess::ws2s(node.file) +
+                                                 " is missing in " + tree.pointFolder.string());
+                    sources.push_back(*file);
+                });
+    return sources;
+}
+
+std::vector<fs::path> fileSources(const ParsedArguments& parsed)
+{
+    if (parsed.has("--depth"))
+        throw UsageError("--depth is for a cache as the source");
+    std::vector<fs::path> sources(parsed.positional().begin(), parsed.positional().end() - 1);
+    for (const fs::path& source : sources)
+        if (source.extension() != ".pnt" && source.extension() != ".pnz")
+            throw UsageError(
+                "a source must be a cache folder, a node file or a scan's point file (.pnt or "
+                ".pnz), not " +
+                source.string());
+    return sources;
+}
+
 }  // namespace
 
 int runExport(const Arguments& arguments)
 {
-    const ParsedArguments parsed(arguments, {});
+    const ParsedArguments parsed(arguments, {{"--depth", true}});
     if (parsed.positional().size() < 2)
         throw UsageError("expected SOURCE... OUT");
-    std::vector<fs::path> sources(parsed.positional().begin(), parsed.positional().end() - 1);
-    for (const fs::path& source : sources)
-        if (source.extension() != ".pnt" && source.extension() != ".pnz")
-            throw UsageError("a source must be a node file or a scan's point file (.pnt or .pnz), not " +
-                             source.string());
+    const fs::path& first = parsed.positional().front();
+    const bool fromCache = parsed.positional().size() == 2 && namesCache(first);
+    const std::vector<fs::path> sources = fromCache ? cacheSources(first, parsed) : fileSources(parsed);
     const fs::path target = parsed.positional().back();
 
     SourceReader reader(sources);

@@ -1,11 +1,13 @@
-// pcprep sample: the built-in sample, a furnished room scanned by simulation: a node file with both side
-// files, and a PTS project of several scans.
+// pcprep sample: the built-in sample, a furnished room scanned by simulation (a node file with both side
+// files, a PTS project of several scans, a LAS tile and a PTX file), and on request an outdoor LAS tile of an
+// airborne survey, large enough for the tree builder's benchmark.
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <limits>
 #include <stdexcept>
 
 #include "cachefiles/SerializedPoints.h"
@@ -14,6 +16,7 @@
 #include "core/StringConversion.h"
 #include "pcprep/ArgumentParser.h"
 #include "pcprep/Command.h"
+#include "sample/AirborneSurvey.h"
 #include "sample/LasWriter.h"
 #include "sample/PtsWriter.h"
 #include "sample/PtxWriter.h"
@@ -133,6 +136,17 @@ void writeSampleTile(const std::filesystem::path& folder)
                 pc_preprocess::getFileSizePrettyString(std::filesystem::file_size(path)).c_str());
 }
 
+// The outdoor tile, streamed to disk as the survey flies: any number of points in the same small memory.
+void writeSampleTerrain(const std::filesystem::path& folder, uint64_t points)
+{
+    std::filesystem::create_directories(folder);
+    const std::filesystem::path path = folder / "terrain-tile.las";
+    const uint64_t written = pcp_sample::writeTerrainTile(path.string(), points);
+    std::printf("LAS tile    %s: %llu points of an airborne survey, LAS 1.2 point format 3, UTM 32N (%s)\n",
+                path.string().c_str(), static_cast<unsigned long long>(written),
+                pc_preprocess::getFileSizePrettyString(std::filesystem::file_size(path)).c_str());
+}
+
 // A PTX file holding two scans of the room from two positions, each in its own frame with its pose.
 void writeSamplePtx(const std::filesystem::path& folder, uint64_t points)
 {
@@ -151,18 +165,20 @@ void writeSamplePtx(const std::filesystem::path& folder, uint64_t points)
                 pc_preprocess::getFileSizePrettyString(bytes).c_str());
 }
 
-// The parts of the sample to write, from a comma-separated list.
+// The parts of the sample to write, from a comma-separated list. The outdoor tile is written on request only:
+// made for benchmarks, it would add a quarter to the time of the default sample and 65 MB to its size.
 struct SampleParts
 {
     bool node = true;
     bool pts = true;
     bool las = true;
     bool ptx = true;
+    bool terrain = false;
 };
 
 SampleParts parseParts(const std::string& list)
 {
-    SampleParts parts{false, false, false, false};
+    SampleParts parts{false, false, false, false, false};
     std::string rest = list + ",";
     for (size_t comma; (comma = rest.find(',')) != std::string::npos; rest.erase(0, comma + 1))
     {
@@ -175,8 +191,10 @@ SampleParts parseParts(const std::string& list)
             parts.las = true;
         else if (part == "ptx")
             parts.ptx = true;
+        else if (part == "terrain")
+            parts.terrain = true;
         else
-            throw UsageError("--parts takes node, pts, las and ptx, not '" + part + "'");
+            throw UsageError("--parts takes node, pts, las, ptx and terrain, not '" + part + "'");
     }
     return parts;
 }
@@ -185,14 +203,20 @@ SampleParts parseParts(const std::string& list)
 
 int runSample(const Arguments& arguments)
 {
-    const ParsedArguments parsed(
-        arguments, {{"--points", true}, {"--scans", true}, {"--ptx-points", true}, {"--parts", true}});
+    const ParsedArguments parsed(arguments, {{"--points", true},
+                                             {"--scans", true},
+                                             {"--ptx-points", true},
+                                             {"--terrain-points", true},
+                                             {"--parts", true}});
     parsed.expectPositional(1, "one FOLDER");
     const uint64_t points = parsed.number("--points", 300000);
     const uint64_t scans = parsed.number("--scans", 3);
     const uint64_t ptxPoints = parsed.number("--ptx-points", 2000000);
-    if (scans == 0 || scans > 5 || points == 0 || ptxPoints == 0)
-        throw UsageError("--scans takes 1 to 5, --points and --ptx-points at least 1");
+    const uint64_t terrainPoints = parsed.number("--terrain-points", 2000000);
+    if (scans == 0 || scans > 5 || points == 0 || ptxPoints == 0 || terrainPoints == 0)
+        throw UsageError("--scans takes 1 to 5, --points, --ptx-points and --terrain-points at least 1");
+    if (terrainPoints > std::numeric_limits<uint32_t>::max())
+        throw UsageError("--terrain-points takes at most 4294967295, the most a LAS 1.2 header counts");
     const SampleParts parts = parsed.has("--parts") ? parseParts(parsed.text("--parts", "")) : SampleParts{};
     const std::filesystem::path folder(parsed.positional()[0]);
     std::filesystem::create_directories(folder);
@@ -204,6 +228,8 @@ int runSample(const Arguments& arguments)
         writeSampleTile(folder / "las");
     if (parts.ptx)
         writeSamplePtx(folder / "ptx", ptxPoints);
+    if (parts.terrain)
+        writeSampleTerrain(folder / "las", terrainPoints);
     return 0;
 }
 

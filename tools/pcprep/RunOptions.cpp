@@ -3,7 +3,6 @@
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
-#include <thread>
 
 #include "pcprep/ArgumentParser.h"
 
@@ -95,9 +94,7 @@ RunOptions parseRunOptions(const Arguments& arguments)
         options.scale = positiveNumber("--scale", parsed.text("--scale", ""));
     if (parsed.has("--input-scale"))
         options.inputScale = positiveNumber("--input-scale", parsed.text("--input-scale", ""));
-    options.threads = static_cast<unsigned>(parsed.number("--threads", std::thread::hardware_concurrency()));
-    if (options.threads == 0)
-        throw UsageError("--threads needs at least 1");
+    options.threads = parsed.threadCount();
     options.convertOnly = parsed.has("--convert-only");
     options.noPanoramaStyle = parsed.has("--no-panorama-style");
     options.hspc = parsed.has("--hspc");

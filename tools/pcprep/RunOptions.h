@@ -17,7 +17,7 @@ struct RunOptions
     std::string name = "cache";
     double scale = 0.001;     // the cache's coordinate step
     double inputScale = 1.0;  // one input unit in the cache's units
-    unsigned threads = 0;     // 0: all hardware threads
+    unsigned threads = 1;     // all hardware threads unless --threads says otherwise
     bool convertOnly = false;
     bool noPanoramaStyle = false;
     bool hspc = false;

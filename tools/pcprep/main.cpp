@@ -60,7 +60,10 @@ const Command kCommands[] = {
      "\n"
      "For a cache folder: its kind, whether it is complete (from the key file), its size, the progress "
      "file's\n"
-     "last word, the scans of its VRP and what its point folder holds.\n"
+     "last word, the scans of its VRP and what its point folder holds; for an octree also its tree from the\n"
+     "VRM: the depth, the nodes and points of each level, the leaves and their points, and the node files "
+     "on\n"
+     "disk in each form (PNZ and PNT).\n"
      "For a LAS or LAZ file: every field of its header and variable length records, and the coordinate "
      "system\n"
      "as WKT.\n"
@@ -69,19 +72,25 @@ const Command kCommands[] = {
      "\n"
      "  --points N   also list the first N points of a node file with all their fields\n",
      pcprep::runInfo},
-    {"export", "write the points of node files or scan files to a PTS or LAZ file",
-     "Usage: pcprep export SOURCE... OUT\n"
+    {"export", "write the points of a cache, node files or scan files to a PTS or LAZ file",
+     "Usage: pcprep export DIR OUT [--depth D]\n"
+     "       pcprep export SOURCE... OUT\n"
      "\n"
-     "Writes the points of the SOURCE files (node files .pnt or .pnz, or the per-scan point files in a "
-     "cache's\n"
-     "Data folder) to OUT, a new file:\n"
+     "Writes points to OUT, a new file:\n"
      "  OUT.pts   text, \"x y z intensity r g b\" with 9 significant digits, the count on the first line\n"
      "  OUT.laz   LAZ 1.4, point format 7 with the normal in 4 extra bytes, on the first source's grid, so\n"
      "            that pcprep and the library read the normals back\n"
-     "An existing OUT is never overwritten.\n",
+     "From a cache folder DIR (or its .vrm file): the points of its leaves, which are all points at full\n"
+     "resolution; with --depth D those of the nodes at depth D (0 is the root) and of the leaves above it,\n"
+     "the cache as a viewer shows it at that level of detail.\n"
+     "From SOURCE files: node files .pnt or .pnz, or the per-scan point files in a cache's Data folder.\n"
+     "An existing OUT is never overwritten.\n"
+     "\n"
+     "  --depth D   export the tree of DIR down to depth D\n",
      pcprep::runExport},
-    {"sample", "write the built-in sample (node file, PTS, LAS and PTX scans) into a folder",
+    {"sample", "write the built-in sample (node file, PTS, LAS, PTX; an outdoor LAS tile) into a folder",
      "Usage: pcprep sample FOLDER [--parts LIST] [--points N] [--scans K] [--ptx-points N]\n"
+     "                     [--terrain-points N]\n"
      "\n"
      "Writes the built-in sample, a simulated terrestrial survey of a furnished room:\n"
      "  FOLDER/sample-room.pnt      a node file of 50000 points (millimetre grid) with its class and normal\n"
@@ -94,27 +103,67 @@ const Command kCommands[] = {
      "                              format 3 (16-bit colour, classes)\n"
      "  FOLDER/ptx/room-scans.ptx   two structured scans from two positions, each in its own frame with its\n"
      "                              pose; the tripod's blind spot below each scanner is missing\n"
+     "Only with --parts terrain, an outdoor tile for benchmarks:\n"
+     "  FOLDER/las/terrain-tile.las an airborne survey of 500 x 500 m of rolling country with fields, a "
+     "road,\n"
+     "                              a village (flat and pitched roofs, walls seen only by slanted pulses) "
+     "and\n"
+     "                              trees alone and in woods; four overlapping flight strips, first and "
+     "second\n"
+     "                              returns, GPS time, colour, intensity and the classes 2 ground, 5 high\n"
+     "                              vegetation and 6 building; LAS 1.2 point format 3 on a centimetre grid "
+     "in\n"
+     "                              UTM zone 32N, written as the survey goes, so any size fits in memory\n"
      "The folder is created if it is missing; an earlier sample in it is replaced.\n"
      "\n"
-     "  --parts LIST     what to write, of node, pts, las and ptx (default: all), e.g. --parts pts,ptx\n"
-     "  --points N       points of the PTS project, all scans together (default: 300000)\n"
-     "  --scans K        scanner positions of the PTS project, 1 to 5 (default: 3)\n"
-     "  --ptx-points N   points of the PTX file, both scans together (default: 2000000)\n",
+     "  --parts LIST       what to write, of node, pts, las, ptx and terrain (default: node,pts,las,ptx),\n"
+     "                     e.g. --parts pts,ptx\n"
+     "  --points N         points of the PTS project, all scans together (default: 300000)\n"
+     "  --scans K          scanner positions of the PTS project, 1 to 5 (default: 3)\n"
+     "  --ptx-points N     points of the PTX file, both scans together (default: 2000000)\n"
+     "  --terrain-points N points of the outdoor tile, exactly (default: 2000000)\n",
      pcprep::runSample},
-    {"compress", "write the compressed twin (.pnz) of a node file",
-     "Usage: pcprep compress NODE.pnt [--replace]\n"
+    {"compress", "compress the node files of a cache, or write the .pnz twin of a node file",
+     "Usage: pcprep compress DIR [--threads N]\n"
+     "       pcprep compress NODE.pnt [--replace]\n"
      "\n"
-     "Writes NODE.pnz beside NODE.pnt: the same points, byte planes deflated. Side files stay as they are.\n"
+     "For a cache folder DIR (or its .vrm file): turns every plain node file (.pnt) of the tree in "
+     "DIR/Data,\n"
+     "and every file of removed points (_rm.pnt), into its compressed form (.pnz), and removes the plain "
+     "one.\n"
+     "Every node is checked first: a node without its file, or with both forms, stops the work before any\n"
+     "file is touched. Prints the files and bytes before and after.\n"
+     "For a node file: writes NODE.pnz beside NODE.pnt, the same points, byte planes deflated.\n"
+     "Side files (classes, normals) stay as they are.\n"
      "\n"
+     "  --threads N  files converted at once (default: all hardware threads)\n"
      "  --replace    remove NODE.pnt once NODE.pnz is written\n",
      pcprep::runCompress},
-    {"decompress", "write the plain twin (.pnt) of a compressed node file",
-     "Usage: pcprep decompress NODE.pnz [--replace]\n"
+    {"decompress", "decompress the node files of a cache, or write the .pnt twin of a node file",
+     "Usage: pcprep decompress DIR [--threads N]\n"
+     "       pcprep decompress NODE.pnz [--replace]\n"
      "\n"
-     "Writes NODE.pnt beside NODE.pnz. Side files stay as they are.\n"
+     "The reverse of compress: every .pnz node file of the cache in DIR becomes a .pnt, or NODE.pnt is\n"
+     "written beside NODE.pnz. Side files stay as they are.\n"
      "\n"
+     "  --threads N  files converted at once (default: all hardware threads)\n"
      "  --replace    remove NODE.pnz once NODE.pnt is written\n",
      pcprep::runDecompress},
+    {"verify", "check that a finished cache is whole: every node, point and file",
+     "Usage: pcprep verify DIR\n"
+     "\n"
+     "Checks the finished octree cache in DIR (or given by its .vrm file) and prints each problem found:\n"
+     "  - every node of the VRM has its .pnz file in DIR/Data, holding as many points as the VRM says, each\n"
+     "    inside the node's box in the VRM;\n"
+     "  - DIR/Data holds no plain node file (.pnt), no temporary file of a run (-temp.pnt, -temp.meta, "
+     ".tmp)\n"
+     "    and no node file the VRM does not name; class and normal side files only when the root is the\n"
+     "    only node;\n"
+     "  - the key file is complete, as the last step of a run leaves it.\n"
+     "Ends with \"cache is sound: N nodes, M points in K leaves\" or the number of problems.\n"
+     "\n"
+     "Exit status: 0 sound, 1 problems found, 2 wrong arguments.\n",
+     pcprep::runVerify},
 };
 
 const Command* findCommand(const std::string& name)

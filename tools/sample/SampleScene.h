@@ -22,6 +22,19 @@ struct SampleHit
     double distance = 0.0;  // from the scanner, in metres
 };
 
+// Where a return stands in an airborne scanner's sequence: LAS keeps this beside each point. The defaults
+// describe the one return of a pulse from a scanner that says nothing more.
+struct PulseInfo
+{
+    double gpsTime = 0.0;  // seconds
+    uint8_t returnNumber = 1;
+    uint8_t numberOfReturns = 1;
+    int8_t scanAngle = 0;           // degrees from the nadir, negative to the left of the flight direction
+    bool scanDirection = false;     // the mirror sweeps from left to right
+    bool edgeOfFlightLine = false;  // the last pulse of a scan line
+    uint16_t flightLine = 0;        // the strip the pulse belongs to
+};
+
 // A panorama grid of rays: columns sweep the full circle, rows go from straight down to straight up, each ray
 // taken at the centre of its cell.
 struct ScanGrid
