@@ -4,7 +4,6 @@
 // time), written once per process into a fresh folder below the system's temporary folder with a cache folder
 // beside it, and removed at exit. The points come from pcp_test::writeLasSamples
 // (tests/support/LasSamples.h), so benchmarks of other readers can measure the very same scan.
-#include <stdlib.h>
 
 #include <cstdint>
 #include <filesystem>
@@ -12,6 +11,7 @@
 #include <string>
 #include <system_error>
 
+#include "bench/BenchFolder.h"
 #include "core/Convertor.h"
 #include "core/StringConversion.h"
 #include "tests/support/LasSamples.h"
@@ -57,10 +57,7 @@ public:
 private:
     LasBenchFile()
     {
-        std::string pattern = (std::filesystem::temp_directory_path() / "pcp-bench-las-XXXXXX").string();
-        if (mkdtemp(pattern.data()) == nullptr)
-            throw std::runtime_error("cannot create a temporary folder");
-        m_folder = pattern;
+        m_folder = pcp_bench::makeBenchFolder("pcp-bench-las");
         m_cache = pc_preprocess::toWide(m_folder / "cache");
         std::filesystem::create_directories(
             pc_preprocess::toPath(pc_preprocess::Convertor::getPointFolder(m_cache)));

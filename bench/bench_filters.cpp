@@ -2,12 +2,12 @@
 // into their parent, and the two node filters over a dense node of a million points read from its PNT file
 // (which lives in the system's temporary folder, so in the page cache as long as memory allows).
 #include <benchmark/benchmark.h>
-#include <stdlib.h>
 
 #include <cmath>
 #include <filesystem>
 #include <stdexcept>
 
+#include "bench/BenchFolder.h"
 #include "bench/BenchNoise.h"
 #include "cachefiles/PntFiles.h"
 #include "core/StringConversion.h"
@@ -86,10 +86,7 @@ public:
 private:
     DenseNode()
     {
-        std::string pattern = (std::filesystem::temp_directory_path() / "pcp-bench-filters-XXXXXX").string();
-        if (mkdtemp(pattern.data()) == nullptr)
-            throw std::runtime_error("cannot create a temporary folder");
-        m_folder = pattern;
+        m_folder = pcp_bench::makeBenchFolder("pcp-bench-filters");
         file = toWide(m_folder / "node.pnt");
         const std::vector<IoLightPoint> points = wall(kPoints, 4, 2);
         box = boxOf(points);

@@ -6,7 +6,6 @@
 // process, and removed at exit.
 #include <benchmark/benchmark.h>
 #include <laszip/laszip_api.h>
-#include <stdlib.h>
 
 #include <cstring>
 #include <filesystem>
@@ -16,6 +15,7 @@
 #include <system_error>
 #include <vector>
 
+#include "bench/BenchFolder.h"
 #include "core/StringConversion.h"
 #include "importers/LazImporter.h"
 #include "tests/support/LasSamples.h"
@@ -59,10 +59,7 @@ public:
 private:
     LazBenchFile()
     {
-        std::string pattern = (std::filesystem::temp_directory_path() / "pcp-bench-laz-XXXXXX").string();
-        if (mkdtemp(pattern.data()) == nullptr)
-            throw std::runtime_error("cannot create a temporary folder");
-        m_folder = pattern;
+        m_folder = pcp_bench::makeBenchFolder("pcp-bench-laz");
         m_file = m_folder / "scan.laz";
         m_cache = toWide(m_folder / "cache");
         std::filesystem::create_directories(toPath(Convertor::getPointFolder(m_cache)));

@@ -3,13 +3,13 @@
 // figures say how far compression lags behind plain copying. Files live in the system's temporary folder,
 // which is the page cache as long as memory allows.
 #include <benchmark/benchmark.h>
-#include <stdlib.h>
 
 #include <cmath>
 #include <filesystem>
 #include <map>
 #include <stdexcept>
 
+#include "bench/BenchFolder.h"
 #include "bench/BenchNoise.h"
 #include "cachefiles/PntFiles.h"
 #include "cachefiles/PnzFiles.h"
@@ -88,13 +88,7 @@ public:
     }
 
 private:
-    BenchFiles()
-    {
-        std::string pattern = (std::filesystem::temp_directory_path() / "pcp-bench-nodes-XXXXXX").string();
-        if (mkdtemp(pattern.data()) == nullptr)
-            throw std::runtime_error("cannot create a temporary folder");
-        m_folder = pattern;
-    }
+    BenchFiles() { m_folder = pcp_bench::makeBenchFolder("pcp-bench-nodes"); }
     std::filesystem::path m_folder;
 };
 

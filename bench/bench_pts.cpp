@@ -14,6 +14,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "bench/BenchFolder.h"
 #include "core/StringConversion.h"
 #include "importers/PtsImporter.h"
 #include "importers/text/FileSource.h"
@@ -64,10 +65,7 @@ public:
 private:
     ScanFile()
     {
-        std::string pattern = (std::filesystem::temp_directory_path() / "pcp-bench-pts-XXXXXX").string();
-        if (mkdtemp(pattern.data()) == nullptr)
-            throw std::runtime_error("cannot create a temporary folder");
-        m_folder = pattern;
+        m_folder = pcp_bench::makeBenchFolder("pcp-bench-pts");
         m_cache = toWide(m_folder / "cache");
         std::filesystem::create_directories(toPath(Convertor::getPointFolder(m_cache)));
         if (const char* given = std::getenv("PCP_BENCH_PTS_FILE"); given && *given)

@@ -2,12 +2,12 @@
 // the resize search and both pictures of a full 2048 x 4096 grid, hole filling and PNG encoding included.
 // Points come from the ray-cast sample room; pictures go to the system's temporary folder.
 #include <benchmark/benchmark.h>
-#include <stdlib.h>
 
 #include <cmath>
 #include <filesystem>
 #include <stdexcept>
 
+#include "bench/BenchFolder.h"
 #include "core/StringConversion.h"
 #include "sample/SampleScene.h"
 #include "scanview/ScanView.h"
@@ -59,13 +59,7 @@ ScanView& sharedView()
 class PictureFolder
 {
 public:
-    PictureFolder()
-    {
-        std::string pattern = (std::filesystem::temp_directory_path() / "pcp-bench-view-XXXXXX").string();
-        if (mkdtemp(pattern.data()) == nullptr)
-            throw std::runtime_error("cannot create a temporary folder");
-        m_path = pattern;
-    }
+    PictureFolder() { m_path = pcp_bench::makeBenchFolder("pcp-bench-view"); }
     ~PictureFolder() { std::filesystem::remove_all(m_path); }
     std::wstring wide() const { return toWide(m_path); }
 

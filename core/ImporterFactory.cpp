@@ -4,6 +4,7 @@
 
 #include "core/FileFormat.h"
 #include "core/StringConversion.h"
+#include "importers/E57.h"
 #include "importers/Las.h"
 #include "importers/LazImporter.h"
 #include "importers/PtsImporter.h"
@@ -52,6 +53,8 @@ std::shared_ptr<Convertor> importerFor(const InputFileData& input, bool reprojec
         case kFormatPtx:
             return std::make_shared<Ptx>(input.path, input.scale, input.colorMode);
         case kFormatE57:
+            // E57 coordinates are metres, and its limits put every file on the 16-bit scale.
+            return std::make_shared<E57>(input.path, 1.0, ColorMode(kRgb16Bit, kIntensity16Bit));
         case kFormatRcp:
         case kFormatHspc:
         case kFormatRdbx:

@@ -159,11 +159,15 @@ uint64_t ScanView::resize(uint64_t shift)
             for (uint64_t row = newRow * factor; row < (newRow + 1) * factor; ++row)
             {
                 const PixelData* block = &m_pixels[row * kFullWidth + newColumn * factor];
-                // The nearest point wins, of equals the later one. An empty best yields to any pixel, so a
-                // block without points keeps the colour of its last pixel.
+                // The nearest point wins, of equals the later one. A block without points keeps a colour
+                // that a camera painted into it, wherever in the block that colour lies.
                 for (uint64_t column = 0; column < factor; ++column)
-                    if (block[column].distance <= best.distance)
-                        best = block[column];
+                {
+                    const PixelData& pixel = block[column];
+                    const bool painted = (pixel.red | pixel.green | pixel.blue) != 0;
+                    if (pixel.hasPoint() ? pixel.distance <= best.distance : !best.hasPoint() && painted)
+                        best = pixel;
+                }
             }
             m_pixels[newRow * kFullWidth + newColumn] = best;
         }

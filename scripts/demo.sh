@@ -28,6 +28,16 @@ step "pcprep verify $out/ptx-cache"
 printf '\nThe panoramas of the two scans, a colour view and a normal map each, are in %s:\n' "$out/ptx-cache/Bubbles"
 ls -1 "$out/ptx-cache/Bubbles"
 
+step "pcprep info $out/e57/room-project.e57 (the E57 header, first lines)"
+"$pcprep" info "$out/e57/room-project.e57" | head -n 30
+
+step "pcprep run --cache $out/e57-cache $out/e57/room-project.e57 (two scans with camera pictures)"
+"$pcprep" run --cache "$out/e57-cache" "$out/e57/room-project.e57"
+step "pcprep verify $out/e57-cache"
+"$pcprep" verify "$out/e57-cache"
+printf '\nThe camera pictures as the file holds them are in %s;\n' "$out/e57-cache/Bubbles/2DImages"
+printf 'the panoramas, with the cameras'"'"' colours below the tripods, in %s.\n' "$out/e57-cache/Bubbles"
+
 step "pcprep export $out/cache $out/room.laz (every point, from the leaves)"
 "$pcprep" export "$out/cache" "$out/room.laz"
 step "pcprep export $out/cache $out/room-overview.pts --depth 1 (the cloud as a viewer shows it at depth 1)"

@@ -132,8 +132,8 @@ TEST(Pcprep, FullRunsOfEveryInputFormatEndInASoundCache)
 {
     pcp_test::TempFolder temp;
     const fs::path sample = temp.path() / "s";
-    ASSERT_EQ(runPcprep(temp, {"sample", sample.string(), "--parts", "pts,las,ptx", "--points", "60000",
-                               "--scans", "2", "--ptx-points", "200000"}),
+    ASSERT_EQ(runPcprep(temp, {"sample", sample.string(), "--parts", "pts,las,ptx,e57", "--points", "60000",
+                               "--scans", "2", "--ptx-points", "200000", "--e57-points", "200000"}),
               0);
     const fs::path las = sample / "las" / "room-tile.las";
     const fs::path laz = temp.path() / "room-tile.laz";
@@ -141,6 +141,7 @@ TEST(Pcprep, FullRunsOfEveryInputFormatEndInASoundCache)
         {"pts",
          {(sample / "pts" / "room-scan-1.pts").string(), (sample / "pts" / "room-scan-2.pts").string()}},
         {"ptx", {(sample / "ptx" / "room-scans.ptx").string()}},
+        {"e57", {(sample / "e57" / "room-project.e57").string()}},
         {"las", {las.string()}},
         {"laz", {laz.string()}}};
     for (const auto& [name, inputs] : runs)
@@ -161,11 +162,16 @@ TEST(Pcprep, FullRunsOfEveryInputFormatEndInASoundCache)
 
         const size_t radii = mostRadiiInALeaf(
             cache / "Data", pc_preprocess::readVrm(pc_preprocess::toWide(cache / "cache.vrm")));
-        if (name == "ptx")
+        if (name == "ptx" || name == "e57")
             EXPECT_GT(radii, 2u);
         else
             EXPECT_LE(radii, 2u);
     }
+    // The camera pictures of the E57 project, one per scan, as the file holds them.
+    const fs::path pictures = temp.path() / "cache-e57" / "Bubbles" / "2DImages";
+    EXPECT_GT(fs::file_size(pictures / "room-project-0000" / "image_0.jpg"), 0u);
+    EXPECT_GT(fs::file_size(pictures / "room-project-0001" / "image_1.jpg"), 0u);
+
     // Nothing of the tile is lost on its way through the LAZ file.
     const std::string lasTree = treeLine(temp, temp.path() / "cache-las");
     EXPECT_NE(lasTree.find("leaves with 96800 points"), std::string::npos) << lasTree;

@@ -183,7 +183,7 @@ TEST(Run, PtxProjectGivesEachScanItsPoseDistancesAndPanorama)
     const pcp_sample::ScanGrid grid{300, 600};
     const geom::Point3d scanners[] = {{1.6, 1.3, 1.55}, {4.4, 2.6, 1.45}};
     const double headings[] = {0.0, 35.0};
-    std::vector<pcp_sample::PtxScan> ptxScans;
+    std::vector<pcp_sample::StationScan> ptxScans;
     for (int s = 0; s < 2; ++s)
         ptxScans.push_back({pcp_sample::scanRoom(scanners[s], grid), grid, scanners[s], headings[s]});
     const std::wstring input = temp.file(L"two rooms.ptx");

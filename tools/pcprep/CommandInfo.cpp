@@ -15,6 +15,7 @@
 #include "core/FileSizeString.h"
 #include "core/NodePaths.h"
 #include "core/StringConversion.h"
+#include "importers/E57.h"
 #include "importers/LazImporter.h"
 #include "pcprep/ArgumentParser.h"
 #include "pcprep/Command.h"
@@ -84,10 +85,16 @@ int runInfo(const Arguments& arguments)
         pc_preprocess::laszHeader(wide, std::cout);
         return 0;
     }
+    if (format == pc_preprocess::kFormatE57)
+    {
+        pc_preprocess::e57Header(wide, std::cout);
+        return 0;
+    }
     const bool compressed = file.extension() == ".pnz";
     if (!compressed && file.extension() != ".pnt")
-        throw UsageError("expected a cache folder, a LAS or LAZ file, or a node file (.pnt or .pnz), not " +
-                         file.string());
+        throw UsageError(
+            "expected a cache folder, a LAS, LAZ or E57 file, or a node file (.pnt or .pnz), not " +
+            file.string());
 
     if (!std::filesystem::is_regular_file(file))
         throw std::runtime_error(file.string() + " is no existing file");

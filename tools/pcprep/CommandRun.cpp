@@ -100,24 +100,31 @@ RunSummary summarise(const std::vector<pc_preprocess::ScanFiles>& scans)
     return summary;
 }
 
-// The panoramas a viewer shows, colour view and normal map per scan, then the pictures of camera images.
+// The panoramas a viewer shows, colour view and normal map per scan, then the pictures of camera images, which
+// have a colour view only.
 void printPictures(const std::vector<pc_preprocess::ScanFiles>& scans)
 {
-    size_t pictures = 0;
-    for (const pc_preprocess::ScanFiles& scan : scans)
-        pictures += (scan.viewPng.empty() ? 0 : 2) + 2 * scan.images.size();
-    if (pictures == 0)
-        return;
-    std::printf("  pictures %zu\n", pictures);
-    const auto printPair = [](const std::wstring& view, const std::wstring& normal)
-    { std::printf("           %s\n           %s\n", ws2s(view).c_str(), ws2s(normal).c_str()); };
+    std::vector<std::wstring> pictures;
+    const auto add = [&](const std::wstring& picture)
+    {
+        if (!picture.empty())
+            pictures.push_back(picture);
+    };
     for (const pc_preprocess::ScanFiles& scan : scans)
     {
-        if (!scan.viewPng.empty())
-            printPair(scan.viewPng, scan.normalPng);
+        add(scan.viewPng);
+        add(scan.normalPng);
         for (const pc_preprocess::ScanImageFiles& image : scan.images)
-            printPair(image.viewPng, image.normalPng);
+        {
+            add(image.viewPng);
+            add(image.normalPng);
+        }
     }
+    if (pictures.empty())
+        return;
+    std::printf("  pictures %zu\n", pictures.size());
+    for (const std::wstring& picture : pictures)
+        std::printf("           %s\n", ws2s(picture).c_str());
 }
 
 void printSummary(const RunOptions& options, const pc_preprocess::CacheFiles& files,

@@ -17,6 +17,7 @@
 #include "pcprep/ArgumentParser.h"
 #include "pcprep/Command.h"
 #include "sample/AirborneSurvey.h"
+#include "sample/E57Project.h"
 #include "sample/LasWriter.h"
 #include "sample/PtsWriter.h"
 #include "sample/PtxWriter.h"
@@ -154,7 +155,7 @@ void writeSamplePtx(const std::filesystem::path& folder, uint64_t points)
     const uint64_t perScan = std::max<uint64_t>(points / 2, 2);
     const int rows = std::max(1, int(std::sqrt(double(perScan) / 2.0)));
     const pcp_sample::ScanGrid grid{rows, int(perScan / uint64_t(rows))};
-    std::vector<pcp_sample::PtxScan> scans;
+    std::vector<pcp_sample::StationScan> scans;
     const std::pair<geom::Point3d, double> stations[] = {{{1.6, 1.3, 1.55}, 0.0}, {{4.4, 2.6, 1.45}, 35.0}};
     for (const auto& [scanner, heading] : stations)
         scans.push_back({pcp_sample::scanRoom(scanner, grid), grid, scanner, heading});
@@ -165,6 +166,18 @@ void writeSamplePtx(const std::filesystem::path& folder, uint64_t points)
                 pc_preprocess::getFileSizePrettyString(bytes).c_str());
 }
 
+// An E57 project of two scans from two stations, each with a spherical camera picture.
+void writeSampleE57(const std::filesystem::path& folder, uint64_t points)
+{
+    std::filesystem::create_directories(folder);
+    const std::filesystem::path path = folder / "room-project.e57";
+    const uint64_t bytes = pcp_sample::writeE57Project(path.string(), points);
+    std::printf(
+        "E57 project %s: 2 scans of %llu records, with poses, colour and a camera picture each (%s)\n",
+        path.string().c_str(), static_cast<unsigned long long>(std::max<uint64_t>(points / 2, 2)),
+        pc_preprocess::getFileSizePrettyString(bytes).c_str());
+}
+
 // The parts of the sample to write, from a comma-separated list. The outdoor tile is written on request only:
 // made for benchmarks, it would add a quarter to the time of the default sample and 65 MB to its size.
 struct SampleParts
@@ -173,12 +186,13 @@ struct SampleParts
     bool pts = true;
     bool las = true;
     bool ptx = true;
+    bool e57 = true;
     bool terrain = false;
 };
 
 SampleParts parseParts(const std::string& list)
 {
-    SampleParts parts{false, false, false, false, false};
+    SampleParts parts{false, false, false, false, false, false};
     std::string rest = list + ",";
     for (size_t comma; (comma = rest.find(',')) != std::string::npos; rest.erase(0, comma + 1))
     {
@@ -191,10 +205,12 @@ SampleParts parseParts(const std::string& list)
             parts.las = true;
         else if (part == "ptx")
             parts.ptx = true;
+        else if (part == "e57")
+            parts.e57 = true;
         else if (part == "terrain")
             parts.terrain = true;
         else
-            throw UsageError("--parts takes node, pts, las, ptx and terrain, not '" + part + "'");
+            throw UsageError("--parts takes node, pts, las, ptx, e57 and terrain, not '" + part + "'");
     }
     return parts;
 }
@@ -206,15 +222,18 @@ int runSample(const Arguments& arguments)
     const ParsedArguments parsed(arguments, {{"--points", true},
                                              {"--scans", true},
                                              {"--ptx-points", true},
+                                             {"--e57-points", true},
                                              {"--terrain-points", true},
                                              {"--parts", true}});
     parsed.expectPositional(1, "one FOLDER");
     const uint64_t points = parsed.number("--points", 300000);
     const uint64_t scans = parsed.number("--scans", 3);
     const uint64_t ptxPoints = parsed.number("--ptx-points", 2000000);
+    const uint64_t e57Points = parsed.number("--e57-points", 1000000);
     const uint64_t terrainPoints = parsed.number("--terrain-points", 2000000);
-    if (scans == 0 || scans > 5 || points == 0 || ptxPoints == 0 || terrainPoints == 0)
-        throw UsageError("--scans takes 1 to 5, --points, --ptx-points and --terrain-points at least 1");
+    if (scans == 0 || scans > 5 || points == 0 || ptxPoints == 0 || e57Points == 0 || terrainPoints == 0)
+        throw UsageError(
+            "--scans takes 1 to 5, --points, --ptx-points, --e57-points and --terrain-points at least 1");
     if (terrainPoints > std::numeric_limits<uint32_t>::max())
         throw UsageError("--terrain-points takes at most 4294967295, the most a LAS 1.2 header counts");
     const SampleParts parts = parsed.has("--parts") ? parseParts(parsed.text("--parts", "")) : SampleParts{};
@@ -228,6 +247,8 @@ int runSample(const Arguments& arguments)
         writeSampleTile(folder / "las");
     if (parts.ptx)
         writeSamplePtx(folder / "ptx", ptxPoints);
+    if (parts.e57)
+        writeSampleE57(folder / "e57", e57Points);
     if (parts.terrain)
         writeSampleTerrain(folder / "las", terrainPoints);
     return 0;

@@ -53,9 +53,9 @@ const Command kCommands[] = {
      "\n"
      "Exit status: 0 success, 1 failure (the log says why), 2 wrong arguments, 130 cancelled.\n",
      pcprep::runRun},
-    {"info", "describe a cache folder, a LAS/LAZ file or a node file (.pnt or .pnz)",
+    {"info", "describe a cache folder, a LAS/LAZ/E57 file or a node file (.pnt or .pnz)",
      "Usage: pcprep info DIR\n"
-     "       pcprep info FILE.las|FILE.laz\n"
+     "       pcprep info FILE.las|FILE.laz|FILE.e57\n"
      "       pcprep info FILE [--points N]\n"
      "\n"
      "For a cache folder: its kind, whether it is complete (from the key file), its size, the progress "
@@ -67,6 +67,8 @@ const Command kCommands[] = {
      "For a LAS or LAZ file: every field of its header and variable length records, and the coordinate "
      "system\n"
      "as WKT.\n"
+     "For an E57 file: its size and every element of its XML tree with type, range and value: the scans\n"
+     "with their poses and point prototypes, the images and their representations.\n"
      "For a node file: its transform, the point count, the integer and the real box, the ranges of colour,\n"
      "intensity and scan index, and which side files (classes, normals) lie beside it.\n"
      "\n"
@@ -88,9 +90,9 @@ const Command kCommands[] = {
      "\n"
      "  --depth D   export the tree of DIR down to depth D\n",
      pcprep::runExport},
-    {"sample", "write the built-in sample (node file, PTS, LAS, PTX; an outdoor LAS tile) into a folder",
+    {"sample", "write the built-in sample (node file, PTS, LAS, PTX, E57; an outdoor LAS tile) into a folder",
      "Usage: pcprep sample FOLDER [--parts LIST] [--points N] [--scans K] [--ptx-points N]\n"
-     "                     [--terrain-points N]\n"
+     "                     [--e57-points N] [--terrain-points N]\n"
      "\n"
      "Writes the built-in sample, a simulated terrestrial survey of a furnished room:\n"
      "  FOLDER/sample-room.pnt      a node file of 50000 points (millimetre grid) with its class and normal\n"
@@ -103,6 +105,10 @@ const Command kCommands[] = {
      "                              format 3 (16-bit colour, classes)\n"
      "  FOLDER/ptx/room-scans.ptx   two structured scans from two positions, each in its own frame with its\n"
      "                              pose; the tripod's blind spot below each scanner is missing\n"
+     "  FOLDER/e57/room-project.e57 the same two stations as an E57 project: spherical coordinates with row\n"
+     "                              and column indices, the blind spot as records with a direction only, "
+     "and\n"
+     "                              a spherical camera picture per station that sees the floor below it\n"
      "Only with --parts terrain, an outdoor tile for benchmarks:\n"
      "  FOLDER/las/terrain-tile.las an airborne survey of 500 x 500 m of rolling country with fields, a "
      "road,\n"
@@ -116,11 +122,13 @@ const Command kCommands[] = {
      "                              UTM zone 32N, written as the survey goes, so any size fits in memory\n"
      "The folder is created if it is missing; an earlier sample in it is replaced.\n"
      "\n"
-     "  --parts LIST       what to write, of node, pts, las, ptx and terrain (default: node,pts,las,ptx),\n"
+     "  --parts LIST       what to write, of node, pts, las, ptx, e57 and terrain (default:\n"
+     "                     node,pts,las,ptx,e57),\n"
      "                     e.g. --parts pts,ptx\n"
      "  --points N         points of the PTS project, all scans together (default: 300000)\n"
      "  --scans K          scanner positions of the PTS project, 1 to 5 (default: 3)\n"
      "  --ptx-points N     points of the PTX file, both scans together (default: 2000000)\n"
+     "  --e57-points N     records of the E57 project, both scans together (default: 1000000)\n"
      "  --terrain-points N points of the outdoor tile, exactly (default: 2000000)\n",
      pcprep::runSample},
     {"compress", "compress the node files of a cache, or write the .pnz twin of a node file",

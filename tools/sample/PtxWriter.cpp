@@ -9,21 +9,13 @@
 namespace pcp_sample
 {
 
-namespace
-{
-
-// The tripod hides everything below this angle from the zenith.
-constexpr double kBlindPolarDegrees = 150.0;
-
-}  // namespace
-
-uint64_t writePtxFile(const std::string& path, const std::vector<PtxScan>& scans)
+uint64_t writePtxFile(const std::string& path, const std::vector<StationScan>& scans)
 {
     const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "wb"), &std::fclose);
     if (!file)
         throw std::runtime_error("cannot create " + path);
     std::FILE* out = file.get();
-    for (const PtxScan& scan : scans)
+    for (const StationScan& scan : scans)
     {
         const double heading = scan.headingDegrees * std::numbers::pi / 180.0;
         const double c = std::cos(heading);
@@ -36,7 +28,6 @@ uint64_t writePtxFile(const std::string& path, const std::vector<PtxScan>& scans
         std::fprintf(out, "%.9f %.9f 0 0\n%.9f %.9f 0 0\n0 0 1 0\n", c, s, -s, c);
         std::fprintf(out, "%.6f %.6f %.6f 1\n", t.x, t.y, t.z);
 
-        const double blindBelow = -std::cos(kBlindPolarDegrees * std::numbers::pi / 180.0);
         for (const SampleHit& hit : scan.hits)
         {
             // The scanner's own frame: world = R * local + t, so local = R^T (world - t).
@@ -45,7 +36,7 @@ uint64_t writePtxFile(const std::string& path, const std::vector<PtxScan>& scans
             const double wz = hit.position.z - t.z;
             const double lx = c * wx + s * wy;
             const double ly = -s * wx + c * wy;
-            if (wz / std::sqrt(wx * wx + wy * wy + wz * wz) < -blindBelow)
+            if (hiddenByTripod(hit, t))
             {
                 std::fputs("0 0 0 0.5 0 0 0\n", out);
                 continue;

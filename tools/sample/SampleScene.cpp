@@ -183,4 +183,11 @@ std::vector<SampleHit> scanRoom(const geom::Point3d& scanner, const ScanGrid& gr
     return hits;
 }
 
+bool hiddenByTripod(const SampleHit& hit, const geom::Point3d& scanner)
+{
+    constexpr double kBlindPolarDegrees = 150.0;
+    const geom::Vector3d d = hit.position - scanner;
+    return d.z < std::cos(kBlindPolarDegrees * std::numbers::pi / 180.0) * d.length();
+}
+
 }  // namespace pcp_sample

@@ -48,4 +48,17 @@ struct ScanGrid
 // a deterministic range noise of that many metres, as a real scanner has.
 std::vector<SampleHit> scanRoom(const geom::Point3d& scanner, const ScanGrid& grid, double jitter = 0.002);
 
+// The returns of one station: the scanner at `scanner`, its axes turned by `headingDegrees` about the
+// vertical.
+struct StationScan
+{
+    std::vector<SampleHit> hits;
+    ScanGrid grid;
+    geom::Point3d scanner;
+    double headingDegrees = 0.0;
+};
+
+// Whether the tripod hides a return from its scanner: everything more than 150 degrees from the zenith.
+bool hiddenByTripod(const SampleHit& hit, const geom::Point3d& scanner);
+
 }  // namespace pcp_sample
