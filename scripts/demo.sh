@@ -12,7 +12,7 @@ step "pcprep sample $out"
 "$pcprep" sample "$out"
 
 step "pcprep info $out/las/room-tile.las (the header, first lines)"
-"$pcprep" info "$out/las/room-tile.las" | head -n 24
+"$pcprep" info "$out/las/room-tile.las" | sed -n 1,24p
 
 step "pcprep run --cache $out/cache $out/pts/*.pts $out/las/room-tile.las (the octree of three scans and a tile)"
 "$pcprep" run --cache "$out/cache" "$out"/pts/*.pts "$out/las/room-tile.las"
@@ -29,7 +29,7 @@ printf '\nThe panoramas of the two scans, a colour view and a normal map each, a
 ls -1 "$out/ptx-cache/Bubbles"
 
 step "pcprep info $out/e57/room-project.e57 (the E57 header, first lines)"
-"$pcprep" info "$out/e57/room-project.e57" | head -n 30
+"$pcprep" info "$out/e57/room-project.e57" | sed -n 1,30p
 
 step "pcprep run --cache $out/e57-cache $out/e57/room-project.e57 (two scans with camera pictures)"
 "$pcprep" run --cache "$out/e57-cache" "$out/e57/room-project.e57"
