@@ -1,0 +1,61 @@
+#include "hspc/format/JsonInfo.h"
+
+#include <json/json.h>
+
+#include <memory>
+
+namespace HSPC
+{
+namespace
+{
+
+bool parseObject(const std::string& text, Json::Value& root)
+{
+    if (text.empty())
+    {
+        root = Json::Value(Json::objectValue);
+        return true;
+    }
+    Json::CharReaderBuilder builder;
+    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    std::string errors;
+    return reader->parse(text.data(), text.data() + text.size(), &root, &errors) && root.isObject();
+}
+
+}  // namespace
+
+template <typename Value>
+bool JsonInfo::addValue(const std::string& key, const Value& value)
+{
+    Json::Value root;
+    if (key.empty() || !parseObject(m_text, root))
+    {
+        return false;
+    }
+    root[key] = Json::Value(value);
+    Json::StreamWriterBuilder writer;
+    m_text = Json::writeString(writer, root);
+    return true;
+}
+
+bool JsonInfo::add(const std::string& key, const std::string& value)
+{
+    return addValue(key, value);
+}
+
+bool JsonInfo::add(const std::string& key, double value)
+{
+    return addValue(key, value);
+}
+
+bool JsonInfo::add(const std::string& key, int64_t value)
+{
+    return addValue(key, Json::Int64(value));
+}
+
+bool JsonInfo::add(const std::string& key, bool value)
+{
+    return addValue(key, value);
+}
+
+}  // namespace HSPC

@@ -1,0 +1,262 @@
+// HSPC configuration: the records' defaults and default loggers, client JSON, and how the runtime record is
+// resolved from the caller's records on a given machine.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "hspc/format/AttributeRecord.h"
+#include "hspc/format/Config.h"
+#include "hspc/format/JsonInfo.h"
+#include "hspc/format/RuntimeConfig.h"
+
+using namespace HSPC;
+
+namespace
+{
+
+constexpr uint64_t kGiB = 1024ull * 1024ull * 1024ull;
+
+// A machine without a known memory size, so that only the thread count shapes the result.
+MachineFigures machineWithThreads(uint32_t threads)
+{
+    return MachineFigures{threads, 0};
+}
+
+struct ResolvedRun
+{
+    RuntimeConfig runtime;
+    std::vector<std::string> infoLines;
+};
+
+ResolvedRun resolve(const BasicConfig& basic, AdvancedConfig advanced, const MachineFigures& machine)
+{
+    ResolvedRun run;
+    advanced.infoLogger = [&run](const std::string& line) { run.infoLines.push_back(line); };
+    initializeRuntimeConfig(basic, advanced, run.runtime, machine);
+    return run;
+}
+
+BasicConfig xyzIntensityInput()
+{
+    BasicConfig basic;
+    basic.attributes = {{AttributeType::F64, AttributeRole::X, "X"},
+                        {AttributeType::F64, AttributeRole::Y, "Y"},
+                        {AttributeType::F64, AttributeRole::Z, "Z"},
+                        {AttributeType::U16, AttributeRole::INTENSITY, "Intensity"}};
+    basic.origin = {100.5, -20.0, 3.25};
+    basic.scale = {0.001, 0.001, 0.0005};
+    basic.outputPath = "/data/out";
+    basic.tempPath = "/data/tmp";
+    return basic;
+}
+
+}  // namespace
+
+TEST(ConfigDefaults, DefaultLoggersPrintTheirPrefixes)
+{
+    const AdvancedConfig advanced;
+    const QueryConfig query;
+    const ImporterConfig importer;
+
+    testing::internal::CaptureStdout();
+    advanced.infoLogger("reading");
+    advanced.progressLogger(42, "sorting");
+    query.infoLogger("opened");
+    query.warningLogger("slow disk");
+    importer.infoLogger("imported");
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "HSPC:    info: reading \nHSPC:  42/100: sorting \nHSPC query:    info: opened \n"
+              "HSPC query: warning: slow disk \nHSPC:    info: imported \n");
+
+    testing::internal::CaptureStderr();
+    advanced.warningLogger("odd");
+    advanced.errorLogger("bad");
+    query.errorLogger("lost");
+    importer.errorLogger("gone");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "HSPC: warning: odd \nHSPC:   error: bad \nHSPC query:   error: lost \nHSPC:   error: gone \n");
+}
+
+TEST(JsonInfoTest, AddsKeysAndLeavesUnparsableTextAlone)
+{
+    JsonInfo info = PointCloudEncodingConfig().requestJsonConfig();
+    EXPECT_EQ(info.text(), "");
+    EXPECT_TRUE(info.add("coordinates-unit", "Meters"));
+    EXPECT_TRUE(info.add("projection-epsg", int64_t{25832}));
+    EXPECT_TRUE(info.add("density", 0.5));
+    EXPECT_TRUE(info.add("filtered", true));
+    EXPECT_TRUE(info.add("coordinates-unit", std::string("Feet")));
+    const std::string text = info.text();
+    EXPECT_NE(text.find("\"coordinates-unit\" : \"Feet\""), std::string::npos) << text;
+    EXPECT_EQ(text.find("Meters"), std::string::npos) << text;
+    EXPECT_NE(text.find("\"projection-epsg\" : 25832"), std::string::npos) << text;
+    EXPECT_NE(text.find("\"density\" : 0.5"), std::string::npos) << text;
+    EXPECT_NE(text.find("\"filtered\" : true"), std::string::npos) << text;
+
+    EXPECT_FALSE(info.add("", "x"));
+    EXPECT_EQ(info.text(), text);
+
+    JsonInfo broken("{\"a\": ");
+    EXPECT_FALSE(broken.add("b", "c"));
+    EXPECT_EQ(broken.text(), "{\"a\": ");
+
+    JsonInfo array("[1, 2]");
+    EXPECT_FALSE(array.add("b", "c"));
+    EXPECT_EQ(array.text(), "[1, 2]");
+}
+
+TEST(RuntimeConfigThreads, HardwareMinusReservationWithFloors)
+{
+    const BasicConfig basic = xyzIntensityInput();
+    const ResolvedRun eight = resolve(basic, AdvancedConfig(), machineWithThreads(8));
+    EXPECT_EQ(eight.runtime.reservedThreads, 3);
+    EXPECT_EQ(eight.runtime.workerCount, 4u);
+    EXPECT_EQ(eight.runtime.secondWorkerCount, 4u);
+    EXPECT_EQ(eight.runtime.distributionWorkerCount, 4u);
+
+    const ResolvedRun four = resolve(basic, AdvancedConfig(), machineWithThreads(4));
+    EXPECT_EQ(four.runtime.workerCount, 1u);
+    EXPECT_EQ(four.runtime.secondWorkerCount, 1u);
+    EXPECT_EQ(four.runtime.distributionWorkerCount, 2u);
+
+    // Reserving more than the machine has still leaves one worker.
+    AdvancedConfig greedy;
+    greedy.reservedThreads = 30;
+    const ResolvedRun squeezed = resolve(basic, greedy, machineWithThreads(8));
+    EXPECT_EQ(squeezed.runtime.reservedThreads, 30);
+    EXPECT_EQ(squeezed.runtime.workerCount, 1u);
+    EXPECT_EQ(squeezed.runtime.distributionWorkerCount, 2u);
+
+    AdvancedConfig forced;
+    forced.reservedThreads = 1;
+    forced.workerCount = 1;
+    const ResolvedRun exporter = resolve(basic, forced, machineWithThreads(64));
+    EXPECT_EQ(exporter.runtime.reservedThreads, 1);
+    EXPECT_EQ(exporter.runtime.workerCount, 1u);
+    EXPECT_EQ(exporter.runtime.secondWorkerCount, 1u);
+    EXPECT_EQ(exporter.runtime.distributionWorkerCount, 1u);
+}
+
+TEST(RuntimeConfigMemory, BatchSizeFromBudgetOffsetAndMachineMemory)
+{
+    const BasicConfig basic = xyzIntensityInput();
+    const ResolvedRun defaults = resolve(basic, AdvancedConfig(), machineWithThreads(8));
+    EXPECT_EQ(defaults.runtime.targetMemory, 10737418240u);
+    EXPECT_EQ(defaults.runtime.batchSize, 10737418240u / 4 / 2);
+
+    AdvancedConfig offset;
+    offset.targetMemory = 4 * kGiB;
+    offset.memoryOffset = 100;
+    EXPECT_EQ(resolve(basic, offset, machineWithThreads(8)).runtime.batchSize, kGiB - 100);
+    // An offset beyond the per-worker share falls back to half of it.
+    offset.memoryOffset = kGiB + 1;
+    const ResolvedRun halved = resolve(basic, offset, machineWithThreads(8));
+    EXPECT_EQ(halved.runtime.batchSize, kGiB / 2);
+    EXPECT_EQ(halved.runtime.memoryOffset, kGiB + 1);
+
+    // When the machine cannot hold a batch per worker, batches shrink to a share of its memory...
+    EXPECT_EQ(resolve(basic, AdvancedConfig(), MachineFigures{8, 4 * kGiB}).runtime.batchSize, kGiB);
+    // ...but never below the smallest useful batch...
+    EXPECT_EQ(resolve(basic, AdvancedConfig(), MachineFigures{8, 40'000'000}).runtime.batchSize, 21474836u);
+    // ...and a machine that can hold them leaves them alone.
+    EXPECT_EQ(resolve(basic, AdvancedConfig(), MachineFigures{8, 64 * kGiB}).runtime.batchSize,
+              10737418240u / 8);
+
+    AdvancedConfig huge;
+    huge.batchSize = 5 * kGiB;
+    EXPECT_EQ(resolve(basic, huge, machineWithThreads(8)).runtime.batchSize, 0x80000000u);
+    huge.batchSize = 12345;
+    huge.targetMemory = 3 * kGiB;
+    EXPECT_EQ(resolve(basic, huge, machineWithThreads(8)).runtime.batchSize, 12345u);
+}
+
+TEST(RuntimeConfigAttributes, XyzInputIsEncodedBehindOneMortonPosition)
+{
+    const ResolvedRun run = resolve(xyzIntensityInput(), AdvancedConfig(), machineWithThreads(8));
+    const RuntimeConfig& runtime = run.runtime;
+    ASSERT_EQ(runtime.inputAttributes.size(), 4u);
+    ASSERT_EQ(runtime.encodingAttributes.size(), 2u);
+    EXPECT_EQ(runtime.encodingAttributes[0].type, AttributeType::M96);
+    EXPECT_EQ(runtime.encodingAttributes[0].role, AttributeRole::POSITION);
+    EXPECT_EQ(runtime.encodingAttributes[0].name, "POSITION");
+    EXPECT_EQ(runtime.encodingAttributes[1].name, "Intensity");
+    EXPECT_EQ(runtime.inputRecordSize, 26u);
+    EXPECT_EQ(runtime.encodedRecordSize, 14u);
+    EXPECT_EQ(runtime.attributeId, computeAttributeId(runtime.encodingAttributes, 14));
+    EXPECT_EQ(runtime.voxelPath, "/data/out/Voxel");
+
+    // Input that is already Morton coded is stored as it comes, whatever position type is configured.
+    BasicConfig morton;
+    morton.attributes = {{AttributeType::M192, AttributeRole::POSITION, "Position"},
+                         {AttributeType::U8, AttributeRole::CLASSIFICATION, "Class"}};
+    AdvancedConfig advanced;
+    advanced.positionType = AttributeType::M96;
+    const ResolvedRun stored = resolve(morton, advanced, machineWithThreads(8));
+    EXPECT_EQ(stored.runtime.encodingAttributes.size(), 2u);
+    EXPECT_EQ(stored.runtime.encodingAttributes[0].type, AttributeType::M192);
+    EXPECT_EQ(stored.runtime.encodingAttributes[0].name, "Position");
+    EXPECT_EQ(stored.runtime.encodedRecordSize, 25u);
+}
+
+TEST(RuntimeConfigOutput, ArchiveAndCustomWritersAreResolvedOnce)
+{
+    const BasicConfig basic = xyzIntensityInput();
+    int archiveCalls = 0;
+    int writerCalls = 0;
+    int pathCalls = 0;
+    AdvancedConfig advanced;
+    advanced.archiveWriterFactory = [&] { return ++archiveCalls, std::shared_ptr<RootWriter>(); };
+    advanced.outputWriterFactory = [&] { return ++writerCalls, std::shared_ptr<RootWriter>(); };
+    advanced.outputWriterByPath = [&](const std::string&)
+    { return ++pathCalls, std::shared_ptr<RootWriter>(); };
+
+    advanced.useArchive = true;
+    const ResolvedRun archive = resolve(basic, advanced, machineWithThreads(8));
+    EXPECT_EQ(archiveCalls, 1);
+    EXPECT_EQ(writerCalls, 0);
+    EXPECT_TRUE(archive.runtime.useArchive);
+    EXPECT_EQ(archive.runtime.writerThreadCount, 1u);
+    EXPECT_FALSE(archive.runtime.rootWriterFactory);
+
+    // The writer by path is preferred and only copied; it is called when a blob is opened.
+    advanced.useArchive = false;
+    const ResolvedRun byPath = resolve(basic, advanced, machineWithThreads(8));
+    EXPECT_EQ(writerCalls, 0);
+    EXPECT_EQ(pathCalls, 0);
+    ASSERT_TRUE(byPath.runtime.rootWriterFactory);
+    byPath.runtime.rootWriterFactory("/0/0/L0X0Y0Z0.apr");
+    EXPECT_EQ(pathCalls, 1);
+    EXPECT_EQ(byPath.runtime.writerThreadCount, 0u);
+
+    advanced.outputWriterByPath = nullptr;
+    const ResolvedRun single = resolve(basic, advanced, machineWithThreads(8));
+    EXPECT_EQ(writerCalls, 1);
+    EXPECT_FALSE(single.runtime.rootWriterFactory);
+    EXPECT_EQ(archiveCalls, 1);
+}
+
+TEST(RuntimeConfigLogging, ResolvedFiguresGoToTheInfoLogger)
+{
+    AdvancedConfig advanced;
+    advanced.batchSize = 1000;
+    const ResolvedRun run = resolve(xyzIntensityInput(), advanced, machineWithThreads(8));
+    EXPECT_EQ(run.infoLines,
+              (std::vector<std::string>{
+                  "origin=(100.500000,-20.000000,3.250000); scale=(0.001000,0.001000,0.000500)",
+                  "target memory=10737418240", "batch size=1000", "worker count=4",
+                  "distribution worker count=4"}));
+    // Without an info logger nothing is printed and nothing breaks.
+    advanced.infoLogger = nullptr;
+    RuntimeConfig runtime;
+    testing::internal::CaptureStdout();
+    initializeRuntimeConfig(xyzIntensityInput(), advanced, runtime, machineWithThreads(8));
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+    EXPECT_EQ(runtime.batchSize, 1000u);
+
+    // The machine's own figures give at least one worker.
+    RuntimeConfig onThisMachine;
+    initializeRuntimeConfig(xyzIntensityInput(), advanced, onThisMachine);
+    EXPECT_GE(onThisMachine.workerCount, 1u);
+    EXPECT_GE(onThisMachine.batchSize, 1u);
+}
