@@ -4,6 +4,7 @@
 #include <zlib.h>
 #include <zstd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -13,6 +14,7 @@
 #include "hspc/format/NodeCompressor.h"
 #include "hspc/format/NodeDecompressor.h"
 #include "hspc/format/NodeHeader.h"
+#include "support/ArithmeticEncoder.h"
 #include "support/FuzzCorpus.h"
 
 using namespace HSPC;
@@ -452,6 +454,53 @@ TEST(HspcNodeRoundTrip, PositionsRelativeToTheAnchor)
     EXPECT_FALSE(compressNode(false, again, *compressor, {}, output, scratch));
 }
 
+namespace
+{
+
+// At the lod of the whole space a decoded axis is the signed cell itself: every bit of every word counts.
+template <typename W>
+void expectWholeSpaceCells()
+{
+    const std::vector<Attribute> attributes{position(MortonIndex3D<W>::kAttributeTypeCode)};
+    const size_t count = 200;
+    std::vector<MortonIndex3D<W>> codes(count);
+    uint64_t seed = 12345;
+    for (auto& code : codes)
+        for (W& word : code.words)
+        {
+            seed = seed * 6364136223846793005ull + 1442695040888963407ull;
+            word = W(seed >> 17);
+        }
+    std::sort(codes.begin(), codes.end());
+    Bytes records;
+    for (const auto& code : codes)
+        for (W word : code.words)
+            put<W>(records, word);
+    NodeHeader header = nodeAt5();
+    header.lod = MortonIndex3D<W>::kBitsPerAxis;
+    const Bytes block = compress(attributes, records, false, header);
+    const std::vector<OutputAction> actions{{0, 0, 14}, {0, 24, 21}};
+    Bytes decoded(count * 32);
+    auto decompressor = NodeDecompressor::create(count);
+    ASSERT_TRUE(decompressNodeBlock(block, *decompressor, {decoded, 32, actions}, header, printError))
+        << decompressor->lastError();
+    for (size_t i = 0; i < count; ++i)
+    {
+        const auto cells = decodeMortonSigned(codes[i]);
+        for (unsigned axis = 0; axis < 3; ++axis)
+            EXPECT_EQ(get<int64_t>(decoded, i * 32 + 8 * axis), int64_t(cells[axis])) << i << " " << axis;
+        EXPECT_DOUBLE_EQ(get<double>(decoded, i * 32 + 24), double(cells[2]) * 0.01) << i;
+    }
+}
+
+}  // namespace
+
+TEST(HspcNodeRoundTrip, WholeSpacePositionsAreSignedCells)
+{
+    expectWholeSpaceCells<uint32_t>();
+    expectWholeSpaceCells<uint64_t>();
+}
+
 TEST(HspcNodeBadInput, BrokenPayloadsAreRefused)
 {
     const std::vector<Attribute> attributes{position(),
@@ -522,4 +571,207 @@ TEST(HspcNodeBadInput, ReplaysTheFuzzCorpus)
             SUCCEED() << file;
         });
     EXPECT_GT(replayed, 0u);
+}
+
+TEST(HspcNodeRoundTrip, StoredTypesWidenOnRead)
+{
+    // R, G, B of U8 as one colour group, an I16 and an F64: read as wider or float types, each value equal to
+    // the stored one converted.
+    const std::vector<Attribute> attributes{position(),
+                                            {AttributeType::U8, AttributeRole::R, "R"},
+                                            {AttributeType::U8, AttributeRole::G, "G"},
+                                            {AttributeType::U8, AttributeRole::B, "B"},
+                                            {AttributeType::I16, AttributeRole::SCAN_ANGLE, "A"},
+                                            {AttributeType::F64, AttributeRole::TIMESTAMP, "T"}};
+    const size_t count = 5;
+    Bytes records;
+    for (uint32_t i = 0; i < count; ++i)
+    {
+        putCode(records, 3 * i);
+        records.insert(records.end(), {uint8_t(250 - 40 * i), uint8_t(7 * i), uint8_t(200 + 11 * i)});
+        put<int16_t>(records, int16_t(-30000 + 14000 * int(i)));
+        put<double>(records, 1.0e9 + 0.125 * i);
+    }
+    const Bytes block = compress(attributes, records);
+    // R as U16 and F32, G as U64, B as F64, the angle as I64 and F32, the time as F32.
+    const std::vector<OutputAction> actions{{1, 0, AttributeType::U16},  {1, 2, AttributeType::F32},
+                                            {2, 6, AttributeType::U64},  {3, 14, AttributeType::F64},
+                                            {4, 22, AttributeType::I64}, {4, 30, AttributeType::F32},
+                                            {5, 34, AttributeType::F32}};
+    const size_t stride = 38;
+    Bytes decoded(count * stride);
+    auto decompressor = NodeDecompressor::create(count);
+    NodeHeader header;
+    ASSERT_TRUE(decompressNodeBlock(block, *decompressor, {decoded, stride, actions}, header, printError))
+        << decompressor->lastError();
+    for (size_t i = 0; i < count; ++i)
+    {
+        const uint8_t* record = records.data() + i * 25;
+        const size_t at = i * stride;
+        EXPECT_EQ(get<uint16_t>(decoded, at), record[12]) << i;
+        EXPECT_EQ(get<float>(decoded, at + 2), float(record[12])) << i;
+        EXPECT_EQ(get<uint64_t>(decoded, at + 6), record[13]) << i;
+        EXPECT_EQ(get<double>(decoded, at + 14), double(record[14])) << i;
+        EXPECT_EQ(get<int64_t>(decoded, at + 22), get<int16_t>(records, i * 25 + 15)) << i;
+        EXPECT_EQ(get<float>(decoded, at + 30), float(get<int16_t>(records, i * 25 + 15))) << i;
+        EXPECT_EQ(get<float>(decoded, at + 34), float(get<double>(records, i * 25 + 17))) << i;
+    }
+
+    // No conversion across signedness, from a float to an integer, or to a narrower integer.
+    for (const OutputAction& action :
+         {OutputAction{1, 0, AttributeType::I16}, OutputAction{4, 0, AttributeType::U32},
+          OutputAction{5, 0, AttributeType::I64}, OutputAction{4, 0, AttributeType::I8}})
+    {
+        const std::vector<OutputAction> one{action};
+        EXPECT_FALSE(decompressNodeBlock(block, *decompressor, {decoded, stride, one}, header, printError));
+        EXPECT_NE(decompressor->lastError().find("does not apply to attribute"), std::string::npos)
+            << decompressor->lastError();
+    }
+}
+
+namespace
+{
+
+// A kind 26 node of seven points: an M96 position, R, G, B of U8 in one colour-triple block and a U16
+// intensity, each value its minimum plus an offset coded byte by byte under its own models.
+struct Kind26Node
+{
+    std::vector<Attribute> attributes{position(),
+                                      {AttributeType::U8, AttributeRole::R, "R"},
+                                      {AttributeType::U8, AttributeRole::G, "G"},
+                                      {AttributeType::U8, AttributeRole::B, "B"},
+                                      {AttributeType::U16, AttributeRole::INTENSITY, "I"}};
+    static constexpr size_t kCount = 7;
+    std::vector<uint64_t> minimum{0x100, 10, 20, 30, 1000};
+    std::vector<uint64_t> range{0x12345, 200, 200, 200, 60000};
+    std::vector<uint32_t> blockKinds{1, 3, 1};
+
+    uint64_t offset(size_t attribute, size_t point) const
+    {
+        return point + 1 == kCount ? range[attribute]
+                                   : (point * (0x2000 + 37 * attribute)) % range[attribute];
+    }
+
+    Bytes payload() const
+    {
+        Bytes bytes{26};
+        put<uint64_t>(bytes, kCount);
+        for (const std::vector<uint64_t>* table : {&minimum, &range})
+        {
+            for (size_t a = 0; a < attributes.size(); ++a)
+            {
+                put<uint64_t>(bytes, (*table)[a]);
+                if (a == 0)
+                    put<uint32_t>(bytes, 0);  // the position's third word
+            }
+        }
+        std::vector<Bytes> streams;
+        size_t first = 0;
+        for (uint32_t kind : blockKinds)
+        {
+            streams.push_back(encodeBlock(first, kind == 2 ? 1 : kind));
+            put<uint32_t>(bytes, kind);
+            put<uint32_t>(bytes, uint32_t(streams.back().size()));
+            first += kind == 2 ? 1 : kind;
+        }
+        for (const Bytes& stream : streams)
+            bytes.insert(bytes.end(), stream.begin(), stream.end());
+        return bytes;
+    }
+
+    Bytes encodeBlock(size_t first, size_t count) const
+    {
+        std::vector<std::vector<AdaptiveDataModel>> models;
+        for (size_t a = first; a < first + count; ++a)
+        {
+            const unsigned bytes = unsigned(std::bit_width(range[a]) + 7) / 8;
+            models.emplace_back(bytes);
+            if (bytes > 0)
+                models.back().back() = AdaptiveDataModel(uint32_t(range[a] >> (8 * (bytes - 1))) + 1);
+        }
+        pcp_test::ArithmeticEncoder encoder;
+        for (size_t point = 0; point < kCount; ++point)
+            for (size_t a = first; a < first + count; ++a)
+                for (size_t b = 0; b < models[a - first].size(); ++b)
+                    encoder.encode(models[a - first][b], uint32_t(offset(a, point) >> (8 * b)) & 0xFF);
+        return encoder.finish();
+    }
+
+    Bytes block() const { return blockOf(payload()); }
+
+    Bytes blockOf(const Bytes& body) const
+    {
+        const uint32_t headerSize = uint32_t(handHeader(attributes, 17, kCount, 0, 0, 0).size());
+        Bytes bytes = handHeader(attributes, 17, kCount, headerSize + body.size(), body.size(), headerSize);
+        bytes.insert(bytes.end(), body.begin(), body.end());
+        return bytes;
+    }
+};
+
+}  // namespace
+
+TEST(HspcNodeArithmetic, DecodesEveryBlockKindIntoTheWantedForms)
+{
+    const Kind26Node node;
+    // The code, R, G, B, the intensity as stored and as F32, and the cells relative to the node's corner.
+    const std::vector<OutputAction> actions{{0, 0, 10}, {1, 12, 0}, {2, 13, 0}, {3, 14, 0},
+                                            {4, 15, 1}, {4, 17, 8}, {0, 21, 13}};
+    const size_t stride = 33;
+    Bytes decoded(node.kCount * stride);
+    auto decompressor = NodeDecompressor::create(node.kCount);
+    NodeHeader header;
+    ASSERT_TRUE(
+        decompressNodeBlock(node.block(), *decompressor, {decoded, stride, actions}, header, printError))
+        << decompressor->lastError();
+    for (size_t i = 0; i < node.kCount; ++i)
+    {
+        const size_t at = i * stride;
+        const uint64_t code = node.minimum[0] + node.offset(0, i);
+        EXPECT_EQ(get<uint32_t>(decoded, at), uint32_t(code)) << i;
+        EXPECT_EQ(get<uint64_t>(decoded, at + 4), 0u) << i;
+        for (size_t a = 1; a <= 3; ++a)
+            EXPECT_EQ(decoded[at + 11 + a], node.minimum[a] + node.offset(a, i)) << i << " " << a;
+        const uint16_t intensity = uint16_t(node.minimum[4] + node.offset(4, i));
+        EXPECT_EQ(get<uint16_t>(decoded, at + 15), intensity) << i;
+        EXPECT_EQ(get<float>(decoded, at + 17), float(intensity)) << i;
+        const auto axes = decodeMorton(MortonIndex3D<uint32_t>{{uint32_t(code), uint32_t(code >> 32), 0}});
+        for (unsigned axis = 0; axis < 3; ++axis)
+            EXPECT_EQ(get<int32_t>(decoded, at + 21 + 4 * axis), int32_t(axes[axis] & 31)) << i;
+    }
+}
+
+TEST(HspcNodeArithmetic, RefusesPayloadsThatDoNotAddUp)
+{
+    const Kind26Node good;
+    const std::vector<OutputAction> actions{{0, 0, 10}, {4, 12, 1}};
+    Bytes decoded(good.kCount * 14);
+    auto decompressor = NodeDecompressor::create(good.kCount);
+    NodeHeader header;
+    const auto refused =
+        [&](const Bytes& block, const std::string& expected, const std::vector<OutputAction>& wanted)
+    {
+        EXPECT_FALSE(decompressNodeBlock(block, *decompressor, {decoded, 14, wanted}, header, printError));
+        EXPECT_NE(decompressor->lastError().find(expected), std::string::npos) << decompressor->lastError();
+    };
+    Bytes body = good.payload();
+    body.push_back(0);
+    refused(good.blockOf(body), "sizes add up to " + std::to_string(body.size() - 1), actions);
+    body = good.payload();
+    body[1] = 6;
+    refused(good.blockOf(body), "point count 6 differs", actions);
+    Kind26Node kinds = good;
+    kinds.blockKinds = {1, 2, 1, 1};
+    refused(kinds.block(), "block kind 2", actions);
+    Kind26Node flat = good;
+    flat.range[4] = 0;
+    refused(flat.block(), "range of zero", actions);
+    refused(good.block(), "no single-axis output", {{0, 0, 19}});
+    // The last block's stream cut by two bytes, its size field and the payload with it: the sizes add up,
+    // but the decoder runs out of bytes.
+    body = good.payload();
+    const size_t lastSizeAt = 1 + 8 + 2 * (12 + 8 * 4) + 8 * 2 + 4;
+    const uint32_t lastSize = get<uint32_t>(body, lastSizeAt) - 2;
+    std::memcpy(body.data() + lastSizeAt, &lastSize, 4);
+    body.resize(body.size() - 2);
+    refused(good.blockOf(body), "ends early", actions);
 }

@@ -2,11 +2,11 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstring>
-#include <type_traits>
 
 #include "hspc/format/LittleEndian.h"
 #include "hspc/format/MortonIndex3D.h"
+#include "hspc/format/NodeArithmeticPayload.h"
+#include "hspc/format/NodeColumnDecoding.h"
 #include "hspc/format/NodeGroups.h"
 
 namespace HSPC
@@ -27,6 +27,7 @@ enum PositionAction : uint8_t
     kFloatF32 = 15,
     kFloatF64 = 16,
     kAxisX = 19,
+    kAxisY = 20,
     kAxisZ = 21,
 };
 
@@ -45,18 +46,6 @@ size_t positionOutputSize(uint8_t code)
         default:
             return code >= kAxisX && code <= kAxisZ ? 8 : 0;
     }
-}
-
-// The value of one point from the byte planes of its entry, plane j giving byte j.
-template <typename T>
-inline T gather(const uint8_t* planes, size_t planeStride, size_t entry)
-{
-    T value = 0;
-    for (size_t j = 0; j < sizeof(T); ++j)
-    {
-        value |= T(planes[j * planeStride + entry]) << (8 * j);
-    }
-    return value;
 }
 
 }  // namespace
@@ -85,14 +74,11 @@ public:
             return fail("empty payload");
         }
         const uint8_t kind = payload_[0];
-        if (kind == kPayloadKindArithmetic)
-        {
-            return fail("payload kind 26 (arithmetic coding) is not supported by this reader");
-        }
-        if (kind != kPayloadKindDelta && kind != kPayloadKindUnbiasedDelta)
+        if (kind != kPayloadKindDelta && kind != kPayloadKindUnbiasedDelta && kind != kPayloadKindArithmetic)
         {
             return fail("unknown payload kind " + std::to_string(kind));
         }
+        // Kinds 99 and 26 come from data sets whose cells are unsigned.
         biased_ = kind == kPayloadKindDelta;
         if (header_.pointCount > decompressor_.pointLimit_)
         {
@@ -103,8 +89,11 @@ public:
         {
             return fail("the first attribute is not a Morton position");
         }
+        if (kind == kPayloadKindArithmetic)
+        {
+            return runArithmetic();
+        }
         layout_ = nodeGroupLayout(header_.attributes);
-        offsets_ = attributeOffsets(header_.attributes);
         if (payload_.size() < kPayloadPrefixSize || payload_[1] != layout_.groups.size())
         {
             return fail("group count does not match the attributes");
@@ -133,6 +122,46 @@ public:
     }
 
 private:
+    bool runArithmetic()
+    {
+        for (const OutputAction& action : output_.actions)
+        {
+            if (action.source == 0 && action.code >= kAxisX && action.code <= kAxisZ)
+            {
+                return fail("payload kind 26 has no single-axis output (action " +
+                            std::to_string(action.code) + ")");
+            }
+        }
+        if (!checkOutput())
+        {
+            return false;
+        }
+        ArithmeticPlanes target;
+        target.planes = planes_;
+        target.planeStride = planeStride_;
+        target.wanted = [&](uint32_t attribute)
+        {
+            return std::any_of(output_.actions.begin(), output_.actions.end(),
+                               [&](const OutputAction& action) { return action.source == attribute; });
+        };
+        target.decoded = [&](uint32_t attribute, const uint8_t* planes)
+        {
+            for (const OutputAction& action : output_.actions)
+            {
+                if (action.source == attribute)
+                {
+                    decodeAttributeAction(action, planes);
+                }
+            }
+        };
+        std::string error;
+        if (!decodeArithmeticPayload(header_, payload_, target, error))
+        {
+            return fail(error);
+        }
+        return true;
+    }
+
     bool fail(const std::string& reason)
     {
         decompressor_.lastError_ = "decompress hspc node: " + reason;
@@ -157,7 +186,11 @@ private:
             const bool positionCopy =
                 action.source == 0 && (action.code == kCopyM96 || action.code == kCopyM192);
             const size_t size = actionSize(action);
-            if (size == 0 || ((action.source != 0 || positionCopy) && action.code != type))
+            // A stored value may be served as any type that holds its range; a position only in its own
+            // Morton type or as offsets.
+            const bool served = action.source == 0 ? !positionCopy || action.code == type
+                                                   : !isMortonType(type) && canWiden(type, action.code);
+            if (size == 0 || !served)
             {
                 return fail("output action " + std::to_string(action.code) + " does not apply to attribute " +
                             std::to_string(action.source) + " of type " + std::to_string(type));
@@ -240,214 +273,161 @@ private:
         {
             return false;
         }
-        if (group.isColor)
-        {
-            return decodeColors();
-        }
-        if (group.attribute == 0)
-        {
-            return header_.attributes[0].type == AttributeType::M96 ? decodePositions<uint32_t>()
-                                                                    : decodePositions<uint64_t>();
-        }
         for (const OutputAction& action : output_.actions)
         {
-            if (action.source == group.attribute)
+            if (group.isColor)
             {
-                copyValuesOfSize(group.planeCount, action.offset);
+                decodeColorAction(action);
+            }
+            else if (action.source == group.attribute)
+            {
+                decodeAttributeAction(action, planes_);
             }
         }
         return true;
     }
 
-    template <typename T>
-    void copyValues(uint32_t offset)
+    // One ordinary attribute, or the position, from its delta planes.
+    void decodeAttributeAction(const OutputAction& action, const uint8_t* planes)
     {
-        uint8_t* out = output_.records.data() + offset;
-        T value = 0;
-        for (size_t i = 0; i < count_; ++i)
+        if (action.source != 0)
         {
-            value += gather<T>(planes_, planeStride_, planeEntry(i, count_));
-            little_endian::store<T>(out + i * output_.stride, value);
+            decodeValueAction(header_.attributes[action.source].type, action, planes);
+        }
+        else if (header_.attributes[0].type == AttributeType::M96)
+        {
+            decodePositionAction<uint32_t>(action, planes);
+        }
+        else
+        {
+            decodePositionAction<uint64_t>(action, planes);
         }
     }
 
-    void copyValuesOfSize(uint32_t size, uint32_t offset)
+    column_decoding::Column columnOf(const OutputAction& action) const
     {
-        switch (size)
-        {
-            case 1:
-                return copyValues<uint8_t>(offset);
-            case 2:
-                return copyValues<uint16_t>(offset);
-            case 4:
-                return copyValues<uint32_t>(offset);
-            default:
-                return copyValues<uint64_t>(offset);
-        }
+        return {output_.records.data() + action.offset, output_.stride};
     }
 
-    template <typename T>
-    void decodeColorsOf()
+    // Types and their widening were checked before any group was touched, so both dispatches succeed.
+    void decodeValueAction(uint8_t storedType, const OutputAction& action, const uint8_t* planes)
     {
-        const size_t componentStride = sizeof(T) * planeStride_;
-        T green = 0;
-        uint8_t* records = output_.records.data();
-        for (size_t i = 0; i < count_; ++i)
-        {
-            const size_t entry = planeEntry(i, count_);
-            green += gather<T>(planes_, planeStride_, entry);
-            const T blue = T(green + gather<T>(planes_ + componentStride, planeStride_, entry));
-            const T red = T(green + gather<T>(planes_ + 2 * componentStride, planeStride_, entry));
-            uint8_t* record = records + i * output_.stride;
-            for (const OutputAction& action : output_.actions)
+        column_decoding::withScalarType(
+            storedType,
+            [&](auto stored)
             {
-                if (action.source == layout_.red)
-                    little_endian::store<T>(record + action.offset, red);
-                else if (action.source == layout_.green)
-                    little_endian::store<T>(record + action.offset, green);
-                else if (action.source == layout_.blue)
-                    little_endian::store<T>(record + action.offset, blue);
-            }
-        }
+                column_decoding::withScalarType(
+                    action.code,
+                    [&](auto out)
+                    {
+                        column_decoding::decodeValues<decltype(stored), decltype(out)>(
+                            planes, planeStride_, count_, columnOf(action));
+                    });
+            });
     }
 
-    bool decodeColors()
+    void decodeColorAction(const OutputAction& action)
     {
-        switch (layout_.colorSize)
+        const int component = action.source == layout_.green  ? 0
+                              : action.source == layout_.blue ? 1
+                              : action.source == layout_.red  ? 2
+                                                              : -1;
+        if (component < 0)
         {
-            case 1:
-                decodeColorsOf<uint8_t>();
-                break;
-            case 2:
-                decodeColorsOf<uint16_t>();
-                break;
-            case 4:
-                decodeColorsOf<uint32_t>();
-                break;
-            default:
-                decodeColorsOf<uint64_t>();
-                break;
+            return;
         }
-        return true;
+        column_decoding::withScalarType(header_.attributes[action.source].type,
+                                        [&](auto stored)
+                                        {
+                                            column_decoding::withScalarType(
+                                                action.code,
+                                                [&](auto out)
+                                                {
+                                                    using Stored = decltype(stored);
+                                                    using Out = decltype(out);
+                                                    const auto column = columnOf(action);
+                                                    if (component == 0)
+                                                        column_decoding::decodeColorComponent<Stored, Out, 0>(
+                                                            planes_, planeStride_, count_, column);
+                                                    else if (component == 1)
+                                                        column_decoding::decodeColorComponent<Stored, Out, 1>(
+                                                            planes_, planeStride_, count_, column);
+                                                    else
+                                                        column_decoding::decodeColorComponent<Stored, Out, 2>(
+                                                            planes_, planeStride_, count_, column);
+                                                });
+                                        });
     }
 
-    // Maps a decoded axis to its signed offset from the node's anchor. Biased payloads store cells with the
-    // sign bit flipped; a node below zero on an axis is addressed from its corner nearest zero, so its
-    // offsets are negative. The side is taken once per node from the first point: every point of a node below
-    // the whole space's lod lies on the same side.
+    // Biased payloads store cells with the sign bit flipped; a node below zero on an axis is addressed from
+    // its corner nearest zero, so its offsets are negative. The side is taken once per node from the first
+    // point: every point of a node below the whole space's lod lies on the same side.
     template <typename W>
-    struct AxisMapping
+    column_decoding::AxisMapping<W> axisMapping(const uint8_t* planes) const
     {
-        W lowMask = ~W(0);
-        std::array<bool, 3> nonNegative{true, true, true};
-        bool biased = true;
-        bool wholeSpace = true;
-
-        int64_t offset(W axis, unsigned index) const
+        column_decoding::AxisMapping<W> mapping;
+        const bool wholeSpace = header_.lod >= MortonIndex3D<W>::kBitsPerAxis;
+        const W lowMask = wholeSpace ? ~W(0) : W((W(1) << header_.lod) - 1);
+        if (!biased_)
         {
-            using S = std::make_signed_t<W>;
-            if (!biased)
-            {
-                return int64_t(S(axis & lowMask));
-            }
-            const W flipped = axis ^ MortonIndex3D<W>::kSignBit;
-            if (wholeSpace)
-            {
-                return int64_t(S(flipped));
-            }
-            return int64_t(S(nonNegative[index] ? (flipped & lowMask) : (flipped | ~lowMask)));
+            mapping.keep = {lowMask, lowMask, lowMask};
+            return mapping;
         }
-    };
-
-    template <typename W>
-    AxisMapping<W> axisMapping() const
-    {
-        AxisMapping<W> mapping;
-        mapping.biased = biased_;
-        mapping.wholeSpace = header_.lod >= MortonIndex3D<W>::kBitsPerAxis;
-        mapping.lowMask = mapping.wholeSpace ? ~W(0) : W((W(1) << header_.lod) - 1);
-        if (biased_ && !mapping.wholeSpace)
+        mapping.flip = {MortonIndex3D<W>::kSignBit, MortonIndex3D<W>::kSignBit, MortonIndex3D<W>::kSignBit};
+        if (wholeSpace)
         {
-            const size_t first = std::min<size_t>(count_ - 1, 1);
-            MortonIndex3D<W> code;
-            for (unsigned word = 0; word < 3; ++word)
-            {
-                code.words[word] = gather<W>(planes_ + word * sizeof(W) * planeStride_, planeStride_, first);
-            }
-            const std::array<W, 3> axes = decodeMorton(code);
-            for (unsigned axis = 0; axis < 3; ++axis)
-            {
-                mapping.nonNegative[axis] = (axes[axis] & MortonIndex3D<W>::kSignBit) != 0;
-            }
+            return mapping;
+        }
+        const size_t first = std::min<size_t>(count_ - 1, 1);
+        MortonIndex3D<W> code;
+        for (unsigned word = 0; word < 3; ++word)
+        {
+            code.words[word] =
+                column_decoding::gather<W>(planes + word * sizeof(W) * planeStride_, planeStride_, first);
+        }
+        const std::array<W, 3> axes = decodeMorton(code);
+        for (unsigned axis = 0; axis < 3; ++axis)
+        {
+            const bool nonNegative = (axes[axis] & MortonIndex3D<W>::kSignBit) != 0;
+            mapping.keep[axis] = nonNegative ? lowMask : ~W(0);
+            mapping.set[axis] = nonNegative ? W(0) : W(~lowMask);
         }
         return mapping;
     }
 
     template <typename W>
-    bool decodePositions()
+    void decodePositionAction(const OutputAction& action, const uint8_t* planes)
     {
-        const AxisMapping<W> mapping = axisMapping<W>();
-        const size_t wordStride = sizeof(W) * planeStride_;
-        MortonIndex3D<W> code{};
-        uint8_t* records = output_.records.data();
-        for (size_t i = 0; i < count_; ++i)
+        using column_decoding::PositionForm;
+        const auto column = columnOf(action);
+        const auto& scale = header_.scale;
+        const column_decoding::AxisMapping<W> mapping = axisMapping<W>(planes);
+        switch (action.code)
         {
-            const size_t entry = planeEntry(i, count_);
-            W carry = 0;
-            for (unsigned word = 0; word < 3; ++word)
-            {
-                const W delta = gather<W>(planes_ + word * wordStride, planeStride_, entry);
-                const W sum = W(code.words[word] + delta);
-                const W total = W(sum + carry);
-                carry = W((sum < delta) | (total < carry));
-                code.words[word] = total;
-            }
-            uint8_t* record = records + i * output_.stride;
-            for (const OutputAction& action : output_.actions)
-            {
-                if (action.source == 0)
-                {
-                    writePosition(code, mapping, action, record + action.offset);
-                }
-            }
-        }
-        return true;
-    }
-
-    template <typename W>
-    void writePosition(const MortonIndex3D<W>& code, const AxisMapping<W>& mapping,
-                       const OutputAction& action, uint8_t* out) const
-    {
-        if (action.code == kCopyM96 || action.code == kCopyM192)
-        {
-            std::memcpy(out, code.words.data(), MortonIndex3D<W>::kBytes);
-            return;
-        }
-        const std::array<W, 3> axes = decodeMorton(code);
-        for (unsigned axis = 0; axis < 3; ++axis)
-        {
-            const int64_t offset = mapping.offset(axes[axis], axis);
-            switch (action.code)
-            {
-                case kIntegerI32:
-                    little_endian::store<int32_t>(out + 4 * axis, int32_t(offset));
-                    break;
-                case kIntegerI64:
-                    little_endian::store<int64_t>(out + 8 * axis, offset);
-                    break;
-                case kFloatF32:
-                    little_endian::store<float>(out + 4 * axis, float(double(offset) * header_.scale[axis]));
-                    break;
-                case kFloatF64:
-                    little_endian::store<double>(out + 8 * axis, double(offset) * header_.scale[axis]);
-                    break;
-                default:
-                    if (action.code - kAxisX == int(axis))
-                    {
-                        little_endian::store<double>(out, double(offset) * header_.scale[axis]);
-                    }
-                    break;
-            }
+            case kCopyM96:
+            case kCopyM192:
+                return column_decoding::copyPositionCodes<W>(planes, planeStride_, count_, column);
+            case kIntegerI32:
+                return column_decoding::decodePositionOffsets<W, int32_t, PositionForm::Integer>(
+                    planes, planeStride_, count_, column, mapping, scale);
+            case kIntegerI64:
+                return column_decoding::decodePositionOffsets<W, int64_t, PositionForm::Integer>(
+                    planes, planeStride_, count_, column, mapping, scale);
+            case kFloatF32:
+                return column_decoding::decodePositionOffsets<W, float, PositionForm::Float>(
+                    planes, planeStride_, count_, column, mapping, scale);
+            case kFloatF64:
+                return column_decoding::decodePositionOffsets<W, double, PositionForm::Float>(
+                    planes, planeStride_, count_, column, mapping, scale);
+            case kAxisX:
+                return column_decoding::decodePositionOffsets<W, double, PositionForm::SingleAxis, 0>(
+                    planes, planeStride_, count_, column, mapping, scale);
+            case kAxisY:
+                return column_decoding::decodePositionOffsets<W, double, PositionForm::SingleAxis, 1>(
+                    planes, planeStride_, count_, column, mapping, scale);
+            default:
+                return column_decoding::decodePositionOffsets<W, double, PositionForm::SingleAxis, 2>(
+                    planes, planeStride_, count_, column, mapping, scale);
         }
     }
 
@@ -461,7 +441,6 @@ private:
     bool biased_ = true;
     size_t tableEnd_ = 0;
     NodeGroupLayout layout_;
-    std::vector<uint32_t> offsets_;
 };
 
 std::unique_ptr<NodeDecompressor> NodeDecompressor::create(size_t pointLimit)

@@ -1,5 +1,6 @@
-// Reading octree nodes: the payload of an "APRN" block (kinds 100 and 99, NodeGroups.h) decoded straight
-// into the caller's output records. Only the groups that the output needs are inflated.
+// Reading octree nodes: the payload of an "APRN" block (kinds 100 and 99, NodeGroups.h; the old kind 26,
+// NodeArithmeticPayload.h) decoded straight into the caller's output records. Only the groups that the
+// output needs are inflated.
 #pragma once
 
 #include <cstdint>
@@ -18,8 +19,9 @@ namespace HSPC
 // What to make of one stored attribute in the output record. For the position (source 0) the code says
 // the form: 10 or 11 the Morton code as stored, 13 / 14 three I32 / I64 cells relative to the node's
 // anchor, 15 / 16 three F32 / F64 offsets from the anchor in real units (cells times the node's scale),
-// 19 / 20 / 21 the x / y / z offset alone as one F64 in real units. For any other attribute the code is its
-// own type code, and the value is copied.
+// 19 / 20 / 21 the x / y / z offset alone as one F64 in real units (not for kind 26). For any other
+// attribute the code is its stored type code or one the stored type widens to (canWiden), and the value is
+// converted.
 struct OutputAction
 {
     uint32_t source = 0;
