@@ -123,54 +123,6 @@ TEST(AttributeNames, RolesRoundTripThroughTheirNamesAndAliases)
     EXPECT_EQ(untouched, 77);
 }
 
-TEST(AttributeNames, TypesRoundTripWithSizesAndShortFloatNames)
-{
-    const std::vector<std::pair<std::string, uint32_t>> expected = {
-        {"U8", 1},  {"U16", 2}, {"U32", 4}, {"U64", 8}, {"I8", 1},   {"I16", 2},
-        {"I32", 4}, {"I64", 8}, {"F32", 4}, {"F64", 8}, {"M96", 12}, {"M192", 24}};
-    for (uint8_t code = 0; code < expected.size(); ++code)
-    {
-        EXPECT_EQ(getTypeName(code), expected[code].first);
-        EXPECT_EQ(typeSize(code), expected[code].second);
-        uint8_t parsed = 255;
-        EXPECT_TRUE(parseType(expected[code].first, parsed));
-        EXPECT_EQ(parsed, code);
-    }
-    for (uint8_t code : {12, 13, 200, 255})
-    {
-        EXPECT_EQ(getTypeName(code), "undefined");
-        EXPECT_EQ(typeSize(code), 0u);
-    }
-    uint8_t parsed = 255;
-    EXPECT_TRUE(parseType("F", parsed));
-    EXPECT_EQ(parsed, AttributeType::F32);
-    EXPECT_TRUE(parseType("D", parsed));
-    EXPECT_EQ(parsed, AttributeType::F64);
-    EXPECT_EQ(getTypeName(8), "F32");
-    EXPECT_FALSE(parseType("undefined", parsed));
-    EXPECT_FALSE(parseType("f32", parsed));
-    EXPECT_EQ(parsed, AttributeType::F64);
-}
-
-TEST(AttributeTypes, WideningFollowsRangeNotPrecision)
-{
-    using namespace AttributeType;
-    const std::set<std::pair<int, int>> allowed = {
-        {U8, U16},  {U8, U32},  {U8, U64},  {U8, F32},  {U8, F64},  {U16, U32}, {U16, U64}, {U16, F32},
-        {U16, F64}, {U32, U64}, {U32, F32}, {U32, F64}, {U64, F32}, {U64, F64}, {I8, I16},  {I8, I32},
-        {I8, I64},  {I8, F32},  {I8, F64},  {I16, I32}, {I16, I64}, {I16, F32}, {I16, F64}, {I32, I64},
-        {I32, F32}, {I32, F64}, {I64, F32}, {I64, F64}, {F32, F64}, {F64, F32}};
-    for (int from = 0; from <= UNDEFINED; ++from)
-    {
-        for (int to = 0; to <= UNDEFINED; ++to)
-        {
-            const bool expected = from == to || allowed.count({from, to}) != 0;
-            EXPECT_EQ(canWiden(static_cast<uint8_t>(from), static_cast<uint8_t>(to)), expected)
-                << getTypeName(static_cast<uint8_t>(from)) << " -> " << getTypeName(static_cast<uint8_t>(to));
-        }
-    }
-}
-
 TEST(AttributeEquality, RoleDecidesAndCustomAttributesAlsoNeedTheirName)
 {
     const Attribute intensity{AttributeType::U16, AttributeRole::INTENSITY, "Intensity"};

@@ -53,31 +53,6 @@ BasicConfig xyzIntensityInput()
 
 }  // namespace
 
-TEST(ConfigDefaults, DefaultLoggersPrintTheirPrefixes)
-{
-    const AdvancedConfig advanced;
-    const QueryConfig query;
-    const ImporterConfig importer;
-
-    testing::internal::CaptureStdout();
-    advanced.infoLogger("reading");
-    advanced.progressLogger(42, "sorting");
-    query.infoLogger("opened");
-    query.warningLogger("slow disk");
-    importer.infoLogger("imported");
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "HSPC:    info: reading \nHSPC:  42/100: sorting \nHSPC query:    info: opened \n"
-              "HSPC query: warning: slow disk \nHSPC:    info: imported \n");
-
-    testing::internal::CaptureStderr();
-    advanced.warningLogger("odd");
-    advanced.errorLogger("bad");
-    query.errorLogger("lost");
-    importer.errorLogger("gone");
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "HSPC: warning: odd \nHSPC:   error: bad \nHSPC query:   error: lost \nHSPC:   error: gone \n");
-}
-
 TEST(JsonInfoTest, AddsKeysAndLeavesUnparsableTextAlone)
 {
     JsonInfo info = PointCloudEncodingConfig().requestJsonConfig();
