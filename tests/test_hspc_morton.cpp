@@ -9,6 +9,7 @@
 
 #include "hspc/format/CellMapping.h"
 #include "hspc/format/MortonIndex3D.h"
+#include "hspc/format/MortonLimbs.h"
 #include "hspc/format/MortonNodeBox.h"
 
 using namespace HSPC;
@@ -89,6 +90,39 @@ TYPED_TEST(MortonTest, EncodeFollowsTheBitLayoutAndDecodeInvertsIt)
     }
     constexpr W top = std::numeric_limits<W>::max();
     EXPECT_EQ(encodeMorton<W>(top, top, top), MortonIndex3D<W>::invalidIndex());
+}
+
+// Node decoding takes axes from the code as 64-bit limbs, portably or with PEXT; both must agree with
+// decodeMorton bit for bit.
+template <typename W, typename Extract>
+void expectLimbAxesMatchDecode(const std::vector<W>& values)
+{
+    using morton_limbs::axisOfLimbs;
+    std::mt19937_64 random(11);
+    for (const W x : values)
+    {
+        const std::array<W, 3> axes{x, values[random() % values.size()], values[random() % values.size()]};
+        const MortonIndex3D<W> code = encodeMorton<W>(axes[0], axes[1], axes[2]);
+        std::array<uint64_t, 3> limbs{code.words[0], code.words[1], code.words[2]};
+        if constexpr (sizeof(W) == 4)
+        {
+            limbs = {uint64_t(code.words[0]) | uint64_t(code.words[1]) << 32, code.words[2], 0};
+        }
+        ASSERT_EQ((std::array<W, 3>{axisOfLimbs<W, 0, Extract>(limbs), axisOfLimbs<W, 1, Extract>(limbs),
+                                    axisOfLimbs<W, 2, Extract>(limbs)}),
+                  axes);
+    }
+}
+
+TYPED_TEST(MortonTest, AxesFromLimbsMatchDecode)
+{
+    const std::vector<TypeParam> values = interestingValues<TypeParam>();
+    expectLimbAxesMatchDecode<TypeParam, morton_limbs::CompactingExtract>(values);
+    if (!__builtin_cpu_supports("bmi2"))
+    {
+        GTEST_SKIP() << "this processor has no BMI2: only the portable extraction was checked";
+    }
+    expectLimbAxesMatchDecode<TypeParam, morton_limbs::ParallelExtract>(values);
 }
 
 TYPED_TEST(MortonTest, SignedEncodingKeepsOrderAndNeverYieldsInvalidIndex)

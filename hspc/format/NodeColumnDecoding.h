@@ -1,7 +1,8 @@
-// The inner loops of node decoding: byte planes (NodeGroups.h) accumulated into values and written straight
-// into the caller's output column. Everything that varies per action (stored type, output type, position
-// form) is a template parameter, so that the per-point loop has no dispatch and no branch: the dispatch
-// happens once per action, outside the loop.
+// The inner loops of node decoding. A group's planes are decoded in blocks of kBlockPoints points: the
+// block's deltas are rebuilt from the byte planes (BytePlanes.h) into rows of values, accumulated in place,
+// and each output action then writes its column from the rows. The rows of a block stay in the first-level
+// cache, and every loop is a plain pass over arrays with no dispatch inside: stored type, output type and
+// position form are template parameters, chosen once per action and block.
 #pragma once
 
 #include <array>
@@ -10,18 +11,19 @@
 #include <cstdint>
 #include <cstring>
 #include <type_traits>
-#include <utility>
 
 #include "hspc/format/Attribute.h"
+#include "hspc/format/BytePlanes.h"
 #include "hspc/format/LittleEndian.h"
 #include "hspc/format/MortonIndex3D.h"
-
-// The per-point steps below are lambdas called from a loop helper; GCC leaves them out of line at -O2,
-// which costs more than the work inside them, so they are forced inline.
-#define HSPC_HOT_INLINE __attribute__((always_inline))
+#include "hspc/format/MortonLimbs.h"
 
 namespace HSPC::column_decoding
 {
+
+// Points per block; even, so that no swapped pair is split between blocks.
+inline constexpr size_t kBlockPoints = 1024;
+inline constexpr unsigned kBlockRows = 3;
 
 // The unsigned integer of a width, in which deltas are taken for every type of that width.
 template <size_t bytes>
@@ -29,53 +31,17 @@ using UnsignedOfSize = std::conditional_t<
     bytes == 1, uint8_t,
     std::conditional_t<bytes == 2, uint16_t, std::conditional_t<bytes == 4, uint32_t, uint64_t>>>;
 
-// The value of one point from the byte planes of its entry, plane j giving byte j. Unrolled by hand: the
-// compiler keeps a loop over the planes, and the loop costs more than the loads.
-template <typename T, size_t... plane>
-HSPC_HOT_INLINE inline T gatherPlanes(const uint8_t* entryByte, size_t planeStride,
-                                      std::index_sequence<plane...>)
+// Three rows of kBlockPoints values of up to 8 bytes: what one block of the widest group needs.
+struct BlockRows
 {
-    return T(((T(entryByte[plane * planeStride]) << (8 * plane)) | ...));
-}
+    uint64_t* storage = nullptr;
 
-template <typename T>
-HSPC_HOT_INLINE inline T gather(const uint8_t* planes, size_t planeStride, size_t entry)
-{
-    return gatherPlanes<T>(planes + entry, planeStride, std::make_index_sequence<sizeof(T)>{});
-}
-
-// Calls step(point, entry) for every point in order, with the plane entry that holds it: the entries of each
-// pair of points are swapped, a last odd point keeps its place. Walking by pairs keeps that rule out of the
-// loop body.
-template <typename Step>
-HSPC_HOT_INLINE inline void forEachEntry(size_t count, Step&& step)
-{
-    size_t point = 0;
-    for (; point + 1 < count; point += 2)
+    template <typename T>
+    T* row(unsigned index) const
     {
-        step(point, point + 1);
-        step(point + 1, point);
+        return reinterpret_cast<T*>(storage + index * kBlockPoints);
     }
-    if (point < count)
-    {
-        step(point, point);
-    }
-}
-
-// Stores the accumulated bits of a value stored as `Stored` as an `Out` value. Equal types move the bits
-// untouched, so that floats keep every NaN payload.
-template <typename Stored, typename Out>
-HSPC_HOT_INLINE inline void storeConverted(uint8_t* out, UnsignedOfSize<sizeof(Stored)> bits)
-{
-    if constexpr (std::is_same_v<Stored, Out>)
-    {
-        little_endian::store(out, bits);
-    }
-    else
-    {
-        little_endian::store(out, static_cast<Out>(std::bit_cast<Stored>(bits)));
-    }
-}
+};
 
 // Calls f with a default value of the C++ type of a scalar type code (U8 .. F64); false for any other code.
 template <typename F>
@@ -108,69 +74,162 @@ inline bool withScalarType(uint8_t type, F&& f)
     }
 }
 
-// Where one output column goes: the first record's byte and the record stride.
+// Where one output column of a block goes: the block's first record's byte and the record stride.
 struct Column
 {
     uint8_t* first = nullptr;
     size_t stride = 0;
 };
 
-// One ordinary attribute: deltas of its width accumulated and written as `Out`.
+// Turns the deltas of a block into values, continuing from the last value of the block before.
+template <typename Bits>
+Bits accumulate(Bits* values, size_t n, Bits running)
+{
+    for (size_t i = 0; i < n; ++i)
+    {
+        running = Bits(running + values[i]);
+        values[i] = running;
+    }
+    return running;
+}
+
+// Writes values stored as `Stored` as `Out` values. Equal types move the bits untouched, so that floats
+// keep every NaN payload.
 template <typename Stored, typename Out>
-void decodeValues(const uint8_t* planes, size_t planeStride, size_t count, Column column)
+void storeValues(const UnsignedOfSize<sizeof(Stored)>* values, size_t n, Column column)
 {
-    using Bits = UnsignedOfSize<sizeof(Stored)>;
-    Bits value = 0;
-    forEachEntry(count,
-                 [&](size_t point, size_t entry) HSPC_HOT_INLINE
-                 {
-                     value = Bits(value + gather<Bits>(planes, planeStride, entry));
-                     storeConverted<Stored, Out>(column.first + point * column.stride, value);
-                 });
+    for (size_t i = 0; i < n; ++i)
+    {
+        uint8_t* out = column.first + i * column.stride;
+        if constexpr (std::is_same_v<Stored, Out>)
+        {
+            little_endian::store(out, values[i]);
+        }
+        else
+        {
+            little_endian::store(out, static_cast<Out>(std::bit_cast<Stored>(values[i])));
+        }
+    }
 }
 
-// One component of the colour group. The planes hold green deltas, then blue - green, then red - green;
-// component 0 is green itself, 1 blue and 2 red.
-template <typename Stored, typename Out, unsigned component>
-void decodeColorComponent(const uint8_t* planes, size_t planeStride, size_t count, Column column)
+// One group on its way through the blocks of a node: where its planes are, and the values its last block
+// ended with, from which the next block's deltas count.
+struct GroupCursor
 {
-    using Bits = UnsignedOfSize<sizeof(Stored)>;
-    const uint8_t* differences = planes + component * sizeof(Bits) * planeStride;
-    Bits green = 0;
-    forEachEntry(count,
-                 [&](size_t point, size_t entry) HSPC_HOT_INLINE
-                 {
-                     green = Bits(green + gather<Bits>(planes, planeStride, entry));
-                     Bits value = green;
-                     if constexpr (component != 0)
-                     {
-                         value = Bits(green + gather<Bits>(differences, planeStride, entry));
-                     }
-                     storeConverted<Stored, Out>(column.first + point * column.stride, value);
-                 });
+    // The attribute; for the colour group that of G.
+    uint32_t attribute = 0;
+    bool isColor = false;
+    const uint8_t* planes = nullptr;
+    std::array<uint64_t, 3> running{};
+};
+
+// The planes of a node: each one byte per point of `count` points, `stride` bytes apart.
+struct PlaneShape
+{
+    size_t stride = 0;
+    size_t count = 0;
+};
+
+template <typename Bits>
+void rebuildValues(const PlaneShape& shape, const uint8_t* planes, size_t first, size_t n, Bits* values)
+{
+    byte_planes::rebuildValues(planes, shape.stride, shape.count, first, n, values);
 }
 
-// Calls emit(point, code) with the Morton code of every point: the three words are one number, so a delta
-// carries from word to word.
-template <typename W, typename Emit>
-HSPC_HOT_INLINE inline void forEachCode(const uint8_t* planes, size_t planeStride, size_t count, Emit&& emit)
+// The values of one ordinary attribute for one block, into `values`.
+template <typename Bits>
+void rebuildValueBlock(const PlaneShape& shape, GroupCursor& cursor, size_t first, size_t n, Bits* values)
 {
-    const size_t wordStride = sizeof(W) * planeStride;
-    MortonIndex3D<W> code{};
-    forEachEntry(count,
-                 [&](size_t point, size_t entry) HSPC_HOT_INLINE
-                 {
-                     W carry = 0;
-                     for (unsigned word = 0; word < 3; ++word)
-                     {
-                         const W delta = gather<W>(planes + word * wordStride, planeStride, entry);
-                         const W sum = W(code.words[word] + delta);
-                         const W total = W(sum + carry);
-                         carry = W((sum < delta) | (total < carry));
-                         code.words[word] = total;
-                     }
-                     emit(point, code);
-                 });
+    rebuildValues(shape, cursor.planes, first, n, values);
+    cursor.running[0] = accumulate(values, n, Bits(cursor.running[0]));
+}
+
+// The colour group of one block into rows 0, 1 and 2: green, blue and red. The planes hold green deltas,
+// then blue - green, then red - green.
+template <typename Bits>
+void rebuildColorBlock(const PlaneShape& shape, GroupCursor& cursor, size_t first, size_t n,
+                       const BlockRows& rows)
+{
+    Bits* green = rows.row<Bits>(0);
+    Bits* blue = rows.row<Bits>(1);
+    Bits* red = rows.row<Bits>(2);
+    rebuildValueBlock(shape, cursor, first, n, green);
+    rebuildValues(shape, cursor.planes + sizeof(Bits) * shape.stride, first, n, blue);
+    rebuildValues(shape, cursor.planes + 2 * sizeof(Bits) * shape.stride, first, n, red);
+    for (size_t i = 0; i < n; ++i)
+    {
+        blue[i] = Bits(blue[i] + green[i]);
+        red[i] = Bits(red[i] + green[i]);
+    }
+}
+
+// The Morton codes of one block as 64-bit limbs (MortonLimbs.h) in rows 0, 1 and, for M192, 2. The three
+// words of a code are one number, so a delta carries from word to word.
+template <typename W>
+void rebuildCodeBlock(const PlaneShape& shape, GroupCursor& cursor, size_t first, size_t n,
+                      const BlockRows& rows)
+{
+    // A local copy: the rows are uint64_t as well, and the compiler would otherwise store the running
+    // code after every point in case a row aliases it.
+    std::array<uint64_t, 3> running = cursor.running;
+    uint64_t* low = rows.row<uint64_t>(0);
+    uint64_t* middle = rows.row<uint64_t>(1);
+    rebuildValues(shape, cursor.planes, first, n, low);
+    if constexpr (sizeof(W) == 4)
+    {
+        // Word 2 alone makes the second limb; its deltas wait in row 2 meanwhile.
+        uint32_t* highDeltas = rows.row<uint32_t>(2);
+        rebuildValues(shape, cursor.planes + 8 * shape.stride, first, n, highDeltas);
+        for (size_t i = 0; i < n; ++i)
+        {
+            const uint64_t delta = low[i];
+            running[0] += delta;
+            const uint32_t carry = running[0] < delta;
+            running[1] = uint32_t(running[1] + highDeltas[i] + carry);
+            low[i] = running[0];
+            middle[i] = running[1];
+        }
+    }
+    else
+    {
+        uint64_t* high = rows.row<uint64_t>(2);
+        rebuildValues(shape, cursor.planes + 8 * shape.stride, first, n, middle);
+        rebuildValues(shape, cursor.planes + 16 * shape.stride, first, n, high);
+        for (size_t i = 0; i < n; ++i)
+        {
+            running[0] += low[i];
+            uint64_t carry = running[0] < low[i];
+            const uint64_t sum = running[1] + middle[i];
+            const uint64_t total = sum + carry;
+            carry = uint64_t(sum < middle[i]) | uint64_t(total < carry);
+            running[1] = total;
+            running[2] += high[i] + carry;
+            low[i] = running[0];
+            middle[i] = running[1];
+            high[i] = running[2];
+        }
+    }
+    cursor.running = running;
+}
+
+template <typename W>
+std::array<uint64_t, 3> limbsAt(const BlockRows& rows, size_t i)
+{
+    const uint64_t high = sizeof(W) == 8 ? rows.row<uint64_t>(2)[i] : 0;
+    return {rows.row<uint64_t>(0)[i], rows.row<uint64_t>(1)[i], high};
+}
+
+template <typename W>
+MortonIndex3D<W> codeOfLimbs(const std::array<uint64_t, 3>& limbs)
+{
+    if constexpr (sizeof(W) == 4)
+    {
+        return {{uint32_t(limbs[0]), uint32_t(limbs[0] >> 32), uint32_t(limbs[1])}};
+    }
+    else
+    {
+        return {limbs};
+    }
 }
 
 // Turns a decoded axis into the signed offset of the cell from the node's anchor, as
@@ -184,31 +243,11 @@ struct AxisMapping
     std::array<W, 3> keep{~W(0), ~W(0), ~W(0)};
     std::array<W, 3> set{};
 
-    HSPC_HOT_INLINE int64_t offset(W axis, unsigned index) const
+    int64_t offset(W axis, unsigned index) const
     {
         return int64_t(std::make_signed_t<W>(((axis ^ flip[index]) & keep[index]) | set[index]));
     }
 };
-
-// One axis of a code. For M96 words 0 and 1 are compacted as one 64-bit number, which takes two compactions
-// per axis instead of three: bit 3k + axis of that number is bit k of the axis, and word 2 continues where
-// it ends (its bit m, that is bit 64 + m of the code, belongs to axis (1 + m) mod 3).
-template <typename W, unsigned axis>
-HSPC_HOT_INLINE inline W decodeAxisOf(const std::array<W, 3>& words)
-{
-    if constexpr (std::is_same_v<W, uint32_t>)
-    {
-        constexpr unsigned highPhase = (axis + 2) % 3;
-        constexpr unsigned highFirst = (64 + highPhase - axis) / 3;
-        const uint64_t low = uint64_t(words[0]) | (uint64_t(words[1]) << 32);
-        return uint32_t(morton_detail::compactBits(uint64_t(low >> axis))) |
-               (morton_detail::compactBits(uint32_t(words[2] >> highPhase)) << highFirst);
-    }
-    else
-    {
-        return morton_detail::decodeAxis<W, axis>(words);
-    }
-}
 
 enum class PositionForm : uint8_t
 {
@@ -217,53 +256,55 @@ enum class PositionForm : uint8_t
     SingleAxis,
 };
 
-// The position as offsets from the node's anchor: integers of type Out, or floats of type Out scaled by
-// the node's scale, or one axis alone (Out double).
-template <typename W, typename Out, PositionForm form, unsigned singleAxis = 0>
-void decodePositionOffsets(const uint8_t* planes, size_t planeStride, size_t count, Column column,
-                           const AxisMapping<W>& mapping, const std::array<double, 3>& scale)
+// The positions of a block as offsets from the node's anchor: integers of type Out, or floats of type Out
+// scaled by the node's scale, or one axis alone (Out double).
+template <typename W, typename Out, PositionForm form, unsigned singleAxis, typename Extract>
+void decodePositionBlock(const BlockRows& rows, size_t n, Column column, const AxisMapping<W>& mapping,
+                         const std::array<double, 3>& scale)
 {
-    forEachCode<W>(planes, planeStride, count,
-                   [&](size_t point, const MortonIndex3D<W>& code) HSPC_HOT_INLINE
-                   {
-                       uint8_t* out = column.first + point * column.stride;
-                       if constexpr (form == PositionForm::SingleAxis)
-                       {
-                           const W axis = decodeAxisOf<W, singleAxis>(code.words);
-                           little_endian::store<double>(
-                               out, double(mapping.offset(axis, singleAxis)) * scale[singleAxis]);
-                       }
-                       else
-                       {
-                           const std::array<W, 3> axes{decodeAxisOf<W, 0>(code.words),
-                                                       decodeAxisOf<W, 1>(code.words),
-                                                       decodeAxisOf<W, 2>(code.words)};
-                           for (unsigned axis = 0; axis < 3; ++axis)
-                           {
-                               const int64_t offset = mapping.offset(axes[axis], axis);
-                               if constexpr (form == PositionForm::Integer)
-                               {
-                                   little_endian::store<Out>(out + sizeof(Out) * axis, Out(offset));
-                               }
-                               else
-                               {
-                                   little_endian::store<Out>(out + sizeof(Out) * axis,
-                                                             Out(double(offset) * scale[axis]));
-                               }
-                           }
-                       }
-                   });
+    using morton_limbs::axisOfLimbs;
+    // Copied, so that the stores to the output cannot make the compiler reload it.
+    const AxisMapping<W> local = mapping;
+    const std::array<double, 3> scales = scale;
+    for (size_t i = 0; i < n; ++i)
+    {
+        const std::array<uint64_t, 3> limbs = limbsAt<W>(rows, i);
+        uint8_t* out = column.first + i * column.stride;
+        if constexpr (form == PositionForm::SingleAxis)
+        {
+            const W axis = axisOfLimbs<W, singleAxis, Extract>(limbs);
+            little_endian::store<double>(out, double(local.offset(axis, singleAxis)) * scales[singleAxis]);
+        }
+        else
+        {
+            const std::array<W, 3> axes{axisOfLimbs<W, 0, Extract>(limbs), axisOfLimbs<W, 1, Extract>(limbs),
+                                        axisOfLimbs<W, 2, Extract>(limbs)};
+#pragma GCC unroll 3
+            for (unsigned axis = 0; axis < 3; ++axis)
+            {
+                const int64_t offset = local.offset(axes[axis], axis);
+                if constexpr (form == PositionForm::Integer)
+                {
+                    little_endian::store<Out>(out + sizeof(Out) * axis, Out(offset));
+                }
+                else
+                {
+                    little_endian::store<Out>(out + sizeof(Out) * axis, Out(double(offset) * scales[axis]));
+                }
+            }
+        }
+    }
 }
 
+// The codes of a block as stored: three words of W each.
 template <typename W>
-void copyPositionCodes(const uint8_t* planes, size_t planeStride, size_t count, Column column)
+void copyPositionBlock(const BlockRows& rows, size_t n, Column column)
 {
-    forEachCode<W>(
-        planes, planeStride, count,
-        [&](size_t point, const MortonIndex3D<W>& code) HSPC_HOT_INLINE
-        { std::memcpy(column.first + point * column.stride, code.words.data(), MortonIndex3D<W>::kBytes); });
+    for (size_t i = 0; i < n; ++i)
+    {
+        const MortonIndex3D<W> code = codeOfLimbs<W>(limbsAt<W>(rows, i));
+        std::memcpy(column.first + i * column.stride, code.words.data(), MortonIndex3D<W>::kBytes);
+    }
 }
 
 }  // namespace HSPC::column_decoding
-
-#undef HSPC_HOT_INLINE

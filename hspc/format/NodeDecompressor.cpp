@@ -62,8 +62,9 @@ public:
           decompressor_(decompressor),
           output_(output),
           count_(size_t(header.pointCount)),
-          planes_(decompressor.planes_.data()),
-          planeStride_(decompressor.pointLimit_)
+          planeStride_(decompressor.pointLimit_),
+          shape_{planeStride_, count_},
+          rows_{decompressor.blockRows_.data()}
     {
     }
 
@@ -111,13 +112,11 @@ public:
         {
             return true;
         }
-        for (size_t g = 0; g < layout_.groups.size(); ++g)
+        if (!inflateWantedGroups())
         {
-            if (!decodeGroup(g))
-            {
-                return false;
-            }
+            return false;
         }
+        decodeBlocks(decompressor_.cursors_);
         return true;
     }
 
@@ -137,7 +136,7 @@ private:
             return false;
         }
         ArithmeticPlanes target;
-        target.planes = planes_;
+        target.planes = decompressor_.planes_.data();
         target.planeStride = planeStride_;
         target.wanted = [&](uint32_t attribute)
         {
@@ -146,12 +145,10 @@ private:
         };
         target.decoded = [&](uint32_t attribute, const uint8_t* planes)
         {
-            for (const OutputAction& action : output_.actions)
+            if (target.wanted(attribute))
             {
-                if (action.source == attribute)
-                {
-                    decodeAttributeAction(action, planes);
-                }
+                column_decoding::GroupCursor cursor{attribute, false, planes, {}};
+                decodeBlocks({&cursor, 1});
             }
         };
         std::string error;
@@ -207,8 +204,8 @@ private:
         return true;
     }
 
-    // Inflates the planes of group g into the plane buffers.
-    bool inflateGroup(size_t g, uint32_t planeCount)
+    // Inflates the planes of group g to `planes`.
+    bool inflateGroup(size_t g, uint32_t planeCount, uint8_t* planes)
     {
         const uint64_t start = little_endian::load<uint64_t>(payload_.data() + kPayloadPrefixSize + 8 * g);
         if (start > payload_.size() - tableEnd_)
@@ -230,7 +227,7 @@ private:
                             " is longer than the payload");
             }
             const size_t inflated =
-                ZSTD_decompressDCtx(decompressor_.context_.get(), planes_ + j * planeStride_, count_,
+                ZSTD_decompressDCtx(decompressor_.context_.get(), planes + j * planeStride_, count_,
                                     payload_.data() + at, size_t(length));
             if (ZSTD_isError(inflated) || inflated != count_)
             {
@@ -258,112 +255,147 @@ private:
                            });
     }
 
-    bool decodeGroup(size_t g)
+    // Inflates every group the output needs, each to its own planes, so that the blocks can then be
+    // decoded group after group while their output records are in the cache.
+    bool inflateWantedGroups()
     {
-        const NodeGroup& group = layout_.groups[g];
-        if (group.planeCount > kMaxPlanes)
+        std::vector<column_decoding::GroupCursor>& cursors = decompressor_.cursors_;
+        cursors.clear();
+        size_t planeCount = 0;
+        for (const NodeGroup& group : layout_.groups)
         {
-            return fail("group " + std::to_string(g) + " has too many planes");
-        }
-        if (!wanted(group) || group.planeCount == 0)
-        {
-            return true;
-        }
-        if (!inflateGroup(g, group.planeCount))
-        {
-            return false;
-        }
-        for (const OutputAction& action : output_.actions)
-        {
-            if (group.isColor)
+            if (wanted(group) && group.planeCount > 0)
             {
-                decodeColorAction(action);
+                planeCount += group.planeCount;
             }
-            else if (action.source == group.attribute)
+        }
+        std::vector<uint8_t>& planeBuffer = decompressor_.planes_;
+        if (planeBuffer.size() < planeCount * planeStride_)
+        {
+            planeBuffer.resize(planeCount * planeStride_);
+        }
+        uint8_t* planes = planeBuffer.data();
+        for (size_t g = 0; g < layout_.groups.size(); ++g)
+        {
+            const NodeGroup& group = layout_.groups[g];
+            if (!wanted(group) || group.planeCount == 0)
             {
-                decodeAttributeAction(action, planes_);
+                continue;
             }
+            if (!inflateGroup(g, group.planeCount, planes))
+            {
+                return false;
+            }
+            cursors.push_back({group.attribute, group.isColor, planes, {}});
+            planes += group.planeCount * planeStride_;
         }
         return true;
     }
 
-    // One ordinary attribute, or the position, from its delta planes.
-    void decodeAttributeAction(const OutputAction& action, const uint8_t* planes)
+    template <typename Step>
+    void forEachBlock(Step&& step)
     {
-        if (action.source != 0)
+        for (size_t first = 0; first < count_; first += column_decoding::kBlockPoints)
         {
-            decodeValueAction(header_.attributes[action.source].type, action, planes);
+            step(first, std::min(column_decoding::kBlockPoints, count_ - first));
         }
-        else if (header_.attributes[0].type == AttributeType::M96)
+    }
+
+    column_decoding::Column columnOf(const OutputAction& action, size_t first) const
+    {
+        return {output_.records.data() + first * output_.stride + action.offset, output_.stride};
+    }
+
+    // Every group's part of one block after the other, block after block.
+    void decodeBlocks(std::span<column_decoding::GroupCursor> cursors)
+    {
+        if (header_.attributes[0].type == AttributeType::M96)
         {
-            decodePositionAction<uint32_t>(action, planes);
+            decodeBlocks<uint32_t>(cursors);
         }
         else
         {
-            decodePositionAction<uint64_t>(action, planes);
+            decodeBlocks<uint64_t>(cursors);
         }
     }
 
-    column_decoding::Column columnOf(const OutputAction& action) const
+    template <typename W>
+    void decodeBlocks(std::span<column_decoding::GroupCursor> cursors)
     {
-        return {output_.records.data() + action.offset, output_.stride};
-    }
-
-    // Types and their widening were checked before any group was touched, so both dispatches succeed.
-    void decodeValueAction(uint8_t storedType, const OutputAction& action, const uint8_t* planes)
-    {
-        column_decoding::withScalarType(
-            storedType,
-            [&](auto stored)
+        column_decoding::AxisMapping<W> mapping;
+        forEachBlock(
+            [&](size_t first, size_t n)
             {
-                column_decoding::withScalarType(
-                    action.code,
-                    [&](auto out)
+                for (column_decoding::GroupCursor& cursor : cursors)
+                {
+                    if (cursor.attribute == 0)
                     {
-                        column_decoding::decodeValues<decltype(stored), decltype(out)>(
-                            planes, planeStride_, count_, columnOf(action));
-                    });
+                        decodePositionBlock<W>(cursor, mapping, first, n);
+                    }
+                    else
+                    {
+                        decodeScalarBlock(cursor, first, n);
+                    }
+                }
             });
     }
 
-    void decodeColorAction(const OutputAction& action)
+    // Types and their widening were checked before any group was touched, so every dispatch succeeds.
+    template <typename Stored, typename Bits>
+    void storeAction(const OutputAction& action, const Bits* values, size_t first, size_t n)
     {
-        const int component = action.source == layout_.green  ? 0
-                              : action.source == layout_.blue ? 1
-                              : action.source == layout_.red  ? 2
-                                                              : -1;
-        if (component < 0)
-        {
-            return;
-        }
-        column_decoding::withScalarType(header_.attributes[action.source].type,
-                                        [&](auto stored)
+        column_decoding::withScalarType(action.code,
+                                        [&](auto out)
                                         {
-                                            column_decoding::withScalarType(
-                                                action.code,
-                                                [&](auto out)
-                                                {
-                                                    using Stored = decltype(stored);
-                                                    using Out = decltype(out);
-                                                    const auto column = columnOf(action);
-                                                    if (component == 0)
-                                                        column_decoding::decodeColorComponent<Stored, Out, 0>(
-                                                            planes_, planeStride_, count_, column);
-                                                    else if (component == 1)
-                                                        column_decoding::decodeColorComponent<Stored, Out, 1>(
-                                                            planes_, planeStride_, count_, column);
-                                                    else
-                                                        column_decoding::decodeColorComponent<Stored, Out, 2>(
-                                                            planes_, planeStride_, count_, column);
-                                                });
+                                            column_decoding::storeValues<Stored, decltype(out)>(
+                                                values, n, columnOf(action, first));
                                         });
+    }
+
+    // The row of a group's block that holds an attribute: for the colour group green, blue and red in rows
+    // 0, 1 and 2, for any other group its attribute in row 0; -1 when the group does not hold it.
+    int rowOf(const column_decoding::GroupCursor& cursor, uint32_t attribute) const
+    {
+        if (!cursor.isColor)
+        {
+            return attribute == cursor.attribute ? 0 : -1;
+        }
+        return attribute == layout_.green ? 0 : attribute == layout_.blue ? 1 : attribute == layout_.red ? 2 : -1;
+    }
+
+    // An ordinary attribute or the colour group.
+    void decodeScalarBlock(column_decoding::GroupCursor& cursor, size_t first, size_t n)
+    {
+        column_decoding::withScalarType(
+            header_.attributes[cursor.attribute].type,
+            [&](auto stored)
+            {
+                using Stored = decltype(stored);
+                using Bits = column_decoding::UnsignedOfSize<sizeof(Stored)>;
+                if (cursor.isColor)
+                {
+                    column_decoding::rebuildColorBlock<Bits>(shape_, cursor, first, n, rows_);
+                }
+                else
+                {
+                    column_decoding::rebuildValueBlock(shape_, cursor, first, n, rows_.row<Bits>(0));
+                }
+                for (const OutputAction& action : output_.actions)
+                {
+                    const int row = rowOf(cursor, action.source);
+                    if (row >= 0)
+                    {
+                        storeAction<Stored>(action, rows_.row<Bits>(unsigned(row)), first, n);
+                    }
+                }
+            });
     }
 
     // Biased payloads store cells with the sign bit flipped; a node below zero on an axis is addressed from
     // its corner nearest zero, so its offsets are negative. The side is taken once per node from the first
     // point: every point of a node below the whole space's lod lies on the same side.
     template <typename W>
-    column_decoding::AxisMapping<W> axisMapping(const uint8_t* planes) const
+    column_decoding::AxisMapping<W> axisMapping(const MortonIndex3D<W>& firstCode) const
     {
         column_decoding::AxisMapping<W> mapping;
         const bool wholeSpace = header_.lod >= MortonIndex3D<W>::kBitsPerAxis;
@@ -378,14 +410,7 @@ private:
         {
             return mapping;
         }
-        const size_t first = std::min<size_t>(count_ - 1, 1);
-        MortonIndex3D<W> code;
-        for (unsigned word = 0; word < 3; ++word)
-        {
-            code.words[word] =
-                column_decoding::gather<W>(planes + word * sizeof(W) * planeStride_, planeStride_, first);
-        }
-        const std::array<W, 3> axes = decodeMorton(code);
+        const std::array<W, 3> axes = decodeMorton(firstCode);
         for (unsigned axis = 0; axis < 3; ++axis)
         {
             const bool nonNegative = (axes[axis] & MortonIndex3D<W>::kSignBit) != 0;
@@ -396,38 +421,64 @@ private:
     }
 
     template <typename W>
-    void decodePositionAction(const OutputAction& action, const uint8_t* planes)
+    void decodePositionBlock(column_decoding::GroupCursor& cursor, column_decoding::AxisMapping<W>& mapping,
+                             size_t first, size_t n)
+    {
+        column_decoding::rebuildCodeBlock<W>(shape_, cursor, first, n, rows_);
+        if (first == 0)
+        {
+            mapping = axisMapping<W>(column_decoding::codeOfLimbs<W>(column_decoding::limbsAt<W>(rows_, 0)));
+        }
+        for (const OutputAction& action : output_.actions)
+        {
+            if (action.source != 0)
+            {
+                continue;
+            }
+            if (decompressor_.parallelExtract_)
+            {
+                decodePositionAction<W, morton_limbs::ParallelExtract>(action, mapping, first, n);
+            }
+            else
+            {
+                decodePositionAction<W, morton_limbs::CompactingExtract>(action, mapping, first, n);
+            }
+        }
+    }
+
+    template <typename W, typename Extract>
+    void decodePositionAction(const OutputAction& action, const column_decoding::AxisMapping<W>& mapping,
+                              size_t first, size_t n)
     {
         using column_decoding::PositionForm;
-        const auto column = columnOf(action);
+        const auto column = columnOf(action, first);
         const auto& scale = header_.scale;
-        const column_decoding::AxisMapping<W> mapping = axisMapping<W>(planes);
         switch (action.code)
         {
             case kCopyM96:
             case kCopyM192:
-                return column_decoding::copyPositionCodes<W>(planes, planeStride_, count_, column);
+                return column_decoding::copyPositionBlock<W>(rows_, n, column);
             case kIntegerI32:
-                return column_decoding::decodePositionOffsets<W, int32_t, PositionForm::Integer>(
-                    planes, planeStride_, count_, column, mapping, scale);
+                return column_decoding::decodePositionBlock<W, int32_t, PositionForm::Integer, 0, Extract>(
+                    rows_, n, column, mapping, scale);
             case kIntegerI64:
-                return column_decoding::decodePositionOffsets<W, int64_t, PositionForm::Integer>(
-                    planes, planeStride_, count_, column, mapping, scale);
+                return column_decoding::decodePositionBlock<W, int64_t, PositionForm::Integer, 0, Extract>(
+                    rows_, n, column, mapping, scale);
             case kFloatF32:
-                return column_decoding::decodePositionOffsets<W, float, PositionForm::Float>(
-                    planes, planeStride_, count_, column, mapping, scale);
+                return column_decoding::decodePositionBlock<W, float, PositionForm::Float, 0, Extract>(
+                    rows_, n, column, mapping, scale);
             case kFloatF64:
-                return column_decoding::decodePositionOffsets<W, double, PositionForm::Float>(
-                    planes, planeStride_, count_, column, mapping, scale);
+                return column_decoding::decodePositionBlock<W, double, PositionForm::Float, 0, Extract>(
+                    rows_, n, column, mapping, scale);
             case kAxisX:
-                return column_decoding::decodePositionOffsets<W, double, PositionForm::SingleAxis, 0>(
-                    planes, planeStride_, count_, column, mapping, scale);
+                return column_decoding::decodePositionBlock<W, double, PositionForm::SingleAxis, 0, Extract>(
+                    rows_, n, column, mapping, scale);
             case kAxisY:
-                return column_decoding::decodePositionOffsets<W, double, PositionForm::SingleAxis, 1>(
-                    planes, planeStride_, count_, column, mapping, scale);
+                return column_decoding::decodePositionBlock<W, double, PositionForm::SingleAxis, 1, Extract>(
+                    rows_, n, column, mapping, scale);
             default:
-                return column_decoding::decodePositionOffsets<W, double, PositionForm::SingleAxis, 2>(
-                    planes, planeStride_, count_, column, mapping, scale);
+                return column_decoding::decodePositionBlock<W, double, PositionForm::SingleAxis, 2, Extract>(
+                    rows_, n, column, mapping, scale);
         }
     }
 
@@ -436,8 +487,9 @@ private:
     NodeDecompressor& decompressor_;
     const NodeOutput& output_;
     size_t count_;
-    uint8_t* planes_;
     size_t planeStride_;
+    column_decoding::PlaneShape shape_;
+    column_decoding::BlockRows rows_;
     bool biased_ = true;
     size_t tableEnd_ = 0;
     NodeGroupLayout layout_;
@@ -455,7 +507,11 @@ std::unique_ptr<NodeDecompressor> NodeDecompressor::create(size_t pointLimit)
 }
 
 NodeDecompressor::NodeDecompressor(ZstdDecompressionContext context, size_t pointLimit)
-    : context_(std::move(context)), pointLimit_(pointLimit), planes_(kMaxPlanes * pointLimit)
+    : context_(std::move(context)),
+      pointLimit_(pointLimit),
+      parallelExtract_(morton_limbs::parallelExtractIsFast()),
+      planes_(kMaxPlanes * pointLimit),
+      blockRows_(column_decoding::kBlockRows * column_decoding::kBlockPoints)
 {
 }
 

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "hspc/format/Loggers.h"
+#include "hspc/format/NodeColumnDecoding.h"
 #include "hspc/format/NodeHeader.h"
 #include "hspc/format/ZstdContexts.h"
 
@@ -55,8 +56,15 @@ private:
 
     ZstdDecompressionContext context_;
     size_t pointLimit_ = 0;
-    // kMaxPlanes planes of pointLimit_ bytes each.
+    // Whether axes are taken with PEXT (MortonLimbs.h); decided once, from the processor.
+    bool parallelExtract_ = false;
+    // Planes of pointLimit_ bytes each: as many as the widest group, grown when a node's output needs more
+    // groups at once.
     std::vector<uint8_t> planes_;
+    // The groups of the node being decoded.
+    std::vector<column_decoding::GroupCursor> cursors_;
+    // The rows in which one block of points is rebuilt (NodeColumnDecoding.h).
+    std::vector<uint64_t> blockRows_;
     std::string lastError_;
 };
 
