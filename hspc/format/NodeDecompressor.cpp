@@ -256,7 +256,8 @@ private:
     }
 
     // Inflates every group the output needs, each to its own planes, so that the blocks can then be
-    // decoded group after group while their output records are in the cache.
+    // decoded group after group while their output records are in the cache. Only groups that an output
+    // action names take planes, so the caller's actions bound the buffer, whatever the header lists.
     bool inflateWantedGroups()
     {
         std::vector<column_decoding::GroupCursor>& cursors = decompressor_.cursors_;
