@@ -136,19 +136,6 @@ TEST(HspcFileHandler, FailuresLeaveTheirFixedTexts)
     }
 }
 
-TEST(HspcFileHandler, MovedHandlersKeepOneOwner)
-{
-    pcp_test::TempFolder folder;
-    FileHandler first(folder.file(L"moved.bin"), FileHandler::Mode::kWrite);
-    FileHandler second(std::move(first));
-    const uint8_t byte = 7;
-    EXPECT_TRUE(second.write(0, &byte, 1));
-    FileHandler third(folder.file(L"other.bin"), FileHandler::Mode::kWrite);
-    third = std::move(second);
-    EXPECT_TRUE(third.write(1, &byte, 1));
-    EXPECT_EQ(third.size(), std::optional<uint64_t>(2));
-}
-
 TEST(HspcBlobCallbacks, AdaptHostCallbacksAndContainTheirFailures)
 {
     std::wstring seenName;

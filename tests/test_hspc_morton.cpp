@@ -296,20 +296,6 @@ TYPED_TEST(MortonTest, PivotOfEqualCodesFailsAndPrintsBoth)
     EXPECT_EQ(out, "abc,12,7\nabc,12,7\n");
 }
 
-TYPED_TEST(MortonTest, CodesAreStoredAsLittleEndianWordsInOrder)
-{
-    using W = TypeParam;
-    const MortonIndex3D<W> code{
-        {W(0x0102030405060708ull), W(0x1112131415161718ull), W(0x2122232425262728ull)}};
-    std::array<uint8_t, MortonIndex3D<W>::kBytes> bytes{};
-    storeMorton(code, std::span<uint8_t, MortonIndex3D<W>::kBytes>(bytes));
-    EXPECT_EQ(bytes[0], 0x08);
-    EXPECT_EQ(bytes[sizeof(W)], 0x18);
-    EXPECT_EQ(bytes[2 * sizeof(W)], 0x28);
-    EXPECT_EQ(bytes[3 * sizeof(W) - 1], sizeof(W) == 4 ? 0x25 : 0x21);
-    EXPECT_EQ(loadMorton<W>(std::span<const uint8_t, MortonIndex3D<W>::kBytes>(bytes)), code);
-}
-
 TYPED_TEST(MortonTest, NodeRealBoxCoversTheWholeSignedRangeAtTheTopLod)
 {
     using W = TypeParam;

@@ -4,9 +4,7 @@
 #include <bit>
 #include <compare>
 #include <cstdint>
-#include <cstring>
 #include <optional>
-#include <span>
 #include <type_traits>
 
 namespace HSPC
@@ -304,23 +302,6 @@ struct MortonPivot
 // streams and answered with nothing.
 template <typename W>
 std::optional<MortonPivot<W>> computeSmallerPivot(const MortonIndex3D<W>& p0, const MortonIndex3D<W>& p);
-
-// Codes in files and buffers: the three words in order, each little-endian. `bytes` holds kBytes bytes.
-template <typename W>
-void storeMorton(const MortonIndex3D<W>& code, std::span<uint8_t, MortonIndex3D<W>::kBytes> bytes)
-{
-    static_assert(std::endian::native == std::endian::little, "stored words are little-endian");
-    std::memcpy(bytes.data(), code.words.data(), MortonIndex3D<W>::kBytes);
-}
-
-template <typename W>
-MortonIndex3D<W> loadMorton(std::span<const uint8_t, MortonIndex3D<W>::kBytes> bytes)
-{
-    static_assert(std::endian::native == std::endian::little, "stored words are little-endian");
-    MortonIndex3D<W> code;
-    std::memcpy(code.words.data(), bytes.data(), MortonIndex3D<W>::kBytes);
-    return code;
-}
 
 extern template std::optional<MortonPivot<uint32_t>> computeSmallerPivot(const MortonIndex3D<uint32_t>&,
                                                                          const MortonIndex3D<uint32_t>&);
