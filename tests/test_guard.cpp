@@ -131,10 +131,6 @@ TEST_F(Guard, InvalidParametersEndTheWatchAtOnce)
         EXPECT_EQ(guard.polls(), 0u) << i;
     }
     EXPECT_TRUE(warnings.empty() && alerts.empty());
-
-    FakeDisk valid(params(), {{kTiB, kTiB}});
-    EXPECT_TRUE(watch(valid));
-    EXPECT_EQ(valid.state(), PreprocessGuard::kFinished);
 }
 
 TEST_F(Guard, WarnsOnceBelowTheSmallerLevelAndLogsEveryPoll)

@@ -83,34 +83,30 @@ TEST(JsonInfoTest, AddsKeysAndLeavesUnparsableTextAlone)
 
 TEST(RuntimeConfigThreads, HardwareMinusReservationWithFloors)
 {
-    const BasicConfig basic = xyzIntensityInput();
-    const ResolvedRun eight = resolve(basic, AdvancedConfig(), machineWithThreads(8));
-    EXPECT_EQ(eight.runtime.reservedThreads, 3);
-    EXPECT_EQ(eight.runtime.workerCount, 4u);
-    EXPECT_EQ(eight.runtime.secondWorkerCount, 4u);
-    EXPECT_EQ(eight.runtime.distributionWorkerCount, 4u);
-
-    const ResolvedRun four = resolve(basic, AdvancedConfig(), machineWithThreads(4));
-    EXPECT_EQ(four.runtime.workerCount, 1u);
-    EXPECT_EQ(four.runtime.secondWorkerCount, 1u);
-    EXPECT_EQ(four.runtime.distributionWorkerCount, 2u);
-
-    // Reserving more than the machine has still leaves one worker.
-    AdvancedConfig greedy;
-    greedy.reservedThreads = 30;
-    const ResolvedRun squeezed = resolve(basic, greedy, machineWithThreads(8));
-    EXPECT_EQ(squeezed.runtime.reservedThreads, 30);
-    EXPECT_EQ(squeezed.runtime.workerCount, 1u);
-    EXPECT_EQ(squeezed.runtime.distributionWorkerCount, 2u);
-
-    AdvancedConfig forced;
-    forced.reservedThreads = 1;
-    forced.workerCount = 1;
-    const ResolvedRun exporter = resolve(basic, forced, machineWithThreads(64));
-    EXPECT_EQ(exporter.runtime.reservedThreads, 1);
-    EXPECT_EQ(exporter.runtime.workerCount, 1u);
-    EXPECT_EQ(exporter.runtime.secondWorkerCount, 1u);
-    EXPECT_EQ(exporter.runtime.distributionWorkerCount, 1u);
+    struct Case
+    {
+        uint32_t hardware, reserved, forced;  // 0: the default
+        int32_t reservedNow;
+        uint32_t workers, distributionWorkers;
+    };
+    const Case cases[] = {
+        {8, 0, 0, 3, 4, 4},
+        {4, 0, 0, 3, 1, 2},
+        {8, 30, 0, 30, 1, 2},  // reserving more than the machine has still leaves one worker
+        {64, 1, 1, 1, 1, 1},   // a forced count holds for every stage
+    };
+    for (const Case& c : cases)
+    {
+        AdvancedConfig advanced;
+        advanced.reservedThreads = c.reserved;
+        advanced.workerCount = c.forced;
+        const RuntimeConfig runtime =
+            resolve(xyzIntensityInput(), advanced, machineWithThreads(c.hardware)).runtime;
+        EXPECT_EQ(runtime.reservedThreads, c.reservedNow) << c.hardware;
+        EXPECT_EQ(runtime.workerCount, c.workers) << c.hardware;
+        EXPECT_EQ(runtime.secondWorkerCount, c.workers) << c.hardware;
+        EXPECT_EQ(runtime.distributionWorkerCount, c.distributionWorkers) << c.hardware;
+    }
 }
 
 TEST(RuntimeConfigMemory, BatchSizeFromBudgetOffsetAndMachineMemory)

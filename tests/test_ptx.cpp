@@ -15,7 +15,6 @@
 
 #include "cachefiles/MetaFile.h"
 #include "cachefiles/PntFiles.h"
-#include "core/ImporterFactory.h"
 #include "core/StringConversion.h"
 #include "fuzz/PtxFuzzCase.h"
 #include "importers/Ptx.h"
@@ -85,13 +84,12 @@ std::string ptxError(const std::wstring& file, const std::string& text, uint64_t
 
 std::string formatText(const std::string& offendingLine, bool eightBit = false)
 {
-    return "Only <x y z I> and <x y z I r g b> are currently supported;\n\twith I in range [0.0, 1.0] and r, "
-           "g "
-           "& b in range [0, 255] or [0, 65535];" +
-           std::string(eightBit
-                           ? "\n\tExpected r, g & b in range [0, 255] based on first 131072 valid points."
-                           : "") +
-           "\n\t" + offendingLine;
+    std::string text =
+        "Only <x y z I> and <x y z I r g b> are currently supported;\n\twith I in range [0.0, 1.0] "
+        "and r, g & b in range [0, 255] or [0, 65535];";
+    if (eightBit)
+        text += "\n\tExpected r, g & b in range [0, 255] based on first 131072 valid points.";
+    return text + "\n\t" + offendingLine;
 }
 
 // What a host does: probe with one importer, convert with a fresh one in the probed grid and mode.
@@ -181,17 +179,6 @@ TEST(Ptx, ScansLandInTheWorldThroughTheirOwnPoses)
     }
     const std::wstring file = writeFile(folder, L"two scans.ptx", text);
 
-    // The scans one by one, as a host that lists them sees them.
-    Ptx lister(file, 1.0, ColorMode());
-    lister.openGroup();
-    EXPECT_TRUE(lister.canOpenScan(0));
-    EXPECT_TRUE(lister.hasScanViews());
-    EXPECT_EQ(lister.nrPointsThisScan(), 240u);
-    EXPECT_TRUE(lister.canOpenScan(1));
-    EXPECT_FALSE(lister.canOpenScan(2));
-    EXPECT_EQ(lister.workDone(), lister.workTotal());
-    lister.closeGroup();
-
     const Conversion c = convert(folder, file);
     EXPECT_EQ(c.probe.colorMode, ColorMode(kRgb8Bit, kIntensityUnit));
     EXPECT_TRUE(c.probe.hasScanViews);
@@ -216,9 +203,6 @@ TEST(Ptx, ScansLandInTheWorldThroughTheirOwnPoses)
             ASSERT_TRUE(c.metas[s].extents.contains(p.x, p.y, p.z));
         }
     }
-
-    // A host reaches the importer through the file's extension.
-    EXPECT_NE(dynamic_cast<Ptx*>(createImporter(InputFileData(file, 1.0)).get()), nullptr);
 }
 
 TEST(Ptx, SkipsMissingReturnsAndClampsBrightOnesWithAnyLineEnd)
