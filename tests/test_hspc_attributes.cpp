@@ -7,6 +7,7 @@
 #include <limits>
 #include <set>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -296,40 +297,63 @@ TEST(AttributeDescriptionParsing, MalformedEntriesAreReportedWithTheirRole)
     EXPECT_EQ(log.lines.size(), 2u);
 }
 
-TEST(AttributeStatistics, RangesOfEveryKindMergeAcrossWorkers)
+namespace
 {
-    const std::vector<Attribute> attributes = {{AttributeType::M96, AttributeRole::POSITION, "POSITION"},
-                                               {AttributeType::U64, AttributeRole::FILE_POINT_ID, ""},
-                                               {AttributeType::I16, AttributeRole::SCAN_ANGLE, ""},
-                                               {AttributeType::F32, AttributeRole::CUSTOM, "Size"},
-                                               {AttributeType::U8, AttributeRole::CLASSIFICATION, ""}};
-    RecordBuilder records(attributes);
-    const float nan = std::numeric_limits<float>::quiet_NaN();
-    const std::vector<uint64_t> ids = {7, std::numeric_limits<uint64_t>::max(), 0, 12};
-    const std::vector<int16_t> angles = {-5, 32767, -32768, 0};
-    const std::vector<float> sizes = {nan, -0.25f, 3.5f, nan};
-    for (uint64_t i = 0; i < 4; ++i)
+
+// Values of one scalar type for four points: both extremes of the type among ordinary values.
+template <typename T>
+std::vector<T> extremesOf()
+{
+    return {T(7), std::numeric_limits<T>::max(), std::numeric_limits<T>::lowest(), T(0)};
+}
+
+template <typename T>
+void expectRange(const AttributeRange& range)
+{
+    using Wide = std::conditional_t<std::is_floating_point_v<T>, double,
+                                    std::conditional_t<std::is_signed_v<T>, int64_t, uint64_t>>;
+    EXPECT_EQ(std::get<Wide>(range.min), Wide(std::numeric_limits<T>::lowest())) << range.attribute.name;
+    EXPECT_EQ(std::get<Wide>(range.max), Wide(std::numeric_limits<T>::max())) << range.attribute.name;
+    EXPECT_EQ(range.valueCount, 4u) << range.attribute.name;
+}
+
+}  // namespace
+
+TEST(AttributeStatistics, EveryScalarAttributeKeepsItsRangeAcrossWorkers)
+{
+    // The position, then one attribute of each scalar type, none of them asked for by the client: the tree
+    // header lists min and max of all of them.
+    std::vector<Attribute> attributes = {{AttributeType::M96, AttributeRole::POSITION, "POSITION"}};
+    for (uint8_t type = AttributeType::U8; type <= AttributeType::F64; ++type)
     {
-        records.set(i, 1, ids[i]);
-        records.set(i, 2, angles[i]);
-        records.set(i, 3, sizes[i]);
-        records.set(i, 4, uint8_t{9});
+        attributes.push_back({type, AttributeRole::CUSTOM, getTypeName(type)});
     }
-    const std::vector<HistogramSpec> requests = {
-        histogramOf(AttributeRole::FILE_POINT_ID, AttributeType::U64, 2),
-        histogramOf(AttributeRole::SCAN_ANGLE, AttributeType::I16, 3),
-        histogramOf(AttributeRole::CUSTOM, AttributeType::F32, 1, "Size"),
-        // Neither buckets nor bounds: nothing to track.
-        histogramOf(AttributeRole::CLASSIFICATION, AttributeType::U8, 0),
-        // Not in the layout.
-        histogramOf(AttributeRole::CUSTOM, AttributeType::F32, 1, "size")};
+    RecordBuilder records(attributes);
+    const auto fill = [&](size_t attribute, auto values)
+    {
+        for (uint64_t i = 0; i < values.size(); ++i)
+        {
+            records.set(i, attribute, values[i]);
+        }
+    };
+    fill(1, extremesOf<uint8_t>());
+    fill(2, extremesOf<uint16_t>());
+    fill(3, extremesOf<uint32_t>());
+    fill(4, extremesOf<uint64_t>());
+    fill(5, extremesOf<int8_t>());
+    fill(6, extremesOf<int16_t>());
+    fill(7, extremesOf<int32_t>());
+    fill(8, extremesOf<int64_t>());
+    fill(9, extremesOf<float>());
+    fill(10, extremesOf<double>());
+
     MessageLog log;
     AttributeStatistics whole;
     AttributeStatistics first;
     AttributeStatistics second;
     for (AttributeStatistics* statistics : {&whole, &first, &second})
     {
-        ASSERT_TRUE(statistics->initialize(attributes, requests, log.logger()));
+        ASSERT_TRUE(statistics->initialize(attributes, {}, log.logger()));
     }
     whole.addRange(records.data(), 4);
     first.addRange(records.point(0), 2);
@@ -340,17 +364,60 @@ TEST(AttributeStatistics, RangesOfEveryKindMergeAcrossWorkers)
     for (const AttributeStatistics* statistics : {&whole, &first})
     {
         const std::vector<AttributeRange>& ranges = statistics->ranges();
-        ASSERT_EQ(ranges.size(), 3u);
+        ASSERT_EQ(ranges.size(), 10u);
         EXPECT_EQ(ranges[0].offset, 12u);
-        EXPECT_EQ(std::get<uint64_t>(ranges[0].min), 0u);
-        EXPECT_EQ(std::get<uint64_t>(ranges[0].max), std::numeric_limits<uint64_t>::max());
-        EXPECT_EQ(std::get<int64_t>(ranges[1].min), -32768);
-        EXPECT_EQ(std::get<int64_t>(ranges[1].max), 32767);
-        // NaN is no value: it neither widens nor poisons the range.
-        EXPECT_EQ(std::get<double>(ranges[2].min), -0.25);
-        EXPECT_EQ(std::get<double>(ranges[2].max), 3.5);
-        EXPECT_EQ(ranges[2].valueCount, 4u);
+        EXPECT_EQ(ranges[9].offset, 12u + 1 + 2 + 4 + 8 + 1 + 2 + 4 + 8 + 4);
+        expectRange<uint8_t>(ranges[0]);
+        expectRange<uint16_t>(ranges[1]);
+        expectRange<uint32_t>(ranges[2]);
+        expectRange<uint64_t>(ranges[3]);
+        expectRange<int8_t>(ranges[4]);
+        expectRange<int16_t>(ranges[5]);
+        expectRange<int32_t>(ranges[6]);
+        expectRange<int64_t>(ranges[7]);
+        expectRange<float>(ranges[8]);
+        expectRange<double>(ranges[9]);
+        EXPECT_EQ(statistics->find(attributes[0]), nullptr);
+        EXPECT_EQ(statistics->find(attributes[4]), &ranges[3]);
     }
+}
+
+TEST(AttributeStatistics, NanIsNoValueAndRequestsAddHistogramsToTheirAttribute)
+{
+    const std::vector<Attribute> attributes = {{AttributeType::M96, AttributeRole::POSITION, "POSITION"},
+                                               {AttributeType::F32, AttributeRole::CUSTOM, "Size"},
+                                               {AttributeType::U8, AttributeRole::CLASSIFICATION, ""}};
+    RecordBuilder records(attributes);
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    const std::vector<float> sizes = {nan, -0.25f, 3.5f, nan};
+    for (uint64_t i = 0; i < 4; ++i)
+    {
+        records.set(i, 1, sizes[i]);
+        records.set(i, 2, uint8_t{9});
+    }
+    const std::vector<HistogramSpec> requests = {
+        // Neither buckets nor bounds: a request that asks for nothing beyond the range.
+        histogramOf(AttributeRole::CLASSIFICATION, AttributeType::U8, 0),
+        // Not in the layout: custom attributes are told apart by name.
+        histogramOf(AttributeRole::CUSTOM, AttributeType::F32, 1, "size"),
+        histogramOf(AttributeRole::CUSTOM, AttributeType::F32, 3, "Size")};
+    MessageLog log;
+    AttributeStatistics statistics;
+    ASSERT_TRUE(statistics.initialize(attributes, requests, log.logger()));
+    statistics.addRange(records.data(), 4);
+    const std::vector<AttributeRange>& ranges = statistics.ranges();
+    ASSERT_EQ(ranges.size(), 2u);
+    // NaN neither widens nor poisons the range.
+    EXPECT_EQ(std::get<double>(ranges[0].min), -0.25);
+    EXPECT_EQ(std::get<double>(ranges[0].max), 3.5);
+    EXPECT_EQ(ranges[0].request.bucketCount, 3u);
+    EXPECT_EQ(std::get<uint64_t>(ranges[1].min), 9u);
+    EXPECT_EQ(std::get<uint64_t>(ranges[1].max), 9u);
+    EXPECT_EQ(ranges[1].request.bucketCount, 0u);
+    ASSERT_TRUE(statistics.beginHistograms(log.logger()));
+    EXPECT_EQ(ranges[0].distribution.size(), 3u);
+    EXPECT_TRUE(ranges[1].distribution.empty());
+    EXPECT_TRUE(log.lines.empty());
 }
 
 TEST(AttributeStatistics, HistogramsOverDataBoundsAndFixedBounds)
@@ -417,7 +484,8 @@ TEST(AttributeStatistics, RefusesWhatCannotBeMeasured)
     // Statistics of different layouts cannot be merged.
     log.lines.clear();
     AttributeStatistics other;
-    ASSERT_TRUE(other.initialize(attributes, {}, log.logger()));
+    ASSERT_TRUE(other.initialize({attributes[0], {AttributeType::I16, AttributeRole::USER_DATA, ""}}, {},
+                                 log.logger()));
     EXPECT_FALSE(statistics.mergeRange(other, log.logger()));
     EXPECT_EQ(log.lines, std::vector<std::string>{"Attribute description: we should not end up here."});
 }

@@ -1,7 +1,8 @@
 // HSPC configuration: the records' defaults and default loggers, client JSON, and how the runtime record is
-// resolved from the caller's records on a given machine.
+// resolved from the caller's records on a given machine and for a given input size.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -17,10 +18,9 @@ namespace
 
 constexpr uint64_t kGiB = 1024ull * 1024ull * 1024ull;
 
-// A machine without a known memory size, so that only the thread count shapes the result.
 MachineFigures machineWithThreads(uint32_t threads)
 {
-    return MachineFigures{threads, 0};
+    return MachineFigures{threads};
 }
 
 struct ResolvedRun
@@ -29,10 +29,12 @@ struct ResolvedRun
     std::vector<std::string> infoLines;
 };
 
-ResolvedRun resolve(const BasicConfig& basic, AdvancedConfig advanced, const MachineFigures& machine)
+ResolvedRun resolve(const BasicConfig& basic, AdvancedConfig advanced, const MachineFigures& machine,
+                    uint64_t expectedInputSize = 0)
 {
     ResolvedRun run;
     advanced.infoLogger = [&run](const std::string& line) { run.infoLines.push_back(line); };
+    run.runtime.expectedInputSize = expectedInputSize;
     initializeRuntimeConfig(basic, advanced, run.runtime, machine);
     return run;
 }
@@ -109,7 +111,7 @@ TEST(RuntimeConfigThreads, HardwareMinusReservationWithFloors)
     }
 }
 
-TEST(RuntimeConfigMemory, BatchSizeFromBudgetOffsetAndMachineMemory)
+TEST(RuntimeConfigMemory, BatchSizeFromBudgetOffsetAndInputSize)
 {
     const BasicConfig basic = xyzIntensityInput();
     const ResolvedRun defaults = resolve(basic, AdvancedConfig(), machineWithThreads(8));
@@ -126,13 +128,22 @@ TEST(RuntimeConfigMemory, BatchSizeFromBudgetOffsetAndMachineMemory)
     EXPECT_EQ(halved.runtime.batchSize, kGiB / 2);
     EXPECT_EQ(halved.runtime.memoryOffset, kGiB + 1);
 
-    // When the machine cannot hold a batch per worker, batches shrink to a share of its memory...
-    EXPECT_EQ(resolve(basic, AdvancedConfig(), MachineFigures{8, 4 * kGiB}).runtime.batchSize, kGiB);
+    // An input too small for a batch per worker gets batches that share it out: 1 GiB over 8 workers...
+    AdvancedConfig eightWorkers;
+    eightWorkers.workerCount = 8;
+    eightWorkers.batchSize = kGiB;
+    const ResolvedRun small = resolve(basic, eightWorkers, machineWithThreads(8), kGiB);
+    EXPECT_EQ(small.runtime.batchSize, 134217728u);
+    EXPECT_NE(std::find(small.infoLines.begin(), small.infoLines.end(), "batch size=134217728"),
+              small.infoLines.end());
     // ...but never below the smallest useful batch...
-    EXPECT_EQ(resolve(basic, AdvancedConfig(), MachineFigures{8, 40'000'000}).runtime.batchSize, 21474836u);
-    // ...and a machine that can hold them leaves them alone.
-    EXPECT_EQ(resolve(basic, AdvancedConfig(), MachineFigures{8, 64 * kGiB}).runtime.batchSize,
-              10737418240u / 8);
+    EXPECT_EQ(resolve(basic, eightWorkers, machineWithThreads(8), 40'000'000).runtime.batchSize, 21474836u);
+    // ...while a large input, or one of unknown size, leaves the batch as it is.
+    EXPECT_EQ(resolve(basic, eightWorkers, machineWithThreads(8), 100 * kGiB).runtime.batchSize, kGiB);
+    EXPECT_EQ(resolve(basic, eightWorkers, machineWithThreads(8), 8 * kGiB).runtime.batchSize, kGiB);
+    EXPECT_EQ(resolve(basic, eightWorkers, machineWithThreads(8), 0).runtime.batchSize, kGiB);
+    // The same holds for a derived batch: 10 GiB / 4 workers / 2 over a 2 GiB input gives 512 MiB each.
+    EXPECT_EQ(resolve(basic, AdvancedConfig(), machineWithThreads(8), 2 * kGiB).runtime.batchSize, kGiB / 2);
 
     AdvancedConfig huge;
     huge.batchSize = 5 * kGiB;
@@ -187,7 +198,7 @@ TEST(RuntimeConfigOutput, ArchiveAndCustomWritersAreResolvedOnce)
     EXPECT_EQ(archiveCalls, 1);
     EXPECT_EQ(writerCalls, 0);
     EXPECT_TRUE(archive.runtime.useArchive);
-    EXPECT_EQ(archive.runtime.writerThreadCount, 1u);
+    EXPECT_EQ(archive.runtime.nodeWriterCount, 1u);
     EXPECT_FALSE(archive.runtime.rootWriterFactory);
 
     // The writer by path is preferred and only copied; it is called when a blob is opened.
@@ -198,7 +209,7 @@ TEST(RuntimeConfigOutput, ArchiveAndCustomWritersAreResolvedOnce)
     ASSERT_TRUE(byPath.runtime.rootWriterFactory);
     byPath.runtime.rootWriterFactory("/0/0/L0X0Y0Z0.apr");
     EXPECT_EQ(pathCalls, 1);
-    EXPECT_EQ(byPath.runtime.writerThreadCount, 0u);
+    EXPECT_EQ(byPath.runtime.nodeWriterCount, 4u);
 
     advanced.outputWriterByPath = nullptr;
     const ResolvedRun single = resolve(basic, advanced, machineWithThreads(8));
@@ -230,4 +241,58 @@ TEST(RuntimeConfigLogging, ResolvedFiguresGoToTheInfoLogger)
     initializeRuntimeConfig(xyzIntensityInput(), advanced, onThisMachine);
     EXPECT_GE(onThisMachine.workerCount, 1u);
     EXPECT_GE(onThisMachine.batchSize, 1u);
+}
+
+TEST(RuntimeConfigEncoding, NodeSizesAndTheMaximumFallback)
+{
+    // The default records are consistent: their maxNodeSize is what the fallback would give.
+    const PointCloudEncodingConfig defaults;
+    RuntimeConfig runtime;
+    applyEncodingConfig(defaults, runtime);
+    EXPECT_EQ(runtime.maxNodeSize, defaults.maxNodeSize);
+    EXPECT_EQ(runtime.maxNodeSize, defaults.nodeSize + 8 * runtime.nodeOverflowPerChild);
+
+    PointCloudEncodingConfig encoding;
+    encoding.nodeSize = 100000;
+    encoding.maxNodeSize = 1000;
+    encoding.expectedInputSize = 5 * kGiB;
+    RuntimeConfig fallback;
+    applyEncodingConfig(encoding, fallback);
+    // Every node aims at nodeSize, top and bottom alike.
+    EXPECT_EQ(fallback.nodeSize, 100000u);
+    EXPECT_EQ(fallback.topNodeSize, 100000u);
+    EXPECT_EQ(fallback.nodeSizeSteps, 1u);
+    EXPECT_EQ(fallback.maxNodeSize, 140000u);
+    EXPECT_EQ(fallback.expectedInputSize, 5 * kGiB);
+
+    // A progressive run keeps the maximum as given, as does a maximum above the target.
+    RuntimeConfig progressive;
+    progressive.progressive = true;
+    applyEncodingConfig(encoding, progressive);
+    EXPECT_EQ(progressive.maxNodeSize, 1000u);
+    encoding.maxNodeSize = 100001;
+    applyEncodingConfig(encoding, fallback);
+    EXPECT_EQ(fallback.maxNodeSize, 100001u);
+}
+
+TEST(RuntimeConfigEncoding, EveryRunIsAStaticConversionWithItsTempFiles)
+{
+    // Whatever a record held before, resolving it leaves the render voxel mode off; nothing else switches
+    // the static conversion to another mode.
+    RuntimeConfig runtime;
+    runtime.renderVoxels = true;
+    applyEncodingConfig(PointCloudEncodingConfig(), runtime);
+    AdvancedConfig advanced;
+    advanced.infoLogger = nullptr;
+    initializeRuntimeConfig(xyzIntensityInput(), advanced, runtime, machineWithThreads(8));
+    EXPECT_TRUE(runtime.convert);
+    EXPECT_FALSE(runtime.progressive);
+    EXPECT_FALSE(runtime.renderVoxels);
+    EXPECT_EQ(runtime.tempWriterCount, 4u);
+    EXPECT_EQ(runtime.nodeWriterCount, 4u);
+
+    setTempPrefixes(runtime, 1234);
+    EXPECT_EQ(runtime.tempPointPrefix, "/data/tmp/1234temp");
+    EXPECT_EQ(runtime.tempLeafBufferPrefix, "/data/tmp/1234orse");
+    EXPECT_EQ(runtime.tempRasterLeafPrefix, "/data/tmp/1234erge");
 }

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -103,6 +104,8 @@ struct EncodingAttribute
     std::string unit;
     double offset = 0.0;
     double scale = 1.0;
+    // Stored value written for points whose input lacks the attribute; without one, such input is refused.
+    std::optional<double> defaultValue;
 };
 
 // Name of a role code; empty for a code no role has.

@@ -163,23 +163,24 @@ bool AttributeStatistics::initialize(const std::vector<Attribute>& attributes,
     m_ranges.clear();
     m_recordSize = recordSize(attributes);
     const std::vector<uint32_t> offsets = attributeOffsets(attributes);
-    for (const HistogramSpec& request : requests)
+    for (size_t i = 0; i < attributes.size(); ++i)
     {
-        if (request.bucketCount == 0 && !request.hasMin && !request.hasMax)
-        {
-            continue;
-        }
-        const auto found = std::find(attributes.begin(), attributes.end(),
-                                     Attribute{request.type, request.role, request.name});
-        if (found == attributes.end())
-        {
-            continue;
-        }
+        const auto request = std::find_if(requests.begin(), requests.end(),
+                                          [&](const HistogramSpec& r)
+                                          {
+                                              return (r.bucketCount != 0 || r.hasMin || r.hasMax) &&
+                                                     Attribute{r.type, r.role, r.name} == attributes[i];
+                                          });
         AttributeRange range;
-        range.attribute = *found;
-        range.offset = offsets[static_cast<size_t>(found - attributes.begin())];
-        range.request = request;
-        if (!initializeMin(range.attribute.type, range.min))
+        range.attribute = attributes[i];
+        range.offset = offsets[i];
+        const bool scalar = initializeMin(range.attribute.type, range.min);
+        if (!scalar && request == requests.end())
+        {
+            // The position has no scalar range; its extent is the tree's bounding box.
+            continue;
+        }
+        if (!scalar)
         {
             errorLogger("initializeMin: Unknown type.");
             return false;
@@ -189,9 +190,21 @@ bool AttributeStatistics::initialize(const std::vector<Attribute>& attributes,
             errorLogger("initializeMax: Unknown type.");
             return false;
         }
+        if (request != requests.end())
+        {
+            range.request = *request;
+        }
         m_ranges.push_back(std::move(range));
     }
     return true;
+}
+
+const AttributeRange* AttributeStatistics::find(const Attribute& attribute) const
+{
+    const auto found =
+        std::find_if(m_ranges.begin(), m_ranges.end(),
+                     [&](const AttributeRange& range) { return range.attribute == attribute; });
+    return found == m_ranges.end() ? nullptr : &*found;
 }
 
 void AttributeStatistics::addRange(const uint8_t* records, uint64_t count)
@@ -211,6 +224,7 @@ bool AttributeStatistics::sameLayout(const AttributeStatistics& other, const Log
                                  [](const AttributeRange& a, const AttributeRange& b)
                                  {
                                      return a.attribute.type == b.attribute.type && a.offset == b.offset &&
+                                            a.request.bucketCount == b.request.bucketCount &&
                                             a.distribution.size() == b.distribution.size();
                                  });
     if (!same)

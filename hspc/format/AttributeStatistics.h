@@ -45,8 +45,10 @@ struct AttributeRange
 class AttributeStatistics
 {
 public:
-    // Tracks every attribute of `attributes` that a request names (by role, and by name for CUSTOM) with a
-    // histogram or fixed bounds. Fails for an attribute without a scalar type, such as the position.
+    // Tracks min and max of every attribute of `attributes` with a scalar type, in list order: the tree's
+    // header lists them all, and an importer of the data set reads them back. A request that names an
+    // attribute (by role, and by name for CUSTOM) with a histogram or fixed bounds adds its histogram. Fails
+    // when a request names an attribute without a scalar type, such as the position.
     bool initialize(const std::vector<Attribute>& attributes, const std::vector<HistogramSpec>& requests,
                     const LogFunction& errorLogger);
 
@@ -59,6 +61,8 @@ public:
     bool mergeHistograms(const AttributeStatistics& other, const LogFunction& errorLogger);
 
     const std::vector<AttributeRange>& ranges() const { return m_ranges; }
+    // The range of the same attribute (Attribute's equality); null when it is not tracked.
+    const AttributeRange* find(const Attribute& attribute) const;
 
 private:
     bool sameLayout(const AttributeStatistics& other, const LogFunction& errorLogger) const;

@@ -86,6 +86,18 @@ struct PointCloudEncodingConfig
     bool filterEnabled = false;
     std::array<double, 3> filterMin{};
     std::array<double, 3> filterMax{};
+    // A further value of the filter record that no filter of this engine reads; carried so that a caller
+    // filling the whole record keeps it.
+    double filterParameter = 0.0;
+    // Compress each sorted batch before it is spilled to a temporary file (kept only when that pays off):
+    // less disk for much more processor time, as batches are compressed hard.
+    bool compressBatches = false;
+    // Bytes the importers will deliver in all, 0 when unknown. Small inputs get batches small enough that
+    // every worker has one.
+    uint64_t expectedInputSize = 0;
+    // Data sets to merge into the output. No longer supported: a conversion given any fails and asks for an
+    // importer of the data set instead.
+    std::vector<std::string> inputTreeArray;
     // Client JSON: meta data and the statistics asked for ("attribute-description").
     std::function<JsonInfo()> requestJsonConfig = [] { return JsonInfo(); };
     std::vector<EncodingAttribute> encodingAttributes;

@@ -14,8 +14,6 @@ namespace HSPC
 namespace
 {
 
-constexpr int kZstdLevel = 1;
-
 // Plane j receives byte j of each value, at the point's swapped entry.
 template <typename T>
 inline void scatter(T value, size_t entry, uint8_t* planes, size_t planeStride)
@@ -150,12 +148,13 @@ bool positionPlanes(const uint8_t* records, size_t recordSize, size_t count,
 }
 
 // Appends one plane as its compressed length and zstd frame.
-bool appendPlane(ZSTD_CCtx* context, const uint8_t* plane, size_t count, std::vector<uint8_t>& output)
+bool appendPlane(ZSTD_CCtx* context, int level, const uint8_t* plane, size_t count,
+                 std::vector<uint8_t>& output)
 {
     const size_t at = output.size();
     output.resize(at + kPlaneLengthSize + ZSTD_compressBound(count));
     const size_t written = ZSTD_compressCCtx(context, output.data() + at + kPlaneLengthSize,
-                                             output.size() - at - kPlaneLengthSize, plane, count, kZstdLevel);
+                                             output.size() - at - kPlaneLengthSize, plane, count, level);
     if (ZSTD_isError(written))
     {
         std::fprintf(stderr, "zstd compression error: %s\n", ZSTD_getErrorName(written));
@@ -170,7 +169,7 @@ bool appendPlane(ZSTD_CCtx* context, const uint8_t* plane, size_t count, std::ve
 }  // namespace
 
 std::unique_ptr<NodeCompressor> NodeCompressor::create(const std::vector<Attribute>& attributes,
-                                                       size_t pointLimit)
+                                                       size_t pointLimit, int level)
 {
     ZstdCompressionContext context(ZSTD_createCCtx());
     if (!context)
@@ -178,17 +177,19 @@ std::unique_ptr<NodeCompressor> NodeCompressor::create(const std::vector<Attribu
         std::fprintf(stderr, "failed to create zstd compression context\n");
         return nullptr;
     }
-    return std::unique_ptr<NodeCompressor>(new NodeCompressor(std::move(context), attributes, pointLimit));
+    return std::unique_ptr<NodeCompressor>(
+        new NodeCompressor(std::move(context), attributes, pointLimit, level));
 }
 
 NodeCompressor::NodeCompressor(ZstdCompressionContext context, const std::vector<Attribute>& attributes,
-                               size_t pointLimit)
+                               size_t pointLimit, int level)
     : context_(std::move(context)),
       attributes_(attributes),
       recordSize_(HSPC::recordSize(attributes)),
       offsets_(attributeOffsets(attributes)),
       layout_(nodeGroupLayout(attributes)),
       pointLimit_(pointLimit),
+      level_(level),
       planes_(size_t(layout_.widestGroup) * pointLimit)
 {
     output_.reserve((ZSTD_compressBound(pointLimit) + kPlaneLengthSize) * recordSize_ + 2 +
@@ -286,7 +287,8 @@ bool compressNode(bool rebase, NodeHeader& header, NodeCompressor& compressor,
         }
         for (uint32_t j = 0; j < group.planeCount; ++j)
         {
-            if (!appendPlane(compressor.context_.get(), planes + j * planeStride, count, output))
+            if (!appendPlane(compressor.context_.get(), compressor.level_, planes + j * planeStride, count,
+                             output))
             {
                 return false;
             }

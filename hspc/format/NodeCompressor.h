@@ -1,7 +1,7 @@
 // Writing octree nodes: the point records of one node become one "APRN" block (NodeHeader.h) with a payload
 // of kind 100 (NodeGroups.h). Each attribute is delta coded against the previous point, split into byte
-// planes and each plane compressed with zstd at level 1: the deltas of sorted Morton codes have almost only
-// zero high bytes, which a plane of its own compresses to nearly nothing.
+// planes and each plane compressed with zstd, at level 1 for nodes: the deltas of sorted Morton codes have
+// almost only zero high bytes, which a plane of its own compresses to nearly nothing.
 #pragma once
 
 #include <cstdint>
@@ -17,25 +17,31 @@
 namespace HSPC
 {
 
+// zstd level of the planes of nodes: low, so that reading many nodes stays cheap.
+inline constexpr int kNodeCompressionLevel = 1;
+// zstd level of point batches that a conversion spills to disk, read back once: disk space over speed.
+inline constexpr int kBatchCompressionLevel = 16;
+
 // Everything one worker needs to compress nodes of up to `pointLimit` points: the zstd context and the plane
 // buffers are made once and reused for every node, without clearing.
 class NodeCompressor
 {
 public:
     // Nothing, after "failed to create zstd compression context" on standard error, when zstd can't make
-    // its context.
-    static std::unique_ptr<NodeCompressor> create(const std::vector<Attribute>& attributes,
-                                                  size_t pointLimit);
+    // its context. `level` is the zstd level of every plane; the layout is the same at any level.
+    static std::unique_ptr<NodeCompressor> create(const std::vector<Attribute>& attributes, size_t pointLimit,
+                                                  int level = kNodeCompressionLevel);
 
     const std::vector<Attribute>& attributes() const { return attributes_; }
     uint32_t recordSize() const { return recordSize_; }
     size_t pointLimit() const { return pointLimit_; }
+    int level() const { return level_; }
     // An output buffer with room for any node of the point limit; callers may hand it to compressNode.
     std::vector<uint8_t>& output() { return output_; }
 
 private:
     NodeCompressor(ZstdCompressionContext context, const std::vector<Attribute>& attributes,
-                   size_t pointLimit);
+                   size_t pointLimit, int level);
 
     friend bool compressNode(bool, NodeHeader&, NodeCompressor&, std::span<const uint8_t>,
                              std::vector<uint8_t>&, std::vector<uint8_t>&);
@@ -46,6 +52,7 @@ private:
     std::vector<uint32_t> offsets_;
     NodeGroupLayout layout_;
     size_t pointLimit_ = 0;
+    int level_ = kNodeCompressionLevel;
     // layout_.widestGroup planes of pointLimit_ bytes each, one after the other.
     std::vector<uint8_t> planes_;
     std::vector<uint8_t> output_;

@@ -1,7 +1,5 @@
 #include "hspc/format/RuntimeConfig.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <string>
@@ -23,7 +21,7 @@ void resolveOutput(const AdvancedConfig& advanced, RuntimeConfig& runtime)
         {
             runtime.rootWriter = advanced.archiveWriterFactory();
         }
-        runtime.writerThreadCount = 1;
+        runtime.nodeWriterCount = 1;
     }
     else if (advanced.outputWriterByPath)
     {
@@ -69,7 +67,7 @@ void resolveThreads(const AdvancedConfig& advanced, const MachineFigures& machin
     runtime.distributionWorkerCount = forced != 0 ? forced : std::max<uint32_t>(available, 2);
 }
 
-void resolveMemory(const AdvancedConfig& advanced, const MachineFigures& machine, RuntimeConfig& runtime)
+void resolveMemory(const AdvancedConfig& advanced, RuntimeConfig& runtime)
 {
     runtime.targetMemory = advanced.targetMemory != 0 ? advanced.targetMemory : kDefaultTargetMemory;
     runtime.memoryOffset = advanced.memoryOffset;
@@ -81,9 +79,9 @@ void resolveMemory(const AdvancedConfig& advanced, const MachineFigures& machine
                         ? share - advanced.memoryOffset
                         : share / 2;
     }
-    // Every worker holds a batch at once: on a machine that cannot hold them all, batches shrink, but not so
-    // far that per-batch overhead dominates.
-    const uint64_t limit = machine.memoryLimit;
+    // An input smaller than a batch per worker would leave workers idle: batches shrink so that each gets
+    // one, but not so far that per-batch overhead dominates.
+    const uint64_t limit = runtime.expectedInputSize;
     if (limit != 0 && (batchSize == 0 || limit / batchSize < runtime.workerCount))
     {
         batchSize = std::max<uint64_t>(limit / runtime.workerCount, kSmallestLimitedBatchSize);
@@ -119,18 +117,26 @@ void logResolvedFigures(const RuntimeConfig& runtime)
     runtime.infoLogger("distribution worker count=" + std::to_string(runtime.distributionWorkerCount));
 }
 
-uint64_t physicalMemoryBytes()
-{
-    const long pages = sysconf(_SC_PHYS_PAGES);
-    const long pageSize = sysconf(_SC_PAGESIZE);
-    return pages > 0 && pageSize > 0 ? static_cast<uint64_t>(pages) * static_cast<uint64_t>(pageSize) : 0;
-}
-
 }  // namespace
 
 MachineFigures currentMachineFigures()
 {
-    return MachineFigures{std::thread::hardware_concurrency(), physicalMemoryBytes()};
+    return MachineFigures{std::thread::hardware_concurrency()};
+}
+
+void applyEncodingConfig(const PointCloudEncodingConfig& encoding, RuntimeConfig& runtime)
+{
+    runtime.expectedInputSize = encoding.expectedInputSize;
+    runtime.nodeSize = encoding.nodeSize;
+    runtime.topNodeSize = encoding.nodeSize;
+    runtime.nodeSizeSteps = 1;
+    runtime.maxNodeSize = encoding.maxNodeSize;
+    // A static run needs room above the target for the points a node keeps of its children; a progressive
+    // run writes nodes out when they reach the maximum, so it takes the maximum as given.
+    if (encoding.maxNodeSize < encoding.nodeSize && !runtime.progressive)
+    {
+        runtime.maxNodeSize = encoding.nodeSize + 8 * runtime.nodeOverflowPerChild;
+    }
 }
 
 void initializeRuntimeConfig(const BasicConfig& basic, const AdvancedConfig& advanced, RuntimeConfig& runtime)
@@ -157,14 +163,24 @@ void initializeRuntimeConfig(const BasicConfig& basic, const AdvancedConfig& adv
     runtime.progressLogger = advanced.progressLogger;
 
     resolveThreads(advanced, machine, runtime);
-    resolveMemory(advanced, machine, runtime);
+    resolveMemory(advanced, runtime);
 
     runtime.outputPath = basic.outputPath;
     runtime.tempPath = basic.tempPath;
     runtime.voxelPath = basic.outputPath + "/Voxel";
     runtime.treeName = advanced.treeName;
+    // Render voxels are a mode of their own that no caller's record switches on.
+    runtime.renderVoxels = false;
 
     logResolvedFigures(runtime);
+}
+
+void setTempPrefixes(RuntimeConfig& runtime, unsigned runNumber)
+{
+    const std::string base = runtime.tempPath + "/" + std::to_string(runNumber);
+    runtime.tempPointPrefix = base + "temp";
+    runtime.tempLeafBufferPrefix = base + "orse";
+    runtime.tempRasterLeafPrefix = base + "erge";
 }
 
 }  // namespace HSPC
