@@ -16,7 +16,6 @@
 #include "importers/E57.h"
 #include "importers/e57/PictureSize.h"
 #include "importers/e57/PoseAndLimits.h"
-#include "importers/e57/ReaderErrors.h"
 #include "scanview/ScanView.h"
 
 namespace pc_preprocess
@@ -188,8 +187,7 @@ void E57::extract2DImages(const e57::Node& scan)
         }
         catch (const e57::E57Exception& e)
         {
-            warnImageLeftOut(m_scanIndex, index, name ? name->stringValue : std::string(),
-                             describeE57Exception(e));
+            warnImageLeftOut(m_scanIndex, index, name ? name->stringValue : std::string(), e.context());
         }
         catch (const std::filesystem::filesystem_error& e)
         {
