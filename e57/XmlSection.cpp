@@ -24,6 +24,14 @@ namespace
 constexpr std::string_view kSpaces = " \t\r\n";
 // How much of a malformed text a node keeps for the message.
 constexpr size_t kMaxQuotedText = 60;
+
+// A text in double quotes for a message, cut short when it is long.
+std::string quoted(std::string_view text)
+{
+    if (text.size() <= kMaxQuotedText)
+        return "\"" + std::string(text) + "\"";
+    return "\"" + std::string(text.substr(0, kMaxQuotedText)) + "...\"";
+}
 // What the heap adds to each block it hands out, about.
 constexpr size_t kAllocationOverhead = 16;
 
@@ -244,7 +252,7 @@ private:
         if (node.malformedNumber)
             return;
         node.malformedNumber = true;
-        node.stringValue = what.substr(0, kMaxQuotedText);
+        node.stringValue = what;
     }
 
     template <typename T>
@@ -255,7 +263,7 @@ private:
         const std::optional<T> value = parseNumber<T>(text);
         if (!value)
         {
-            markMalformed(node, std::string("attribute ") + attribute + "=\"" + text + "\"");
+            markMalformed(node, std::string("attribute ") + attribute + "=" + quoted(text));
             return fallback;
         }
         return *value;
@@ -278,7 +286,7 @@ private:
         const std::optional<T> parsed = parseNumber<T>(text);
         if (!parsed)
         {
-            markMalformed(node, "value \"" + std::string(trim(text)) + "\"");
+            markMalformed(node, "value " + quoted(trim(text)));
             return fallback;
         }
         return *parsed;

@@ -3,6 +3,7 @@
 #include <cmath>
 #include <filesystem>
 #include <fstream>
+#include <new>
 #include <numbers>
 #include <optional>
 #include <stdexcept>
@@ -192,6 +193,11 @@ void E57::extract2DImages(const e57::Node& scan)
         catch (const std::filesystem::filesystem_error& e)
         {
             warnImageLeftOut(m_scanIndex, index, name ? name->stringValue : std::string(), e.what());
+        }
+        catch (const std::bad_alloc&)
+        {
+            warnImageLeftOut(m_scanIndex, index, name ? name->stringValue : std::string(),
+                             "not enough memory for its picture");
         }
     }
 }
