@@ -70,6 +70,24 @@ Conversion convert(const pcp_test::TempFolder& folder, const std::wstring& file,
     return c;
 }
 
+// The first batch of a scan as an importer delivers it, with the normals and classes that the point files
+// keep beside the points.
+std::vector<IoLightPoint> firstBatch(const std::filesystem::path& file, size_t scan, const IoTransfo& transfo,
+                                     bool& normalsAndClasses)
+{
+    E57 importer(toWide(file), 1.0, kE57Mode);
+    importer.openGroup();
+    std::vector<IoLightPoint> batch;
+    if (!importer.canOpenScan(scan))
+        return batch;
+    normalsAndClasses = importer.hasNormals() && importer.hasClasses();
+    importer.processBatch(batch,
+                          Discretization(transfo, std::array<double, 9>{1, 0, 0, 0, 1, 0, 0, 0, 1}.data(),
+                                         std::array<double, 3>{0, 0, 0}.data()),
+                          false);
+    return batch;
+}
+
 std::string e57Error(const std::filesystem::path& file, const std::string& text)
 {
     return "E57 error: Could not parse " + file.string() + "\n\t" + text;
@@ -241,15 +259,9 @@ TEST(E57, ScansLandThroughTheirOwnPosesWithNormalsAndClasses)
 
     // The second scan's classes are in their side file; its normals and classes come with its points.
     ASSERT_TRUE(std::filesystem::exists(toPath(getClassPathFromPnt(c.files[1].pntFile))));
-    E57 importer(toWide(file), 1.0, kE57Mode);
-    importer.openGroup();
-    ASSERT_TRUE(importer.canOpenScan(1));
-    EXPECT_TRUE(importer.hasNormals() && importer.hasClasses());
-    std::vector<IoLightPoint> batch;
-    importer.processBatch(batch,
-                          Discretization(t, std::array<double, 9>{1, 0, 0, 0, 1, 0, 0, 0, 1}.data(),
-                                         std::array<double, 3>{0, 0, 0}.data()),
-                          false);
+    bool normalsAndClasses = false;
+    const std::vector<IoLightPoint> batch = firstBatch(file, 1, t, normalsAndClasses);
+    EXPECT_TRUE(normalsAndClasses);
     ASSERT_EQ(batch.size(), 3u);
     EXPECT_EQ(batch[0].ny, 1.0f);
     EXPECT_EQ(batch[2].nz, 0.0f);
@@ -458,15 +470,9 @@ TEST(E57, FilesOfOtherWritersReadWhole)
                                                        scan.points.coordinates[2][i]));
             EXPECT_EQ(c.scans[0][i].classification, scan.points.classification[i]);
         }
-        E57 importer(toWide(file), 1.0, kE57Mode);
-        importer.openGroup();
-        ASSERT_TRUE(importer.canOpenScan(0));
-        std::vector<IoLightPoint> batch;
-        importer.processBatch(batch,
-                              Discretization(c.probe.transfo,
-                                             std::array<double, 9>{1, 0, 0, 0, 1, 0, 0, 0, 1}.data(),
-                                             std::array<double, 3>{0, 0, 0}.data()),
-                              false);
+        bool normalsAndClasses = false;
+        const std::vector<IoLightPoint> batch = firstBatch(file, 0, c.probe.transfo, normalsAndClasses);
+        EXPECT_TRUE(normalsAndClasses);
         ASSERT_EQ(batch.size(), 3u);
         EXPECT_EQ(batch[0].ny, 1.0f);
         EXPECT_EQ(batch[1].nx, 1.0f);
