@@ -506,6 +506,12 @@ TEST(E57, FilesOfOtherWritersReadWhole)
     pcp_sample::E57Scan named = scanWithNormals();
     named.name = "Station 1";
     check("odd numbers", named, oddNumbers);
+    std::ostringstream report;
+    e57Header(toWide(folder.path() / "odd numbers.e57"), report);
+    EXPECT_NE(report.str().find("temperature : Float in range [-1.79769e+308 : 1.79769e+308] = 0 (not a number: "
+                                "value \"1.#INF\")\n"),
+              std::string::npos)
+        << report.str();
 
     pcp_sample::E57WriteOptions minorVersion;
     minorVersion.versionMinor = 1;
