@@ -93,7 +93,6 @@ ImageFile::ImageFile(std::unique_ptr<PagedFile> pages) : m_pages(std::move(pages
     m_namespaces = std::move(tree.namespaces);
 }
 
-
 ImageFile::~ImageFile() = default;
 
 uint64_t ImageFile::fileSize() const

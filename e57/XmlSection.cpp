@@ -467,7 +467,8 @@ private:
                 // An empty element (a prototype's field) takes 0, or the end of its range nearest to 0.
                 node.integerValue = value<int64_t>(
                     node, text,
-                    node.malformedNumber ? 0 : std::clamp<int64_t>(0, node.integerMinimum, node.integerMaximum));
+                    node.malformedNumber ? 0
+                                         : std::clamp<int64_t>(0, node.integerMinimum, node.integerMaximum));
                 if (node.integerValue < node.integerMinimum || node.integerValue > node.integerMaximum)
                     markMalformed(node, "value " + std::to_string(node.integerValue) + " outside [" +
                                             std::to_string(node.integerMinimum) + ", " +

@@ -59,8 +59,9 @@ struct E57Buffers
                 buffers.push_back(e57::SourceDestBuffer::doubles(fields[i].first, doubles.back(), mode == 0));
             }
         }
-        const auto numeric = std::find_if(fields.begin(), fields.end(), [](const auto& field)
-                                          { return field.second->type != e57::NodeType::String; });
+        const auto numeric =
+            std::find_if(fields.begin(), fields.end(),
+                         [](const auto& field) { return field.second->type != e57::NodeType::String; });
         if (buffers.empty() && numeric != fields.end())
         {
             doubles.emplace_back(capacity);

@@ -160,8 +160,8 @@ TEST(E57, ReaderFailuresReachTheUserWithTheirCode)
         // An opening that fails carries the importer's prefix and the path like every other failure.
         PCP_REQUIRE_TEST_DATA(file, "e57/bad-crc.e57");
         const std::string text = errorText([&] { E57(toWide(file), 1.0, kE57Mode).probe(kStep, {}); });
-        EXPECT_EQ(text.find(e57Error(file, "Could not open file " + file.string() +
-                                               "\nE57_ERROR_BAD_CHECKSUM: \n")),
+        EXPECT_EQ(text.find(e57Error(
+                      file, "Could not open file " + file.string() + "\nE57_ERROR_BAD_CHECKSUM: \n")),
                   0u)
             << text;
     }
@@ -452,8 +452,8 @@ pcp_sample::E57Scan scanWithNormals()
 TEST(E57, FilesOfOtherWritersReadWhole)
 {
     pcp_test::TempFolder folder;
-    const auto check = [&](const std::string& name, pcp_sample::E57Scan scan,
-                           const pcp_sample::E57WriteOptions& options)
+    const auto check =
+        [&](const std::string& name, pcp_sample::E57Scan scan, const pcp_sample::E57WriteOptions& options)
     {
         SCOPED_TRACE(name);
         const std::filesystem::path file = folder.path() / (name + ".e57");
@@ -465,9 +465,9 @@ TEST(E57, FilesOfOtherWritersReadWhole)
         EXPECT_TRUE(c.attributes.classification);
         for (size_t i = 0; i < 3; ++i)
         {
-            EXPECT_EQ(cellOf(c.scans[0][i]), cacheCell(c.probe.transfo, scan.points.coordinates[0][i],
-                                                       scan.points.coordinates[1][i],
-                                                       scan.points.coordinates[2][i]));
+            EXPECT_EQ(cellOf(c.scans[0][i]),
+                      cacheCell(c.probe.transfo, scan.points.coordinates[0][i], scan.points.coordinates[1][i],
+                                scan.points.coordinates[2][i]));
             EXPECT_EQ(c.scans[0][i].classification, scan.points.classification[i]);
         }
         bool normalsAndClasses = false;
@@ -501,16 +501,18 @@ TEST(E57, FilesOfOtherWritersReadWhole)
                    "<relativeHumidity type=\"Float\">-nan(ind)</relativeHumidity>"
                    "<atmosphericPressure type=\"Float\" minimum=\"1,5\">101325</atmosphericPressure>"
                    "<name type=\"String\">");
-        replaceAll(xml, "<e57LibraryVersion", "<sensorCount type=\"Integer\">1,5</sensorCount><e57LibraryVersion");
+        replaceAll(xml, "<e57LibraryVersion",
+                   "<sensorCount type=\"Integer\">1,5</sensorCount><e57LibraryVersion");
     };
     pcp_sample::E57Scan named = scanWithNormals();
     named.name = "Station 1";
     check("odd numbers", named, oddNumbers);
     std::ostringstream report;
     e57Header(toWide(folder.path() / "odd numbers.e57"), report);
-    EXPECT_NE(report.str().find("temperature : Float in range [-1.79769e+308 : 1.79769e+308] = 0 (not a number: "
-                                "value \"1.#INF\")\n"),
-              std::string::npos)
+    EXPECT_NE(
+        report.str().find("temperature : Float in range [-1.79769e+308 : 1.79769e+308] = 0 (not a number: "
+                          "value \"1.#INF\")\n"),
+        std::string::npos)
         << report.str();
 
     pcp_sample::E57WriteOptions minorVersion;
@@ -525,18 +527,21 @@ TEST(E57, NeededNumbersAndOtherMajorVersionsFailWithTheirPlace)
     scan.pose = quarterTurnTo({10.0, 20.0, 1.5});
     const std::filesystem::path file = folder.path() / "komma.e57";
     pcp_sample::E57WriteOptions comma;
-    comma.editXml = [](std::string& xml) { replaceAll(xml, "<x type=\"Float\">10<", "<x type=\"Float\">10,0<"); };
+    comma.editXml = [](std::string& xml)
+    { replaceAll(xml, "<x type=\"Float\">10<", "<x type=\"Float\">10,0<"); };
     pcp_sample::writeE57File(file, {scan}, {}, comma);
     const std::string text = errorText([&] { E57(toWide(file), 1.0, kE57Mode).probe(kStep, {}); });
-    EXPECT_EQ(text.find(e57Error(file, "E57_ERROR_BAD_XML_FORMAT: \n/data3D/0/pose/translation/x: value "
-                                       "\"10,0\" is not a number")),
+    EXPECT_EQ(text.find(e57Error(file,
+                                 "E57_ERROR_BAD_XML_FORMAT: \n/data3D/0/pose/translation/x: value "
+                                 "\"10,0\" is not a number")),
               0u)
         << text;
 
     // A file whose binding of the usual prefix names another extension has no normals.
     const std::filesystem::path other = folder.path() / "other extension.e57";
     pcp_sample::E57WriteOptions otherUri;
-    otherUri.editXml = [](std::string& xml) { replaceAll(xml, "E57_NOR_surface_normals", "E57_VENDOR_noise"); };
+    otherUri.editXml = [](std::string& xml)
+    { replaceAll(xml, "E57_NOR_surface_normals", "E57_VENDOR_noise"); };
     pcp_sample::writeE57File(other, {scanWithNormals()}, {}, otherUri);
     E57 importer(toWide(other), 1.0, kE57Mode);
     importer.openGroup();
@@ -549,8 +554,8 @@ TEST(E57, NeededNumbersAndOtherMajorVersionsFailWithTheirPlace)
     version2.versionMajor = 2;
     pcp_sample::writeE57File(future, {scanWithNormals()}, {}, version2);
     const std::string refused = errorText([&] { E57(toWide(future), 1.0, kE57Mode).probe(kStep, {}); });
-    EXPECT_EQ(refused.find(e57Error(future, "Could not open file " + future.string() +
-                                                "\nE57_ERROR_UNKNOWN_FILE_VERSION: \n")),
+    EXPECT_EQ(refused.find(e57Error(
+                  future, "Could not open file " + future.string() + "\nE57_ERROR_UNKNOWN_FILE_VERSION: \n")),
               0u)
         << refused;
     EXPECT_NE(refused.find("has format version 2.0; only files of version 1 (1.0, 1.1, ...) can be read"),
@@ -660,10 +665,10 @@ TEST(E57, CameraImagesThatCannotBeUsedAreLeftOutAndTheLaterImageWins)
     for (size_t w = 0; w < 4; ++w)
     {
         const std::string& warning = warnings[w];
-        EXPECT_NE(warning.find("Image " + std::to_string(imageOf[w]) + " \"camera " +
-                               std::to_string(imageOf[w]) + "\" of scan 0 in " + file.string() +
-                               " is left out: "),
-                  std::string::npos)
+        EXPECT_NE(
+            warning.find("Image " + std::to_string(imageOf[w]) + " \"camera " + std::to_string(imageOf[w]) +
+                         "\" of scan 0 in " + file.string() + " is left out: "),
+            std::string::npos)
             << warning;
         EXPECT_NE(warning.find(reasons[w]), std::string::npos) << warning;
     }
@@ -682,8 +687,9 @@ TEST(E57, HostSetsTheLargestPictureOfAnInput)
 {
     pcp_test::TempFolder folder;
     const std::filesystem::path file = folder.path() / "one camera.e57";
-    pcp_sample::writeE57File(file, {sphereScan("scan-a", {1.0, 1.0, 1.5})},
-                             {sphericalImage("scan-a", plainPicture(64, 64, cv::Scalar(255, 0, 0), ".png"), 64, 64)});
+    pcp_sample::writeE57File(
+        file, {sphereScan("scan-a", {1.0, 1.0, 1.5})},
+        {sphericalImage("scan-a", plainPicture(64, 64, cv::Scalar(255, 0, 0), ".png"), 64, 64)});
     InputFileData input(toWide(file), 1.0);
     EXPECT_EQ(input.maxImagePixels, 100000000u);
     input.maxImagePixels = 4095;

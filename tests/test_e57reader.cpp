@@ -448,10 +448,11 @@ TEST(E57Xml, TheTreeStaysWithinItsMemoryLimit)
 {
     std::string xml = "<e57Root type=\"Structure\"><images2D type=\"Vector\">";
     for (int i = 0; i < 20000; ++i)
-        xml += "<vectorChild type=\"Structure\"><guid type=\"String\">{8E1C5A50-" + std::to_string(i) +
-               "-4D4B-9B2F-5C8E2C1B7A31}</guid><associatedData3DGuid type=\"String\">scan</associatedData3DGuid>"
-               "<pixelWidth type=\"Float\">1.5e-5</pixelWidth><imageHeight type=\"Integer\">1024</imageHeight>"
-               "<temperature type=\"Float\">1.#INF</temperature></vectorChild>";
+        xml +=
+            "<vectorChild type=\"Structure\"><guid type=\"String\">{8E1C5A50-" + std::to_string(i) +
+            "-4D4B-9B2F-5C8E2C1B7A31}</guid><associatedData3DGuid type=\"String\">scan</associatedData3DGuid>"
+            "<pixelWidth type=\"Float\">1.5e-5</pixelWidth><imageHeight type=\"Integer\">1024</imageHeight>"
+            "<temperature type=\"Float\">1.#INF</temperature></vectorChild>";
     xml += "</images2D></e57Root>";
 
     t_heapInUse = 0;
@@ -517,8 +518,11 @@ TEST(E57Xml, MalformedNumbersFailOnlyWhenRead)
     // Nothing that needs them can use such nodes.
     const e57::PagedFile pages("odd.e57", std::vector<uint8_t>(1024, 0));
     std::vector<double> values(4);
-    EXPECT_EQ(failure([&] { e57::CompressedVectorReader(pages, root.at("points"),
-                                                        {SourceDestBuffer::doubles("x", values, true)}); }),
+    EXPECT_EQ(failure(
+                  [&] {
+                      e57::CompressedVectorReader(pages, root.at("points"),
+                                                  {SourceDestBuffer::doubles("x", values, true)});
+                  }),
               ErrorCode::BadXmlFormat);
 }
 
@@ -681,10 +685,12 @@ TEST(E57RoundTrip, StringFieldsOfARecordArePassedOver)
     }
     std::vector<double> text(10);
     std::string message;
-    EXPECT_EQ(failure([&] { e57::CompressedVectorReader(file, points,
-                                                        {SourceDestBuffer::doubles("label", text, true)}); },
-                      &message),
-              ErrorCode::BadBuffer);
+    EXPECT_EQ(
+        failure(
+            [&]
+            { e57::CompressedVectorReader(file, points, {SourceDestBuffer::doubles("label", text, true)}); },
+            &message),
+        ErrorCode::BadBuffer);
     EXPECT_NE(message.find("String field /data3D/0/points/prototype/label"), std::string::npos) << message;
 }
 

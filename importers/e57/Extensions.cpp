@@ -25,8 +25,9 @@ std::optional<std::string> prefixFor(const std::vector<e57::NamespaceBinding>& n
     for (const e57::NamespaceBinding& binding : namespaces)
         if (std::find(std::begin(uris), std::end(uris), binding.uri) != std::end(uris))
             return binding.prefix;
-    const bool usualTaken = std::any_of(namespaces.begin(), namespaces.end(),
-                                        [&](const e57::NamespaceBinding& b) { return b.prefix == usualPrefix; });
+    const bool usualTaken =
+        std::any_of(namespaces.begin(), namespaces.end(),
+                    [&](const e57::NamespaceBinding& b) { return b.prefix == usualPrefix; });
     if (usualTaken)
         return std::nullopt;
     return std::string(usualPrefix);

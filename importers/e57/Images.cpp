@@ -220,8 +220,8 @@ ImageRecord E57::imageRecord(const e57::Node& image, size_t index) const
     const e57::Node* blob = representation->find(jpeg ? "jpegImage" : "pngImage");
     if (!blob || m_cacheFolder.empty())
         return record;
-    const std::filesystem::path folder = toPath(getBubblesFolder(m_cacheFolder)) / "2DImages" /
-                                         toPath(baseNameForScanId(m_path, m_scanIndex));
+    const std::filesystem::path folder =
+        toPath(getBubblesFolder(m_cacheFolder)) / "2DImages" / toPath(baseNameForScanId(m_path, m_scanIndex));
     std::filesystem::create_directories(folder);
     const std::filesystem::path file = folder / ("image_" + std::to_string(index) + (jpeg ? ".jpg" : ".png"));
     const std::vector<uint8_t> bytes = m_file->readBlob(*blob, m_fileSize);

@@ -63,8 +63,8 @@ std::optional<PictureSize> jpegSize(std::span<const uint8_t> bytes)
         const uint64_t length = bigEndian(bytes, at + 2, 2);
         if (length < 2)
             return std::nullopt;
-        const bool startOfFrame = marker >= 0xC0 && marker <= 0xCF && marker != 0xC4 && marker != 0xC8 &&
-                                  marker != 0xCC;
+        const bool startOfFrame =
+            marker >= 0xC0 && marker <= 0xCF && marker != 0xC4 && marker != 0xC8 && marker != 0xCC;
         if (startOfFrame)
         {
             if (length < 7 || at + 9 > bytes.size())
