@@ -53,8 +53,12 @@ std::shared_ptr<Convertor> importerFor(const InputFileData& input, bool reprojec
         case kFormatPtx:
             return std::make_shared<Ptx>(input.path, input.scale, input.colorMode);
         case kFormatE57:
+        {
             // E57 coordinates are metres, and its limits put every file on the 16-bit scale.
-            return std::make_shared<E57>(input.path, 1.0, ColorMode(kRgb16Bit, kIntensity16Bit));
+            auto e57 = std::make_shared<E57>(input.path, 1.0, ColorMode(kRgb16Bit, kIntensity16Bit));
+            e57->setMaxImagePixels(input.maxImagePixels);
+            return e57;
+        }
         case kFormatRcp:
         case kFormatHspc:
         case kFormatRdbx:

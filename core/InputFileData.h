@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 #include "core/ColorMode.h"
@@ -9,7 +10,7 @@ namespace pc_preprocess
 {
 
 // One input of a run with the caller's settings for it. The last three strings are the settings of the PTS
-// reader: column format, delimiters and the prefix of lines to skip.
+// reader: column format, delimiters and the prefix of lines to skip; maxImagePixels bounds its camera images.
 class PCP_API InputFileData
 {
 public:
@@ -19,6 +20,10 @@ public:
     ColorMode colorMode;  // 0, 0 lets the run detect the colours
     std::string delimiters;
     std::string skipPrefix;
+    // Camera images of the input (E57) whose pictures declare more pixels than this are left out with a
+    // warning, before they are decoded: a picture costs some 3 bytes a pixel in memory while it is painted.
+    static constexpr uint64_t kDefaultMaxImagePixels = 100'000'000;
+    uint64_t maxImagePixels = kDefaultMaxImagePixels;
 
     // Throws when the path is no existing regular file, then when the scale is not positive.
     InputFileData(const std::wstring& path, double scale, const std::string& columnFormat = {},

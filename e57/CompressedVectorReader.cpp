@@ -19,10 +19,12 @@ enum class Codec
     Integer,
     Float32,
     Float64,
+    // Strings are never decoded: writers put identifiers and comments in a record, and nobody reads them.
+    String,
 };
 
-// One field of the prototype: how its bytestream is coded, and where its values go (nowhere when no buffer
-// asks for them).
+// One field of the prototype: how its bytestream is coded, and where its values go. A field that no buffer
+// asks for is never decoded: its bytestream is passed over whatever its type.
 struct Field
 {
     const Node* node = nullptr;
@@ -73,8 +75,13 @@ void collectFields(const Node& node, std::vector<Field>& fields, const std::stri
             return;
         }
         case NodeType::String:
-            E57_THROW(ErrorCode::NotImplemented, where + ": its prototype holds the string field " +
-                                                     node.pathName() + ", which is not supported");
+        {
+            Field field;
+            field.node = &node;
+            field.codec = Codec::String;
+            fields.push_back(field);
+            return;
+        }
         default:
             E57_THROW(ErrorCode::BadXmlFormat, where + ": its prototype holds " + node.pathName() +
                                                    ", which cannot be a field of a record");
@@ -101,50 +108,48 @@ inline uint8_t toByte(const Field& field, int64_t value)
     return static_cast<uint8_t>(value);
 }
 
-// Decodes `count` values of a field from its stream into its buffer from index `first`.
+// Decodes `count` values of a field that a buffer asks for, from its stream into its buffer from index
+// `first`.
 void decode(const Field& field, ByteStream& stream, size_t first, size_t count)
 {
-    const SourceDestBuffer* buffer = field.buffer;
-    if (buffer != nullptr)
+    const SourceDestBuffer& buffer = *field.buffer;
+    const bool toDouble = buffer.kind == SourceDestBuffer::Kind::Double;
+    double* doubles = static_cast<double*>(buffer.data) + first;
+    uint8_t* bytes = static_cast<uint8_t*>(buffer.data) + first;
+    const uint8_t* in = stream.data() + stream.bitPosition() / 8;
+    const auto storeFloat = [&](size_t i, double value)
     {
-        const bool toDouble = buffer->kind == SourceDestBuffer::Kind::Double;
-        double* doubles = static_cast<double*>(buffer->data) + first;
-        uint8_t* bytes = static_cast<uint8_t*>(buffer->data) + first;
-        const uint8_t* in = stream.data() + stream.bitPosition() / 8;
-        const auto storeFloat = [&](size_t i, double value)
-        {
-            if (toDouble)
-                doubles[i] = value;
-            else
-                bytes[i] = toByte(field, std::trunc(value));
-        };
-        if (field.codec == Codec::Float32)
-            unpackFloats<float>(in, count, storeFloat);
-        else if (field.codec == Codec::Float64)
-            unpackFloats<double>(in, count, storeFloat);
-        else if (field.width == 0)
-        {
-            // A one-value range: nothing stored.
-            const double value = field.scaled && buffer->doScaling
-                                     ? static_cast<double>(field.minimum) * field.scale + field.offset
-                                     : static_cast<double>(field.minimum);
-            for (size_t i = 0; i < count; ++i)
-                storeFloat(i, value);
-        }
-        else if (field.scaled && buffer->doScaling)
-            unpackIntegers(stream.data(), stream.bitPosition(), field.width, field.minimum, count,
-                           [&](size_t i, int64_t raw)
-                           { storeFloat(i, static_cast<double>(raw) * field.scale + field.offset); });
-        else if (toDouble)
-            unpackIntegers(stream.data(), stream.bitPosition(), field.width, field.minimum, count,
-                           [&](size_t i, int64_t raw) { doubles[i] = static_cast<double>(raw); });
-        else if (field.byteRangeChecked)
-            unpackIntegers(stream.data(), stream.bitPosition(), field.width, field.minimum, count,
-                           [&](size_t i, int64_t raw) { bytes[i] = toByte(field, raw); });
+        if (toDouble)
+            doubles[i] = value;
         else
-            unpackIntegers(stream.data(), stream.bitPosition(), field.width, field.minimum, count,
-                           [&](size_t i, int64_t raw) { bytes[i] = static_cast<uint8_t>(raw); });
+            bytes[i] = toByte(field, std::trunc(value));
+    };
+    if (field.codec == Codec::Float32)
+        unpackFloats<float>(in, count, storeFloat);
+    else if (field.codec == Codec::Float64)
+        unpackFloats<double>(in, count, storeFloat);
+    else if (field.width == 0)
+    {
+        // A one-value range: nothing stored.
+        const double value = field.scaled && buffer.doScaling
+                                 ? static_cast<double>(field.minimum) * field.scale + field.offset
+                                 : static_cast<double>(field.minimum);
+        for (size_t i = 0; i < count; ++i)
+            storeFloat(i, value);
     }
+    else if (field.scaled && buffer.doScaling)
+        unpackIntegers(stream.data(), stream.bitPosition(), field.width, field.minimum, count,
+                       [&](size_t i, int64_t raw)
+                       { storeFloat(i, static_cast<double>(raw) * field.scale + field.offset); });
+    else if (toDouble)
+        unpackIntegers(stream.data(), stream.bitPosition(), field.width, field.minimum, count,
+                       [&](size_t i, int64_t raw) { doubles[i] = static_cast<double>(raw); });
+    else if (field.byteRangeChecked)
+        unpackIntegers(stream.data(), stream.bitPosition(), field.width, field.minimum, count,
+                       [&](size_t i, int64_t raw) { bytes[i] = toByte(field, raw); });
+    else
+        unpackIntegers(stream.data(), stream.bitPosition(), field.width, field.minimum, count,
+                       [&](size_t i, int64_t raw) { bytes[i] = static_cast<uint8_t>(raw); });
     stream.advance(uint64_t{field.width} * count);
 }
 
@@ -181,7 +186,7 @@ struct CompressedVectorReader::State
         skip.resize(fields.size());
         produced.resize(fields.size());
         for (size_t i = 0; i < fields.size(); ++i)
-            skip[i] = fields[i].width == 0;
+            skip[i] = fields[i].buffer == nullptr || fields[i].width == 0;
     }
 
     void bindBuffers(const std::string& where)
@@ -202,6 +207,10 @@ struct CompressedVectorReader::State
                           what + " names " + node->pathName() + ", which is not a field");
             if (field->buffer != nullptr)
                 E57_THROW(ErrorCode::BadBuffer, what + " is given twice");
+            if (field->codec == Codec::String)
+                E57_THROW(ErrorCode::BadBuffer, what + " names the String field " + node->pathName() +
+                                                    ", whose values are no numbers");
+            node->requireNumbers();
             if (buffer.data == nullptr || buffer.capacity == 0)
                 E57_THROW(ErrorCode::BadBuffer, what + " has no room");
             if (buffer.kind == SourceDestBuffer::Kind::Byte && field->codec != Codec::Integer &&
@@ -224,6 +233,7 @@ CompressedVectorReader::CompressedVectorReader(const PagedFile& pages, const Nod
 {
     if (compressedVector.type != NodeType::CompressedVector)
         E57_THROW(ErrorCode::BadNodeDowncast, compressedVector.pathName() + " is not a CompressedVector");
+    compressedVector.requireNumbers();
     m_state = std::make_unique<State>(pages, compressedVector, std::move(buffers));
 }
 
@@ -254,6 +264,12 @@ size_t CompressedVectorReader::read()
             const size_t missing = wanted - s.produced[i];
             if (missing == 0)
                 continue;
+            if (field.buffer == nullptr)
+            {
+                // Nobody asked for this field, and its bytestream was never fetched.
+                s.produced[i] = wanted;
+                continue;
+            }
             const uint64_t available =
                 field.width == 0 ? missing : s.streams[i].availableBits() / field.width;
             const auto take = static_cast<size_t>(std::min<uint64_t>(missing, available));

@@ -42,9 +42,10 @@ struct SourceDestBuffer
 
 // Reads the records of a compressed vector in order, into the buffers, a batch at a time. The binary section
 // is read in large sequential pieces, its data packets' bytestreams decoded with the bitpack codec across
-// packet boundaries; index and empty packets are passed over. A field without a buffer is decoded and
-// dropped. Failures are E57Exceptions: BadCVHeader for a section header that does not fit the file,
-// BadCVPacket for a packet whose sizes do not fit, BadChecksum for a page whose CRC-32C does not match,
+// packet boundaries; index and empty packets are passed over. The bytestream of a field without a buffer,
+// of any type (String included), is passed over undecoded. Failures are E57Exceptions: BadCVHeader for a
+// section header that does not fit the file, BadCVPacket for a packet whose sizes do not fit, BadChecksum
+// for a page whose CRC-32C does not match, BadXmlFormat for a malformed number that the reading needs,
 // BadBuffer / NoBufferForElement / BufferSizeMismatch / PathUndefined for buffers that do not fit the
 // prototype.
 class CompressedVectorReader

@@ -17,7 +17,7 @@ namespace
 //   offset  size  content
 //   0       8     "ASTM-E57"
 //   8       4     major version (1)
-//   12      4     minor version (0)
+//   12      4     minor version (0; later minor versions only add to the format)
 //   16      8     the file's physical length
 //   24      8     physical offset of the XML section
 //   32      8     logical length of the XML section
@@ -60,9 +60,10 @@ ImageFile::ImageFile(std::unique_ptr<PagedFile> pages) : m_pages(std::move(pages
                   name + " ends within its header, after " + std::to_string(file.physicalSize()) + " bytes");
     const auto major = load<uint32_t>(header + 8);
     const auto minor = load<uint32_t>(header + 12);
-    if (major != 1 || minor != 0)
+    if (major != 1)
         E57_THROW(ErrorCode::UnknownFileVersion, name + " has format version " + std::to_string(major) + "." +
-                                                     std::to_string(minor) + ", not 1.0");
+                                                     std::to_string(minor) +
+                                                     "; only files of version 1 (1.0, 1.1, ...) can be read");
     const auto declaredLength = load<uint64_t>(header + 16);
     const auto xmlPhysicalOffset = load<uint64_t>(header + 24);
     const auto xmlLength = load<uint64_t>(header + 32);
@@ -85,9 +86,11 @@ ImageFile::ImageFile(std::unique_ptr<PagedFile> pages) : m_pages(std::move(pages
     PageReader reader(file);
     // The header's own page: a corrupt page 0 is refused even when no section starts in it.
     reader.read(0, header, kHeaderSize);
-    m_xml.resize(static_cast<size_t>(xmlLength));
-    reader.read(physicalToLogical(xmlPhysicalOffset), m_xml.data(), m_xml.size());
-    m_root = parseXmlSection(m_xml, name);
+    std::string xml(static_cast<size_t>(xmlLength), '\0');
+    reader.read(physicalToLogical(xmlPhysicalOffset), xml.data(), xml.size());
+    XmlTree tree = parseXmlSection(xml, name);
+    m_root = std::move(tree.root);
+    m_namespaces = std::move(tree.namespaces);
 }
 
 ImageFile::~ImageFile() = default;
@@ -101,6 +104,7 @@ std::vector<uint8_t> ImageFile::readBlob(const Node& blob, uint64_t maxBytes) co
 {
     if (blob.type != NodeType::Blob)
         E57_THROW(ErrorCode::BadNodeDowncast, blob.pathName() + " is not a Blob");
+    blob.requireNumbers();
     if (blob.length > maxBytes)
         E57_THROW(ErrorCode::BadApiArgument, "blob " + blob.pathName() + " holds " +
                                                  std::to_string(blob.length) + " bytes, more than the " +

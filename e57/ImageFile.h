@@ -7,16 +7,18 @@
 #include <vector>
 
 #include "e57/Node.h"
+#include "e57/XmlSection.h"
 
 namespace e57
 {
 
 class PagedFile;
 
-// An E57 file opened for reading: the 48-byte header checked (signature "ASTM-E57", version 1.0, the file's
-// length a whole number of 1024-byte pages and equal to the header's), the XML section read through the
-// pages' CRC-32C checks and parsed with expat into a tree of nodes. Nothing is sized by a number from the
-// file beyond the file's real size. Every failure is an E57Exception.
+// An E57 file opened for reading: the 48-byte header checked (signature "ASTM-E57", major version 1 with any
+// minor version, the file's length a whole number of 1024-byte pages and equal to the header's), the XML
+// section read through the pages' CRC-32C checks and parsed with expat into a tree of nodes, once. Nothing is
+// sized by a number from the file beyond the file's real size, and the tree's memory is bounded
+// (kMaxXmlTreeBytes). Every failure is an E57Exception.
 class ImageFile
 {
 public:
@@ -30,8 +32,9 @@ public:
     const Node& root() const { return *m_root; }
     // The file's size in bytes.
     uint64_t fileSize() const;
-    // The XML section's text, as stored.
-    const std::string& xml() const { return m_xml; }
+    // The namespace prefixes the file declares, with their URIs: extensions are known by their URI, whatever
+    // prefix a writer chose.
+    const std::vector<NamespaceBinding>& namespaces() const { return m_namespaces; }
 
     // The bytes of a blob node, read whole; `maxBytes` caps what the caller accepts (E57Exception
     // BadApiArgument beyond it). A blob that ends past the file's data fails with ReadFailed.
@@ -43,8 +46,8 @@ public:
 
 private:
     std::unique_ptr<PagedFile> m_pages;
-    std::string m_xml;
     std::unique_ptr<Node> m_root;
+    std::vector<NamespaceBinding> m_namespaces;
 };
 
 }  // namespace e57

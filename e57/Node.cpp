@@ -65,8 +65,15 @@ const Node& Node::at(std::string_view path) const
     return *node;
 }
 
+void Node::requireNumbers() const
+{
+    if (malformedNumber)
+        E57_THROW(ErrorCode::BadXmlFormat, pathName() + ": " + stringValue + " is not a number");
+}
+
 double Node::numericValue() const
 {
+    requireNumbers();
     switch (type)
     {
         case NodeType::Integer:

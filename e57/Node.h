@@ -9,7 +9,7 @@
 namespace e57
 {
 
-enum class NodeType
+enum class NodeType : uint8_t
 {
     Structure,
     Vector,
@@ -27,6 +27,12 @@ class Node
 {
 public:
     NodeType type = NodeType::Structure;
+    // A number of the element (its value or one of its attributes) is malformed ("1.#INF", "1,5"): the
+    // numbers hold defaults, stringValue tells what was written, and requireNumbers() fails. A file is not
+    // refused for a number that nobody reads.
+    bool malformedNumber = false;
+    // Float: single precision, when the file says precision="single".
+    bool singlePrecision = false;
     // The element's name ("data3D", "cartesianX"; a vector's children are named "0", "1", ...).
     std::string name;
     Node* parent = nullptr;
@@ -41,12 +47,11 @@ public:
     // ScaledInteger: the value is offset + scale * raw.
     double scale = 1.0;
     double offset = 0.0;
-    // Float: value and range; single precision when the file says precision="single".
+    // Float: value and range.
     double floatValue = 0.0;
     double floatMinimum = 0.0;
     double floatMaximum = 0.0;
-    bool singlePrecision = false;
-    // String.
+    // String; for an element with a malformed number, what was written ("value \"1,5\"").
     std::string stringValue;
     // Blob: the logical offset (pages' checksums left out) of its binary section, whose 16-byte header the
     // bytes follow, and how many bytes there are. CompressedVector: the logical offset of its binary section
@@ -69,8 +74,11 @@ public:
     bool isStructure() const { return type == NodeType::Structure; }
     bool isVector() const { return type == NodeType::Vector; }
     // The value of a numeric node: Integer, ScaledInteger (scaled) or Float; E57Exception ExpectingNumeric
-    // for other types.
+    // for other types, BadXmlFormat (with the node's path) for a malformed number.
     double numericValue() const;
+    // Fails with BadXmlFormat, naming the node's path and the text, when a number of the element is
+    // malformed: for everything that reads the numbers of a node other than through numericValue.
+    void requireNumbers() const;
     // The element path from the root, e.g. "/data3D/0/points".
     std::string pathName() const;
 };

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <limits>
 #include <optional>
+#include <type_traits>
 #include <unordered_set>
 #include <vector>
 
@@ -21,6 +22,29 @@ namespace
 {
 
 constexpr std::string_view kSpaces = " \t\r\n";
+// How much of a malformed text a node keeps for the message.
+constexpr size_t kMaxQuotedText = 60;
+
+// A text in double quotes for a message, cut short when it is long.
+std::string quoted(std::string_view text)
+{
+    if (text.size() <= kMaxQuotedText)
+        return "\"" + std::string(text) + "\"";
+    return "\"" + std::string(text.substr(0, kMaxQuotedText)) + "...\"";
+}
+// What the heap adds to each block it hands out, about.
+constexpr size_t kAllocationOverhead = 16;
+
+// The heap bytes a string holds beyond its object.
+size_t heapBytes(const std::string& text)
+{
+    static const size_t inPlace = std::string().capacity();
+    return text.capacity() > inPlace ? text.capacity() + 1 + kAllocationOverhead : 0;
+}
+
+// What one node costs beyond its strings: the node itself, its place in its parent's list of children
+// (twice, as the list grows by doubling), and its entry in the index that finds a name given twice.
+constexpr size_t kNodeBytes = sizeof(Node) + kAllocationOverhead + 2 * sizeof(void*) + 64;
 
 std::string_view trim(std::string_view text)
 {
@@ -30,7 +54,8 @@ std::string_view trim(std::string_view text)
     return text.substr(first, text.find_last_not_of(kSpaces) - first + 1);
 }
 
-// Numbers as the XML writes them, with an optional leading "+", independent of the C locale.
+// Numbers as the XML writes them, with an optional leading "+", independent of the C locale. A NaN, in any
+// spelling ("nan", "-nan(ind)"), is no number that anything could use.
 template <typename T>
 std::optional<T> parseNumber(std::string_view text)
 {
@@ -41,6 +66,9 @@ std::optional<T> parseNumber(std::string_view text)
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
     if (text.empty() || error != std::errc() || end != text.data() + text.size())
         return std::nullopt;
+    if constexpr (std::is_floating_point_v<T>)
+        if (std::isnan(value))
+            return std::nullopt;
     return value;
 }
 
@@ -107,14 +135,15 @@ struct Attributes
 class TreeBuilder
 {
 public:
-    TreeBuilder(std::string_view xml, const std::string& fileName)
+    TreeBuilder(std::string_view xml, const std::string& fileName, size_t maxTreeBytes)
         : m_fileName(fileName),
           m_xmlSize(xml.size()),
-          m_maxNodes(std::min(kMaxXmlNodes, xml.size() / kXmlBytesPerNode + 16))
+          m_maxNodes(xml.size() / kXmlBytesPerNode + 16),
+          m_maxTreeBytes(maxTreeBytes)
     {
     }
 
-    std::unique_ptr<Node> parse(std::string_view xml)
+    XmlTree parse(std::string_view xml)
     {
         const std::unique_ptr<XML_ParserStruct, decltype(&XML_ParserFree)> owner(XML_ParserCreate(nullptr),
                                                                                  &XML_ParserFree);
@@ -151,7 +180,7 @@ public:
             E57_THROW(ErrorCode::XmlParser, expatError);
         if (!m_root)
             E57_THROW(ErrorCode::BadXmlFormat, "XML section of " + m_fileName + " has no root element");
-        return std::move(m_root);
+        return XmlTree{std::move(m_root), std::move(m_namespaces), m_treeBytes};
     }
 
 private:
@@ -160,8 +189,8 @@ private:
         Node* node;
         std::string text;
         bool insidePrototype = false;
-        // A Structure's child names, to refuse a name given twice.
-        std::unordered_set<std::string> names;
+        // A Structure's child names (views of the children's own), to refuse a name given twice.
+        std::unordered_set<std::string_view> names;
     };
 
     static void XMLCALL onStart(void* self, const XML_Char* name, const XML_Char** attributes)
@@ -216,41 +245,58 @@ private:
         return "element " + (node.parent ? node.pathName() : std::string("/"));
     }
 
+    // Marks the element as holding a malformed number, keeping the first thing found: the file is refused
+    // only if something reads the element's numbers.
+    static void markMalformed(Node& node, const std::string& what)
+    {
+        if (node.malformedNumber)
+            return;
+        node.malformedNumber = true;
+        node.stringValue = what;
+    }
+
     template <typename T>
-    T number(const Node& node, const char* attribute, const char* text, T fallback) const
+    static T number(Node& node, const char* attribute, const char* text, T fallback)
     {
         if (text == nullptr)
             return fallback;
         const std::optional<T> value = parseNumber<T>(text);
         if (!value)
-            fail(where(node) + ": attribute " + attribute + "=\"" + text + "\" is not a number of its kind");
+        {
+            markMalformed(node, std::string("attribute ") + attribute + "=" + quoted(text));
+            return fallback;
+        }
         return *value;
     }
 
     template <typename T>
-    T required(const Node& node, const char* attribute, const char* text) const
+    T required(Node& node, const char* attribute, const char* text) const
     {
         if (text == nullptr)
             fail(where(node) + " lacks the attribute " + attribute);
         return number<T>(node, attribute, text, T{});
     }
 
-    // The element's own value, from its text; `fallback` when the text is empty.
+    // The element's own value, from its text; `fallback` when the text is empty or malformed.
     template <typename T>
-    T value(const Node& node, std::string_view text, T fallback) const
+    static T value(Node& node, std::string_view text, T fallback)
     {
         if (trim(text).empty())
             return fallback;
         const std::optional<T> parsed = parseNumber<T>(text);
         if (!parsed)
-            fail(where(node) + ": value \"" + std::string(trim(text).substr(0, 40)) +
-                 "\" is not a number of its type");
+        {
+            markMalformed(node, "value " + quoted(trim(text)));
+            return fallback;
+        }
         return *parsed;
     }
 
-    uint64_t logicalOffset(const Node& node, const char* text) const
+    uint64_t logicalOffset(Node& node, const char* text) const
     {
         const auto physical = required<uint64_t>(node, "fileOffset", text);
+        if (node.malformedNumber)
+            return 0;
         if (isChecksumOffset(physical))
             fail(where(node) + ": fileOffset " + std::to_string(physical) + " points into a page checksum");
         return physicalToLogical(physical);
@@ -273,9 +319,9 @@ private:
         {
             case NodeType::Structure:
                 node->name = elementName;
-                if (!parentFrame.names.insert(node->name).second)
-                    fail(where(parent) + " has two children named " + node->name);
                 parent.children.push_back(std::move(node));
+                if (!parentFrame.names.insert(parent.children.back()->name).second)
+                    fail(where(parent) + " has two children named " + parent.children.back()->name);
                 return;
             case NodeType::Vector:
                 node->name = std::to_string(parent.children.size());
@@ -324,12 +370,16 @@ private:
             (m_stack.back().insidePrototype || (m_stack.back().node->type == NodeType::CompressedVector &&
                                                 std::strcmp(elementName, "prototype") == 0));
         attach(std::move(owned), elementName);
+        count(kNodeBytes + heapBytes(node.name));
+        bindNamespaces(pairs);
         if (insidePrototype && (node.type == NodeType::Blob || node.type == NodeType::CompressedVector))
             fail(where(node) + ": a prototype cannot hold a Blob or CompressedVector");
         readAttributes(node, attributes);
         m_stack.push_back(Frame{&node, {}, insidePrototype, {}});
     }
 
+    // A range or scale that cannot be used is kept as a malformed number as well: only a reader of the
+    // element's values needs it.
     void readAttributes(Node& node, const Attributes& a) const
     {
         constexpr int64_t kLowest = std::numeric_limits<int64_t>::min();
@@ -341,13 +391,15 @@ private:
                 node.integerMinimum = number<int64_t>(node, "minimum", a.minimum, kLowest);
                 node.integerMaximum = number<int64_t>(node, "maximum", a.maximum, kHighest);
                 if (node.integerMinimum > node.integerMaximum)
-                    fail(where(node) + ": minimum above maximum");
+                    markMalformed(node, "minimum " + std::to_string(node.integerMinimum) + " above maximum " +
+                                            std::to_string(node.integerMaximum));
                 if (node.type == NodeType::ScaledInteger)
                 {
                     node.scale = number<double>(node, "scale", a.scale, 1.0);
                     node.offset = number<double>(node, "offset", a.offset, 0.0);
                     if (!std::isfinite(node.scale) || !std::isfinite(node.offset) || node.scale == 0.0)
-                        fail(where(node) + ": scale and offset must be finite, the scale not 0");
+                        markMalformed(node, "scale " + std::to_string(node.scale) + " with offset " +
+                                                std::to_string(node.offset));
                 }
                 return;
             case NodeType::Float:
@@ -361,8 +413,9 @@ private:
                                                           : std::numeric_limits<double>::max();
                 node.floatMinimum = number<double>(node, "minimum", a.minimum, -limit);
                 node.floatMaximum = number<double>(node, "maximum", a.maximum, limit);
-                if (!(node.floatMinimum <= node.floatMaximum))
-                    fail(where(node) + ": minimum above maximum");
+                if (node.floatMinimum > node.floatMaximum)
+                    markMalformed(node, "minimum " + std::to_string(node.floatMinimum) + " above maximum " +
+                                            std::to_string(node.floatMaximum));
                 return;
             }
             case NodeType::Blob:
@@ -379,7 +432,7 @@ private:
                     const auto allow =
                         number<int64_t>(node, "allowHeterogeneousChildren", a.allowHeterogeneousChildren, 0);
                     if (allow != 0 && allow != 1)
-                        fail(where(node) + ": allowHeterogeneousChildren is neither 0 nor 1");
+                        markMalformed(node, "allowHeterogeneousChildren " + std::to_string(allow));
                 }
                 return;
             case NodeType::Structure:
@@ -413,11 +466,13 @@ private:
             case NodeType::ScaledInteger:
                 // An empty element (a prototype's field) takes 0, or the end of its range nearest to 0.
                 node.integerValue = value<int64_t>(
-                    node, text, std::clamp<int64_t>(0, node.integerMinimum, node.integerMaximum));
+                    node, text,
+                    node.malformedNumber ? 0
+                                         : std::clamp<int64_t>(0, node.integerMinimum, node.integerMaximum));
                 if (node.integerValue < node.integerMinimum || node.integerValue > node.integerMaximum)
-                    fail(where(node) + ": value " + std::to_string(node.integerValue) + " outside [" +
-                         std::to_string(node.integerMinimum) + ", " + std::to_string(node.integerMaximum) +
-                         "]");
+                    markMalformed(node, "value " + std::to_string(node.integerValue) + " outside [" +
+                                            std::to_string(node.integerMinimum) + ", " +
+                                            std::to_string(node.integerMaximum) + "]");
                 break;
             case NodeType::Float:
                 node.floatValue = value<double>(node, text, 0.0);
@@ -436,13 +491,48 @@ private:
                     fail(where(node) + " holds text, but it is a Blob");
                 break;
         }
+        count(heapBytes(node.stringValue));
         m_stack.pop_back();
+    }
+
+    // Adds to the memory the tree takes, which must stay within the limit.
+    void count(size_t bytes)
+    {
+        m_treeBytes += bytes;
+        if (m_treeBytes > m_maxTreeBytes)
+            fail("its elements would take more than " + std::to_string(m_maxTreeBytes >> 20) +
+                 " MiB of memory");
+    }
+
+    // Namespace declarations ("xmlns:nor=..."). E57 writers declare their extensions once, on the root
+    // element, so a declaration counts for the whole file; the first binding of a prefix stands.
+    void bindNamespaces(const XML_Char** pairs)
+    {
+        constexpr std::string_view kDeclaration = "xmlns:";
+        for (; pairs[0] != nullptr; pairs += 2)
+        {
+            const std::string_view attribute = pairs[0];
+            if (!attribute.starts_with(kDeclaration))
+                continue;
+            const std::string_view prefix = attribute.substr(kDeclaration.size());
+            const bool known = std::any_of(m_namespaces.begin(), m_namespaces.end(),
+                                           [&](const NamespaceBinding& b) { return b.prefix == prefix; });
+            if (!known)
+            {
+                m_namespaces.push_back(NamespaceBinding{std::string(prefix), pairs[1]});
+                count(sizeof(NamespaceBinding) + heapBytes(m_namespaces.back().prefix) +
+                      heapBytes(m_namespaces.back().uri));
+            }
+        }
     }
 
     std::string m_fileName;
     size_t m_xmlSize;
     size_t m_maxNodes;
+    size_t m_maxTreeBytes;
     size_t m_nodes = 0;
+    size_t m_treeBytes = 0;
+    std::vector<NamespaceBinding> m_namespaces;
     XML_Parser m_parser = nullptr;
     std::unique_ptr<Node> m_root;
     std::vector<Frame> m_stack;
@@ -451,9 +541,9 @@ private:
 
 }  // namespace
 
-std::unique_ptr<Node> parseXmlSection(std::string_view xml, const std::string& fileName)
+XmlTree parseXmlSection(std::string_view xml, const std::string& fileName, size_t maxTreeBytes)
 {
-    return TreeBuilder(xml, fileName).parse(xml);
+    return TreeBuilder(xml, fileName, maxTreeBytes).parse(xml);
 }
 
 }  // namespace e57

@@ -45,8 +45,8 @@ struct E57Buffers
         for (size_t i = 0; i < fields.size(); ++i)
         {
             const unsigned mode = (choice >> (2 * (i % 4))) & 3u;
-            if (mode == 3)
-                continue;  // decoded and dropped
+            if (mode == 3 || fields[i].second->type == e57::NodeType::String)
+                continue;  // its bytestream passed over
             const bool integer = fields[i].second->type == e57::NodeType::Integer;
             if (mode == 2 && integer)
             {
@@ -59,10 +59,13 @@ struct E57Buffers
                 buffers.push_back(e57::SourceDestBuffer::doubles(fields[i].first, doubles.back(), mode == 0));
             }
         }
-        if (buffers.empty() && !fields.empty())
+        const auto numeric =
+            std::find_if(fields.begin(), fields.end(),
+                         [](const auto& field) { return field.second->type != e57::NodeType::String; });
+        if (buffers.empty() && numeric != fields.end())
         {
             doubles.emplace_back(capacity);
-            buffers.push_back(e57::SourceDestBuffer::doubles(fields.front().first, doubles.back(), true));
+            buffers.push_back(e57::SourceDestBuffer::doubles(numeric->first, doubles.back(), true));
         }
     }
 
@@ -226,8 +229,10 @@ inline std::string checkE57Xml(std::string_view text)
 {
     try
     {
-        const std::unique_ptr<e57::Node> root = e57::parseXmlSection(text, "fuzz.e57");
-        return checkTree(*root, *root, 1);
+        const e57::XmlTree tree = e57::parseXmlSection(text, "fuzz.e57");
+        if (tree.treeBytes > e57::kMaxXmlTreeBytes)
+            return "a tree beyond the memory limit";
+        return checkTree(*tree.root, *tree.root, 1);
     }
     catch (const e57::E57Exception&)
     {
@@ -240,7 +245,8 @@ inline std::string checkE57Xml(std::string_view text)
 }
 
 // The prototypes a cv input chooses from: the benchmark's record, scaled coordinates with an invalid state,
-// integers of many widths (0, 1, 3, 11, 41 and 64 bits) with a double, and nested containers.
+// integers of many widths (0, 1, 3, 11, 41 and 64 bits) with a double, nested containers, and String fields
+// between numbers, whose bytestreams are passed over.
 inline const char* const kE57CvPrototypes[] = {
     R"(<cartesianX type="Float" precision="single"/><cartesianY type="Float" precision="single"/>
        <cartesianZ type="Float" precision="single"/><intensity type="Float" precision="single"/>
@@ -256,6 +262,8 @@ inline const char* const kE57CvPrototypes[] = {
     R"(<s type="Structure"><x type="Float" precision="single"/><v type="Vector"><i type="Integer" minimum="0"
        maximum="1023"/><j type="ScaledInteger" minimum="0" maximum="7" scale="0.5"/></v></s>
        <t type="Integer" minimum="0" maximum="255"/>)",
+    R"(<cartesianX type="Float"/><id type="String"/><n type="Integer" minimum="0" maximum="7"/>
+       <note type="String"/><cartesianY type="ScaledInteger" minimum="-1000" maximum="1000" scale="0.01"/>)",
 };
 
 // Byte 0 chooses the prototype, byte 1 the buffers, bytes 2 and 3 the record count; the rest is the section,
@@ -306,8 +314,8 @@ inline std::string checkE57Cv(const E57CvCase& input)
 {
     try
     {
-        const std::unique_ptr<e57::Node> root = e57::parseXmlSection(input.xml(), "fuzz.e57");
-        const e57::Node& points = root->at("points");
+        const e57::XmlTree tree = e57::parseXmlSection(input.xml(), "fuzz.e57");
+        const e57::Node& points = tree.root->at("points");
         const e57::PagedFile pages("fuzz.e57", input.pages());
         E57Buffers buffers(*points.prototype, input.buffers, 777);
         e57::CompressedVectorReader reader(pages, points, buffers.buffers);

@@ -81,19 +81,28 @@ void E57::openGroup()
     m_workDone = 0;
     m_images.clear();
 
-    std::ostringstream header;
-    e57Header(m_path, header);
-    m_headerStr = header.str();
-
+    // The file is opened and its XML parsed once: the header report is written from the open file.
     if (StringPathConvertor(m_path).convertedInputPath().empty())
         throw error("Could not convert path " + ws2s(m_path));
     try
     {
         m_file = std::make_unique<e57::ImageFile>(toPath(m_path));
+    }
+    catch (const e57::E57Exception& e)
+    {
+        throw error("Could not open file " + ws2s(m_path) + "\n" + describeE57Exception(e));
+    }
+    std::ostringstream header;
+    e57Header(*m_file, m_path, header);
+    m_headerStr = header.str();
+    m_extensions = extensionFields(m_file->namespaces());
+
+    try
+    {
         const e57::Node& root = m_file->root();
         m_formatName = root.at("formatName").stringValue;
-        m_versionMajor = static_cast<int32_t>(root.at("versionMajor").integerValue);
-        m_versionMinor = static_cast<int32_t>(root.at("versionMinor").integerValue);
+        m_versionMajor = static_cast<int32_t>(root.at("versionMajor").numericValue());
+        m_versionMinor = static_cast<int32_t>(root.at("versionMinor").numericValue());
         m_guid = root.at("guid").stringValue;
         if (const e57::Node* version = root.find("e57LibraryVersion"))
             m_e57LibraryVersion = version->stringValue;
@@ -166,8 +175,10 @@ void E57::parseHeader(const e57::Node& scan, const e57::Node& prototype)
     m_hasColumnIndex = prototype.has("columnIndex");
     m_hasIntensity = prototype.has("intensity");
     m_hasIntensityInvalid = prototype.has("isIntensityInvalid");
-    m_hasNormals = hasAll(prototype, {"nor:normalX", "nor:normalY", "nor:normalZ"});
-    m_hasClasses = prototype.has("class:classification");
+    const auto& normals = m_extensions.normals;
+    m_hasNormals = !normals[0].empty() &&
+                   hasAll(prototype, {normals[0].c_str(), normals[1].c_str(), normals[2].c_str()});
+    m_hasClasses = !m_extensions.classification.empty() && prototype.has(m_extensions.classification);
     m_hasColor = hasAll(prototype, {"colorRed", "colorGreen", "colorBlue"});
     m_hasColorInvalid = prototype.has("isColorInvalid");
     if (!m_cartesian && !m_spherical)
@@ -193,14 +204,14 @@ void E57::parseHeader(const e57::Node& scan, const e57::Node& prototype)
 void E57::prepareBuffers(const e57::Node& points, const e57::Node& prototype)
 {
     std::vector<e57::SourceDestBuffer> sources;
-    const auto doubles = [&](const char* field, std::vector<double>& values)
+    const auto doubles = [&](const std::string& field, std::vector<double>& values)
     {
         values.assign(kBufferSize, 0.0);
         const e57::Node& node = prototype.at(field);
         sources.push_back(
             e57::SourceDestBuffer::doubles(field, values, node.type == e57::NodeType::ScaledInteger));
     };
-    const auto bytes = [&](const char* field, std::vector<uint8_t>& values)
+    const auto bytes = [&](const std::string& field, std::vector<uint8_t>& values)
     {
         values.assign(kBufferSize, 0);
         sources.push_back(e57::SourceDestBuffer::bytes(field, values));
@@ -224,9 +235,8 @@ void E57::prepareBuffers(const e57::Node& points, const e57::Node& prototype)
     }
     if (m_hasNormals)
     {
-        doubles("nor:normalX", b.normals[0]);
-        doubles("nor:normalY", b.normals[1]);
-        doubles("nor:normalZ", b.normals[2]);
+        for (size_t axis = 0; axis < 3; ++axis)
+            doubles(m_extensions.normals[axis], b.normals[axis]);
     }
     if (m_hasIntensity)
         doubles("intensity", b.intensity);
@@ -241,7 +251,7 @@ void E57::prepareBuffers(const e57::Node& points, const e57::Node& prototype)
     if (m_hasColorInvalid)
         bytes("isColorInvalid", b.colorInvalid);
     if (m_hasClasses)
-        bytes("class:classification", b.classification);
+        bytes(m_extensions.classification, b.classification);
     m_reader = std::make_unique<e57::CompressedVectorReader>(*m_file, points, std::move(sources));
 }
 

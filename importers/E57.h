@@ -12,6 +12,8 @@
 
 #include "core/Convertor.h"
 #include "core/Export.h"
+#include "core/InputFileData.h"
+#include "importers/e57/Extensions.h"
 #include "importers/e57/ImageRecords.h"
 
 namespace e57
@@ -29,6 +31,10 @@ namespace pc_preprocess
 // and intensity brought to 16 bits through the limits the file declares, normals and classes where the scan
 // has them, and camera images that are written beside the panoramas and painted into them. Points are read
 // through fixed buffers of 65536 records per scan.
+//
+// A camera image that cannot be used (a picture too large or broken, a folder that cannot be made, a
+// malformed number in its description) is left out with a warning naming the file, the scan and the image;
+// the scan's points and its other images go on.
 class PCP_API E57 : public Convertor
 {
 public:
@@ -58,6 +64,11 @@ public:
     void updateScanView2DImages(std::shared_ptr<ScanView> view, const std::array<double, 3>& position,
                                 const IoTransfo& transfo, size_t scan, size_t image) override;
 
+    // Camera pictures whose header declares more pixels than this are left out with a warning, before
+    // anything is decoded; InputFileData::maxImagePixels sets it for a run.
+    void setMaxImagePixels(uint64_t pixels) { m_maxImagePixels = pixels; }
+    uint64_t maxImagePixels() const { return m_maxImagePixels; }
+
     // The number of scans of the open file, a device trajectory left out.
     uint64_t nrScans() const { return m_nrScans; }
     const std::string& formatName() const { return m_formatName; }
@@ -84,8 +95,13 @@ private:
     void parseHeader(const e57::Node& scan, const e57::Node& prototype);
     void prepareBuffers(const e57::Node& points, const e57::Node& prototype);
     void extract2DImages(const e57::Node& scan);
+    ImageRecord imageRecord(const e57::Node& image, size_t index) const;
+    // Paints the picture in slices of at most a batch of points, in pixel order, so that a later image still
+    // paints over an earlier one. Throws ImageRefused, or OpenCV's and the allocator's exceptions.
     void updateScanViewWithImage(ScanView& view, const ImageRecord& image,
                                  const std::array<double, 3>& position, const IoTransfo& transfo) const;
+    // The warning for an image that is left out.
+    void warnImageLeftOut(size_t scan, size_t image, const std::string& name, const std::string& reason);
     // Whether the record's colour and intensity are usable, and their 16-bit values; out-of-range values
     // raise the warning flags.
     void fillColour(size_t record, IoLightPoint& point);
@@ -105,7 +121,9 @@ private:
     uint64_t m_pointsSkipped = 0;
     uint64_t m_workDone = 0;
     std::unique_ptr<e57::ImageFile> m_file;
+    ExtensionFields m_extensions;
     uint64_t m_scanIndex = kNoScan;
+    uint64_t m_maxImagePixels = InputFileData::kDefaultMaxImagePixels;
 
     bool m_cartesian = false;
     bool m_hasCartesianInvalid = false;
@@ -135,5 +153,7 @@ private:
 // Writes the report of an E57 file: its size, then every element of its XML tree with its type and value.
 // Throws "Could not convert path <path>" or "Could not open file <path>" with the reason.
 PCP_API void e57Header(const std::wstring& path, std::ostream& out);
+// The same report for a file that is open already.
+void e57Header(const e57::ImageFile& file, const std::wstring& path, std::ostream& out);
 
 }  // namespace pc_preprocess

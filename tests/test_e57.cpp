@@ -17,6 +17,7 @@
 
 #include "cachefiles/MetaFile.h"
 #include "cachefiles/PntFiles.h"
+#include "core/ImporterFactory.h"
 #include "core/NodePaths.h"
 #include "core/StringConversion.h"
 #include "importers/E57.h"
@@ -67,6 +68,24 @@ Conversion convert(const pcp_test::TempFolder& folder, const std::wstring& file,
         readPNT(scan.pntFile, transfo, c.scans.back());
     }
     return c;
+}
+
+// The first batch of a scan as an importer delivers it, with the normals and classes that the point files
+// keep beside the points.
+std::vector<IoLightPoint> firstBatch(const std::filesystem::path& file, size_t scan, const IoTransfo& transfo,
+                                     bool& normalsAndClasses)
+{
+    E57 importer(toWide(file), 1.0, kE57Mode);
+    importer.openGroup();
+    std::vector<IoLightPoint> batch;
+    if (!importer.canOpenScan(scan))
+        return batch;
+    normalsAndClasses = importer.hasNormals() && importer.hasClasses();
+    importer.processBatch(batch,
+                          Discretization(transfo, std::array<double, 9>{1, 0, 0, 0, 1, 0, 0, 0, 1}.data(),
+                                         std::array<double, 3>{0, 0, 0}.data()),
+                          false);
+    return batch;
 }
 
 std::string e57Error(const std::filesystem::path& file, const std::string& text)
@@ -138,9 +157,12 @@ TEST(E57, ScaledIntegerBunnyAndFilesWithoutPoints)
 TEST(E57, ReaderFailuresReachTheUserWithTheirCode)
 {
     {
+        // An opening that fails carries the importer's prefix and the path like every other failure.
         PCP_REQUIRE_TEST_DATA(file, "e57/bad-crc.e57");
         const std::string text = errorText([&] { E57(toWide(file), 1.0, kE57Mode).probe(kStep, {}); });
-        EXPECT_EQ(text.find("Could not open file " + file.string() + "\nE57_ERROR_BAD_CHECKSUM: \n"), 0u)
+        EXPECT_EQ(text.find(e57Error(
+                      file, "Could not open file " + file.string() + "\nE57_ERROR_BAD_CHECKSUM: \n")),
+                  0u)
             << text;
     }
     {
@@ -237,15 +259,9 @@ TEST(E57, ScansLandThroughTheirOwnPosesWithNormalsAndClasses)
 
     // The second scan's classes are in their side file; its normals and classes come with its points.
     ASSERT_TRUE(std::filesystem::exists(toPath(getClassPathFromPnt(c.files[1].pntFile))));
-    E57 importer(toWide(file), 1.0, kE57Mode);
-    importer.openGroup();
-    ASSERT_TRUE(importer.canOpenScan(1));
-    EXPECT_TRUE(importer.hasNormals() && importer.hasClasses());
-    std::vector<IoLightPoint> batch;
-    importer.processBatch(batch,
-                          Discretization(t, std::array<double, 9>{1, 0, 0, 0, 1, 0, 0, 0, 1}.data(),
-                                         std::array<double, 3>{0, 0, 0}.data()),
-                          false);
+    bool normalsAndClasses = false;
+    const std::vector<IoLightPoint> batch = firstBatch(file, 1, t, normalsAndClasses);
+    EXPECT_TRUE(normalsAndClasses);
     ASSERT_EQ(batch.size(), 3u);
     EXPECT_EQ(batch[0].ny, 1.0f);
     EXPECT_EQ(batch[2].nz, 0.0f);
@@ -407,4 +423,285 @@ TEST(E57, CameraImagesAreKeptBesideThePanoramasAndPaintWhatTheLaserLeftEmpty)
             EXPECT_NEAR(cap[channel], expectedCap[s][channel], 3 * 255) << channel;
         ASSERT_EQ(c.files[s].images.size(), 1u);
     }
+}
+
+namespace
+{
+
+// Replaces every `from` in `text` by `to`.
+void replaceAll(std::string& text, const std::string& from, const std::string& to)
+{
+    for (size_t at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size()))
+        text.replace(at, from.size(), to);
+}
+
+pcp_sample::E57Scan scanWithNormals()
+{
+    pcp_sample::E57Scan scan;
+    scan.points.coordinates = {{{1.0, 2.0, 3.0}, {0.5, 0.25, 4.0}, {2.0, 2.0, 2.0}}};
+    scan.points.normals = {{{0.0, 1.0, 0.6}, {1.0, 0.0, 0.8}, {0.0, 0.0, 0.0}}};
+    scan.points.classification = {2, 6, 7};
+    return scan;
+}
+
+}  // namespace
+
+// What other writers put into real files: String fields in a record, the normals' namespace bound to a prefix
+// of their own, numbers in their own locale or compiler's spelling where nothing reads them, a later minor
+// version. Each file reads whole.
+TEST(E57, FilesOfOtherWritersReadWhole)
+{
+    pcp_test::TempFolder folder;
+    const auto check =
+        [&](const std::string& name, pcp_sample::E57Scan scan, const pcp_sample::E57WriteOptions& options)
+    {
+        SCOPED_TRACE(name);
+        const std::filesystem::path file = folder.path() / (name + ".e57");
+        pcp_sample::writeE57File(file, {scan}, {}, options);
+        const Conversion c = convert(folder, toWide(file));
+        ASSERT_EQ(c.scans.size(), 1u);
+        ASSERT_EQ(c.scans[0].size(), 3u);
+        EXPECT_TRUE(c.attributes.normals);
+        EXPECT_TRUE(c.attributes.classification);
+        for (size_t i = 0; i < 3; ++i)
+        {
+            EXPECT_EQ(cellOf(c.scans[0][i]),
+                      cacheCell(c.probe.transfo, scan.points.coordinates[0][i], scan.points.coordinates[1][i],
+                                scan.points.coordinates[2][i]));
+            EXPECT_EQ(c.scans[0][i].classification, scan.points.classification[i]);
+        }
+        bool normalsAndClasses = false;
+        const std::vector<IoLightPoint> batch = firstBatch(file, 0, c.probe.transfo, normalsAndClasses);
+        EXPECT_TRUE(normalsAndClasses);
+        ASSERT_EQ(batch.size(), 3u);
+        EXPECT_EQ(batch[0].ny, 1.0f);
+        EXPECT_EQ(batch[1].nx, 1.0f);
+        EXPECT_EQ(batch[2].ny, 0.8f);
+    };
+
+    pcp_sample::E57Scan labelled = scanWithNormals();
+    labelled.points.labels = {"first", std::string(300, 'c'), ""};
+    check("labels", labelled, {});
+
+    pcp_sample::E57WriteOptions foreignPrefix;
+    foreignPrefix.editXml = [](std::string& xml)
+    {
+        replaceAll(xml, "xmlns:nor=", "xmlns:sn=");
+        replaceAll(xml, "nor:normal", "sn:normal");
+        replaceAll(xml, "xmlns:class=", "xmlns:c=");
+        replaceAll(xml, "class:classification", "c:classification");
+    };
+    check("foreign prefix", scanWithNormals(), foreignPrefix);
+
+    pcp_sample::E57WriteOptions oddNumbers;
+    oddNumbers.editXml = [](std::string& xml)
+    {
+        replaceAll(xml, "<name type=\"String\">",
+                   "<temperature type=\"Float\">1.#INF</temperature>"
+                   "<relativeHumidity type=\"Float\">-nan(ind)</relativeHumidity>"
+                   "<atmosphericPressure type=\"Float\" minimum=\"1,5\">101325</atmosphericPressure>"
+                   "<name type=\"String\">");
+        replaceAll(xml, "<e57LibraryVersion",
+                   "<sensorCount type=\"Integer\">1,5</sensorCount><e57LibraryVersion");
+    };
+    pcp_sample::E57Scan named = scanWithNormals();
+    named.name = "Station 1";
+    check("odd numbers", named, oddNumbers);
+    std::ostringstream report;
+    e57Header(toWide(folder.path() / "odd numbers.e57"), report);
+    EXPECT_NE(
+        report.str().find("temperature : Float in range [-1.79769e+308 : 1.79769e+308] = 0 (not a number: "
+                          "value \"1.#INF\")\n"),
+        std::string::npos)
+        << report.str();
+
+    pcp_sample::E57WriteOptions minorVersion;
+    minorVersion.versionMinor = 1;
+    check("version 1.1", scanWithNormals(), minorVersion);
+}
+
+TEST(E57, NeededNumbersAndOtherMajorVersionsFailWithTheirPlace)
+{
+    pcp_test::TempFolder folder;
+    pcp_sample::E57Scan scan = scanWithNormals();
+    scan.pose = quarterTurnTo({10.0, 20.0, 1.5});
+    const std::filesystem::path file = folder.path() / "komma.e57";
+    pcp_sample::E57WriteOptions comma;
+    comma.editXml = [](std::string& xml)
+    { replaceAll(xml, "<x type=\"Float\">10<", "<x type=\"Float\">10,0<"); };
+    pcp_sample::writeE57File(file, {scan}, {}, comma);
+    const std::string text = errorText([&] { E57(toWide(file), 1.0, kE57Mode).probe(kStep, {}); });
+    EXPECT_EQ(text.find(e57Error(file,
+                                 "E57_ERROR_BAD_XML_FORMAT: \n/data3D/0/pose/translation/x: value "
+                                 "\"10,0\" is not a number")),
+              0u)
+        << text;
+
+    // A file whose binding of the usual prefix names another extension has no normals.
+    const std::filesystem::path other = folder.path() / "other extension.e57";
+    pcp_sample::E57WriteOptions otherUri;
+    otherUri.editXml = [](std::string& xml)
+    { replaceAll(xml, "E57_NOR_surface_normals", "E57_VENDOR_noise"); };
+    pcp_sample::writeE57File(other, {scanWithNormals()}, {}, otherUri);
+    E57 importer(toWide(other), 1.0, kE57Mode);
+    importer.openGroup();
+    ASSERT_TRUE(importer.canOpenScan(0));
+    EXPECT_FALSE(importer.hasNormals());
+    EXPECT_TRUE(importer.hasClasses());
+
+    const std::filesystem::path future = folder.path() / "version 2.e57";
+    pcp_sample::E57WriteOptions version2;
+    version2.versionMajor = 2;
+    pcp_sample::writeE57File(future, {scanWithNormals()}, {}, version2);
+    const std::string refused = errorText([&] { E57(toWide(future), 1.0, kE57Mode).probe(kStep, {}); });
+    EXPECT_EQ(refused.find(e57Error(
+                  future, "Could not open file " + future.string() + "\nE57_ERROR_UNKNOWN_FILE_VERSION: \n")),
+              0u)
+        << refused;
+    EXPECT_NE(refused.find("has format version 2.0; only files of version 1 (1.0, 1.1, ...) can be read"),
+              std::string::npos)
+        << refused;
+}
+
+namespace
+{
+
+// The CRC-32 of PNG chunks.
+uint32_t pngCrc(const uint8_t* bytes, size_t size)
+{
+    uint32_t crc = 0xFFFFFFFFu;
+    for (size_t i = 0; i < size; ++i)
+    {
+        crc ^= bytes[i];
+        for (int bit = 0; bit < 8; ++bit)
+            crc = (crc >> 1) ^ (0xEDB88320u & (0u - (crc & 1u)));
+    }
+    return ~crc;
+}
+
+void putBigEndian(std::vector<uint8_t>& bytes, size_t at, uint32_t value)
+{
+    for (int i = 0; i < 4; ++i)
+        bytes[at + i] = static_cast<uint8_t>(value >> (24 - 8 * i));
+}
+
+// A small PNG whose header, checksum and all, claims another size: a tiny file for a huge picture.
+std::vector<uint8_t> pngClaiming(uint32_t width, uint32_t height)
+{
+    std::vector<uint8_t> png = plainPicture(8, 8, cv::Scalar(0, 0, 255), ".png");
+    putBigEndian(png, 16, width);
+    putBigEndian(png, 20, height);
+    putBigEndian(png, 29, pngCrc(png.data() + 12, 17));
+    return png;
+}
+
+// A PNG whose image data is damaged; its chunk's checksum no longer matches.
+std::vector<uint8_t> corruptPng()
+{
+    std::vector<uint8_t> png = plainPicture(64, 64, cv::Scalar(0, 0, 255), ".png");
+    for (size_t i = 41; i + 12 < png.size(); ++i)
+        png[i] ^= 0x5A;
+    return png;
+}
+
+pcp_sample::E57Image sphericalImage(const std::string& scanGuid, std::vector<uint8_t> picture, int width,
+                                    int height)
+{
+    pcp_sample::E57Image image;
+    image.associatedData3DGuid = scanGuid;
+    image.projection = pcp_sample::E57ImageProjection::Spherical;
+    image.png = true;
+    image.width = width;
+    image.height = height;
+    image.pixelWidth = 2.0 * std::numbers::pi / width;
+    image.pixelHeight = std::numbers::pi / height;
+    image.picture = std::move(picture);
+    image.pose = pcp_sample::E57Pose{{1.0, 0.0, 0.0, 0.0}, {1.0, 1.0, 1.5}};
+    return image;
+}
+
+}  // namespace
+
+// Images that cannot be used are left out, each with a warning that names the file, the scan and the image;
+// the scan and its good images go on. Two pictures of the whole sphere, each more than a batch of pixels:
+// the later one paints over the earlier one.
+TEST(E57, CameraImagesThatCannotBeUsedAreLeftOutAndTheLaterImageWins)
+{
+    pcp_test::TempFolder folder;
+    std::vector<pcp_sample::E57Image> images = {
+        sphericalImage("scan-a", pngClaiming(40000, 40000), 40000, 40000),
+        sphericalImage("scan-a", pngClaiming(12000, 12000), 12000, 12000),
+        sphericalImage("scan-a", corruptPng(), 64, 64),
+        sphericalImage("scan-a", plainPicture(600, 300, cv::Scalar(255, 0, 0), ".png"), 600, 300),
+        sphericalImage("scan-a", plainPicture(600, 300, cv::Scalar(0, 255, 0), ".png"), 600, 300),
+        sphericalImage("scan-a", plainPicture(64, 64, cv::Scalar(0, 0, 255), ".png"), 64, 64),
+    };
+    for (size_t i = 0; i < images.size(); ++i)
+        images[i].name = "camera " + std::to_string(i);
+    pcp_sample::E57WriteOptions options;
+    options.editXml = [](std::string& xml)
+    {
+        // The last image's description holds a number in a writer's locale.
+        const size_t last = xml.rfind("<pixelWidth type=\"Float\">");
+        xml.replace(xml.find('<', last + 10), 0, ",5");
+    };
+    const std::filesystem::path file = folder.path() / "cameras.e57";
+    pcp_sample::writeE57File(file, {sphereScan("scan-a", {1.0, 1.0, 1.5})}, images, options);
+
+    const Conversion c = convert(folder, toWide(file), true);
+    ASSERT_EQ(c.files.size(), 1u);
+    EXPECT_EQ(c.scans[0].size(), 13400u);  // the points below the tripod's cap are invalid
+    std::vector<std::string> warnings;
+    for (const std::wstring& warning : c.warnings)
+        warnings.push_back(ws2s(warning));
+    ASSERT_EQ(warnings.size(), 4u) << ::testing::PrintToString(warnings);
+    // The description is read as the scan opens, the pictures are painted as it ends.
+    const std::string reasons[] = {
+        "/images2D/5/sphericalRepresentation/pixelWidth: value \"0.09817477042468103,5\" is not a number",
+        "image_0.png: its header declares 40000 x 40000 pixels, more than the limit of 100000000",
+        "image_1.png: its header declares 12000 x 12000 pixels, more than the limit of 100000000",
+        "image_2.png: cannot be decoded"};
+    const size_t imageOf[] = {5, 0, 1, 2};
+    for (size_t w = 0; w < 4; ++w)
+    {
+        const std::string& warning = warnings[w];
+        EXPECT_NE(
+            warning.find("Image " + std::to_string(imageOf[w]) + " \"camera " + std::to_string(imageOf[w]) +
+                         "\" of scan 0 in " + file.string() + " is left out: "),
+            std::string::npos)
+            << warning;
+        EXPECT_NE(warning.find(reasons[w]), std::string::npos) << warning;
+    }
+
+    // The cap that the laser left empty is green, the colour of the later picture.
+    const cv::Mat view = cv::imread(toPath(c.files[0].viewPng).string(), cv::IMREAD_UNCHANGED);
+    ASSERT_FALSE(view.empty());
+    const auto cap = view.at<cv::Vec4w>(view.rows - 3, view.cols / 3);
+    EXPECT_EQ(cap[0], 0);
+    EXPECT_EQ(cap[1], 65025);
+    EXPECT_EQ(cap[2], 0);
+}
+
+// The host bounds the pictures per input; the importer factory hands the bound to the E57 importer.
+TEST(E57, HostSetsTheLargestPictureOfAnInput)
+{
+    pcp_test::TempFolder folder;
+    const std::filesystem::path file = folder.path() / "one camera.e57";
+    pcp_sample::writeE57File(
+        file, {sphereScan("scan-a", {1.0, 1.0, 1.5})},
+        {sphericalImage("scan-a", plainPicture(64, 64, cv::Scalar(255, 0, 0), ".png"), 64, 64)});
+    InputFileData input(toWide(file), 1.0);
+    EXPECT_EQ(input.maxImagePixels, 100000000u);
+    input.maxImagePixels = 4095;
+    const std::shared_ptr<Convertor> importer = createImporter(input);
+    const ProbeResult probe = importer->probe(kStep, {});
+    const std::wstring cache = toWide(folder.path() / "cache");
+    std::filesystem::create_directories(toPath(Convertor::getPointFolder(cache)));
+    std::filesystem::create_directories(toPath(Convertor::getBubblesFolder(cache)));
+    importer->run(cache, probe.transfo, false, {}, {});
+    ASSERT_EQ(importer->getWarnings().size(), 1u);
+    EXPECT_NE(ws2s(importer->getWarnings()[0]).find("declares 64 x 64 pixels, more than the limit of 4095"),
+              std::string::npos)
+        << ws2s(importer->getWarnings()[0]);
+    ASSERT_EQ(importer->getScanFiles().size(), 1u);
 }

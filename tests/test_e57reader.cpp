@@ -3,7 +3,11 @@
 // test writer read back exactly, and broken files each refused with its own E57Exception.
 #include <gtest/gtest.h>
 
+#include <malloc.h>
+
+#include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -26,6 +30,40 @@
 #include "support/FuzzCorpus.h"
 #include "support/TempFolder.h"
 #include "support/TestData.h"
+
+// The heap that this thread's allocations hold while a test counts them: every operator new of the test
+// program goes through here, and blocks are measured as the heap hands them out.
+namespace
+{
+thread_local bool t_countHeap = false;
+thread_local int64_t t_heapInUse = 0;
+thread_local int64_t t_heapPeak = 0;
+}  // namespace
+
+void* operator new(size_t size)
+{
+    void* block = std::malloc(size == 0 ? 1 : size);
+    if (block == nullptr)
+        throw std::bad_alloc();
+    if (t_countHeap)
+    {
+        t_heapInUse += static_cast<int64_t>(malloc_usable_size(block));
+        t_heapPeak = std::max(t_heapPeak, t_heapInUse);
+    }
+    return block;
+}
+
+void operator delete(void* block) noexcept
+{
+    if (block != nullptr && t_countHeap)
+        t_heapInUse -= static_cast<int64_t>(malloc_usable_size(block));
+    std::free(block);
+}
+
+void operator delete(void* block, size_t) noexcept
+{
+    operator delete(block);
+}
 
 using e57::ErrorCode;
 using e57::Node;
@@ -310,7 +348,8 @@ TEST(E57Xml, ElementsBecomeTypedNodesWithTheirDefaults)
   </points>
   <picture type="Blob" fileOffset="1024" length="99"/>
 </e57Root>)";
-    const std::unique_ptr<Node> root = e57::parseXmlSection(xml, "test.e57");
+    const e57::XmlTree tree = e57::parseXmlSection(xml, "test.e57");
+    const std::unique_ptr<Node>& root = tree.root;
     EXPECT_EQ(root->name, "");
     EXPECT_EQ(root->pathName(), "/");
     EXPECT_EQ(root->at("name").stringValue, "café & co");
@@ -348,6 +387,11 @@ TEST(E57Xml, ElementsBecomeTypedNodesWithTheirDefaults)
     EXPECT_EQ(failure([&] { root->at("list/9"); }, &message), ErrorCode::PathUndefined);
     EXPECT_NE(message.find("list/9"), std::string::npos);
     EXPECT_EQ(failure([&] { root->at("name").numericValue(); }), ErrorCode::ExpectingNumeric);
+
+    // Prefixes are known by the URIs they are bound to.
+    ASSERT_EQ(tree.namespaces.size(), 1u);
+    EXPECT_EQ(tree.namespaces[0].prefix, "nor");
+    EXPECT_EQ(tree.namespaces[0].uri, "urn:nor");
 }
 
 TEST(E57Xml, WrongElementsAreRefusedWithTheirPlace)
@@ -364,13 +408,7 @@ TEST(E57Xml, WrongElementsAreRefusedWithTheirPlace)
     const std::pair<std::string, ErrorCode> cases[] = {
         {"<a/>", ErrorCode::BadXmlFormat},
         {"<a type=\"Number\"/>", ErrorCode::BadXmlFormat},
-        {"<a type=\"Integer\">12x</a>", ErrorCode::BadXmlFormat},
-        {"<a type=\"Integer\">99999999999999999999</a>", ErrorCode::BadXmlFormat},
-        {"<a type=\"Integer\" minimum=\"5\" maximum=\"1\"/>", ErrorCode::BadXmlFormat},
-        {"<a type=\"Integer\" minimum=\"0\" maximum=\"10\">11</a>", ErrorCode::BadXmlFormat},
         {"<a type=\"Float\" precision=\"half\"/>", ErrorCode::BadXmlFormat},
-        {"<a type=\"Float\">1e999</a>", ErrorCode::BadXmlFormat},
-        {"<a type=\"ScaledInteger\" scale=\"0\"/>", ErrorCode::BadXmlFormat},
         {"<a type=\"Blob\" length=\"5\"/>", ErrorCode::BadXmlFormat},
         {"<a type=\"Blob\" fileOffset=\"1021\" length=\"5\"/>", ErrorCode::BadXmlFormat},
         {"<a type=\"CompressedVector\" fileOffset=\"48\" recordCount=\"1\"/>", ErrorCode::BadXmlFormat},
@@ -404,6 +442,90 @@ TEST(E57Xml, WrongElementsAreRefusedWithTheirPlace)
         ErrorCode::BadXmlFormat);
 }
 
+// The tree's memory is counted as it grows and bounded: the count covers what the heap really holds, and a
+// section whose tree would pass the limit is refused before it does.
+TEST(E57Xml, TheTreeStaysWithinItsMemoryLimit)
+{
+    std::string xml = "<e57Root type=\"Structure\"><images2D type=\"Vector\">";
+    for (int i = 0; i < 20000; ++i)
+        xml +=
+            "<vectorChild type=\"Structure\"><guid type=\"String\">{8E1C5A50-" + std::to_string(i) +
+            "-4D4B-9B2F-5C8E2C1B7A31}</guid><associatedData3DGuid type=\"String\">scan</associatedData3DGuid>"
+            "<pixelWidth type=\"Float\">1.5e-5</pixelWidth><imageHeight type=\"Integer\">1024</imageHeight>"
+            "<temperature type=\"Float\">1.#INF</temperature></vectorChild>";
+    xml += "</images2D></e57Root>";
+
+    t_heapInUse = 0;
+    t_heapPeak = 0;
+    t_countHeap = true;
+    std::optional<e57::XmlTree> tree;
+    tree.emplace(e57::parseXmlSection(xml, "big.e57"));
+    const int64_t held = t_heapInUse;
+    const int64_t peak = t_heapPeak;
+    tree.reset();
+    t_countHeap = false;
+    ASSERT_GT(held, 0);
+    const size_t counted = e57::parseXmlSection(xml, "big.e57").treeBytes;
+    EXPECT_LE(held, static_cast<int64_t>(counted));
+    EXPECT_LE(peak, static_cast<int64_t>(counted) + (int64_t{1} << 20));
+
+    std::string message;
+    EXPECT_EQ(failure([&] { e57::parseXmlSection(xml, "big.e57", counted - 1); }, &message),
+              ErrorCode::BadXmlFormat);
+    EXPECT_NE(message.find("big.e57"), std::string::npos) << message;
+    EXPECT_NE(message.find("MiB of memory"), std::string::npos) << message;
+    EXPECT_NE(e57::parseXmlSection(xml, "big.e57", counted).root, nullptr);
+}
+
+// Writers in other locales and compilers put "1,5", "1.#INF" or "-nan(ind)" where a number belongs. Such an
+// element parses; it fails, with its path and its text, only when its numbers are read.
+TEST(E57Xml, MalformedNumbersFailOnlyWhenRead)
+{
+    const std::string xml = R"xml(<e57Root type="Structure">
+  <comma type="Float">1,5</comma>
+  <infinite type="Float">1.#INF</infinite>
+  <notANumber type="Float" minimum="-nan(ind)"/>
+  <integer type="Integer">12x</integer>
+  <huge type="Integer">99999999999999999999</huge>
+  <outside type="Integer" minimum="0" maximum="10">11</outside>
+  <reversed type="Integer" minimum="5" maximum="1"/>
+  <unscaled type="ScaledInteger" scale="0"/>
+  <overflow type="Float">1e999</overflow>
+  <picture type="Blob" fileOffset="1,024" length="5"/>
+  <points type="CompressedVector" fileOffset="48" recordCount="-nan(ind)">
+    <prototype type="Structure"><x type="Float"/></prototype>
+  </points>
+  <good type="Float">2.5</good>
+</e57Root>)xml";
+    const e57::XmlTree tree = e57::parseXmlSection(xml, "odd.e57");
+    const Node& root = *tree.root;
+    EXPECT_EQ(root.at("good").numericValue(), 2.5);
+    EXPECT_FALSE(root.at("good").malformedNumber);
+    for (const char* name : {"comma", "infinite", "notANumber", "integer", "huge", "outside", "reversed",
+                             "unscaled", "overflow", "picture", "points"})
+    {
+        const Node& node = root.at(name);
+        EXPECT_TRUE(node.malformedNumber) << name;
+        std::string message;
+        EXPECT_EQ(failure([&] { node.requireNumbers(); }, &message), ErrorCode::BadXmlFormat) << name;
+        EXPECT_EQ(message.find("/" + std::string(name) + ": "), 0u) << message;
+    }
+    std::string message;
+    EXPECT_EQ(failure([&] { root.at("comma").numericValue(); }, &message), ErrorCode::BadXmlFormat);
+    EXPECT_EQ(message, "/comma: value \"1,5\" is not a number");
+    EXPECT_EQ(failure([&] { root.at("notANumber").numericValue(); }, &message), ErrorCode::BadXmlFormat);
+    EXPECT_EQ(message, "/notANumber: attribute minimum=\"-nan(ind)\" is not a number");
+    // Nothing that needs them can use such nodes.
+    const e57::PagedFile pages("odd.e57", std::vector<uint8_t>(1024, 0));
+    std::vector<double> values(4);
+    EXPECT_EQ(failure(
+                  [&] {
+                      e57::CompressedVectorReader(pages, root.at("points"),
+                                                  {SourceDestBuffer::doubles("x", values, true)});
+                  }),
+              ErrorCode::BadXmlFormat);
+}
+
 TEST(E57Xml, AbsurdNestingIsRefusedBeforeItCosts)
 {
     std::string deep;
@@ -418,7 +540,7 @@ TEST(E57Xml, AbsurdNestingIsRefusedBeforeItCosts)
         nested += "<s type=\"Structure\">";
     for (size_t i = 1; i < e57::kMaxXmlDepth; ++i)
         nested += "</s>";
-    EXPECT_NE(e57::parseXmlSection(nested + "</r>", "ok.e57"), nullptr);  // the limit itself is fine
+    EXPECT_NE(e57::parseXmlSection(nested + "</r>", "ok.e57").root, nullptr);  // the limit itself is fine
 }
 
 // ---------------------------------------------------------------------------------------------------------
@@ -538,6 +660,40 @@ TEST(E57RoundTrip, EveryFieldComesBackExactOrToItsScale)
     }
 }
 
+// Writers keep identifiers and comments in String fields of a record; nobody asks for them, and their
+// bytestreams are passed over, like those of every other field without a buffer.
+TEST(E57RoundTrip, StringFieldsOfARecordArePassedOver)
+{
+    pcp_test::TempFolder folder;
+    E57Scan scan;
+    scan.points = syntheticPoints(3000);
+    for (size_t i = 0; i < 3000; ++i)
+        scan.points.labels.push_back(i % 3 == 0 ? std::string(200 + i % 50, 'x') : "p" + std::to_string(i));
+    pcp_sample::E57WriteOptions options;
+    options.packetBytes = 1000;
+    const std::filesystem::path path = folder.path() / "labels.e57";
+    pcp_sample::writeE57File(path, {scan}, {}, options);
+    const e57::ImageFile file(path);
+    const Node& points = file.root().at("data3D/0/points");
+    ASSERT_EQ(points.prototype->at("label").type, e57::NodeType::String);
+
+    const auto values = readAll(file, points, {"cartesianX", "colorBlue", "intensity"}, 700);
+    for (size_t i = 0; i < 3000; ++i)
+    {
+        ASSERT_EQ(values.at("cartesianX")[i], static_cast<float>(scan.points.coordinates[0][i])) << i;
+        ASSERT_EQ(values.at("colorBlue")[i], scan.points.color[2][i]) << i;
+    }
+    std::vector<double> text(10);
+    std::string message;
+    EXPECT_EQ(
+        failure(
+            [&]
+            { e57::CompressedVectorReader(file, points, {SourceDestBuffer::doubles("label", text, true)}); },
+            &message),
+        ErrorCode::BadBuffer);
+    EXPECT_NE(message.find("String field /data3D/0/points/prototype/label"), std::string::npos) << message;
+}
+
 TEST(E57RoundTrip, BuffersConvertScaleAndCheckTheirFields)
 {
     pcp_test::TempFolder folder;
@@ -629,7 +785,10 @@ TEST(E57BadInput, HeaderLengthAndXmlProblems)
     };
     EXPECT_EQ(withHeader(0, {'A', 'S', 'T', 'M', '-', 'E', '5', '8'}), ErrorCode::BadFileSignature);
     EXPECT_EQ(withHeader(8, {2, 0, 0, 0}), ErrorCode::UnknownFileVersion);
-    EXPECT_EQ(withHeader(12, {1, 0, 0, 0}), ErrorCode::UnknownFileVersion);
+    EXPECT_NE(message.find("has format version 2.0; only files of version 1"), std::string::npos) << message;
+    EXPECT_EQ(withHeader(8, {0, 0, 0, 0}), ErrorCode::UnknownFileVersion);
+    EXPECT_EQ(withHeader(12, {1, 0, 0, 0}), std::nullopt);  // 1.1: minor versions only add to the format
+    EXPECT_EQ(withHeader(12, {7, 0, 0, 0}), std::nullopt);
     EXPECT_EQ(withHeader(40, {0, 2, 0, 0}), ErrorCode::BadFileLength);                 // 512-byte pages
     EXPECT_EQ(withHeader(32, {0, 0, 0, 0, 1, 0, 0, 0}), ErrorCode::BadFileLength);     // XML past the end
     EXPECT_EQ(withHeader(24, {0xFE, 3, 0, 0, 0, 0, 0, 0}), ErrorCode::BadFileLength);  // XML in a checksum

@@ -17,6 +17,13 @@ namespace
 
 void writeTree(const e57::Node& node, size_t level, std::ostream& out);
 
+// A report shows every element, also one whose number the reader could not use; the numbers shown are then
+// the defaults that took its place.
+std::string malformed(const e57::Node& node)
+{
+    return node.malformedNumber ? " (not a number: " + node.stringValue + ")" : std::string();
+}
+
 void writeChildren(const e57::Node& node, size_t level, std::ostream& out)
 {
     for (const auto& child : node.children)
@@ -49,16 +56,17 @@ void writeTree(const e57::Node& node, size_t level, std::ostream& out)
             return;
         case e57::NodeType::Integer:
             out << "Integer in range [" << node.integerMinimum << ":" << node.integerMaximum
-                << "] = " << node.integerValue << "\n";
+                << "] = " << node.integerValue << malformed(node) << "\n";
             return;
         case e57::NodeType::ScaledInteger:
             out << "ScaledInteger in raw range [" << node.integerMinimum << " : " << node.integerMaximum
                 << "] = " << node.offset << " + " << node.scale << " * " << node.integerValue << " = "
-                << node.numericValue() << "\n";
+                << node.offset + node.scale * static_cast<double>(node.integerValue) << malformed(node)
+                << "\n";
             return;
         case e57::NodeType::Float:
             out << "Float in range [" << node.floatMinimum << " : " << node.floatMaximum
-                << "] = " << node.floatValue << "\n";
+                << "] = " << node.floatValue << malformed(node) << "\n";
             return;
         case e57::NodeType::String:
             out << "String = \"" << node.stringValue << "\"\n";
@@ -71,6 +79,13 @@ void writeTree(const e57::Node& node, size_t level, std::ostream& out)
 }
 
 }  // namespace
+
+void e57Header(const e57::ImageFile& file, const std::wstring& path, std::ostream& out)
+{
+    out << "Header Info For File = " << ws2s(path) << "\n";
+    out << "    File Size = " << file.fileSize() << "\n";
+    writeTree(file.root(), 1, out);
+}
 
 void e57Header(const std::wstring& path, std::ostream& out)
 {
@@ -86,9 +101,7 @@ void e57Header(const std::wstring& path, std::ostream& out)
     {
         throw std::runtime_error("Could not open file " + ws2s(path) + "\n" + describeE57Exception(e));
     }
-    out << "Header Info For File = " << ws2s(path) << "\n";
-    out << "    File Size = " << file->fileSize() << "\n";
-    writeTree(file->root(), 1, out);
+    e57Header(*file, path, out);
 }
 
 }  // namespace pc_preprocess

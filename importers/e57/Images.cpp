@@ -3,7 +3,10 @@
 #include <cmath>
 #include <filesystem>
 #include <fstream>
+#include <new>
 #include <numbers>
+#include <optional>
+#include <stdexcept>
 
 #include <opencv2/core.hpp>
 #include <opencv2/imgcodecs.hpp>
@@ -12,6 +15,7 @@
 #include "e57/E57Exception.h"
 #include "e57/ImageFile.h"
 #include "importers/E57.h"
+#include "importers/e57/PictureSize.h"
 #include "importers/e57/PoseAndLimits.h"
 #include "scanview/ScanView.h"
 
@@ -88,6 +92,44 @@ std::shared_ptr<ImageRepresentation> representationOf(const e57::Node& node, siz
     return result;
 }
 
+// Why a picture cannot be painted, in words for the warning.
+class ImageRefused : public std::runtime_error
+{
+public:
+    using std::runtime_error::runtime_error;
+};
+
+// The picture of a stored image file, decoded to three 8-bit channels once its header has shown a size
+// within `maxPixels`: a small file can declare a picture of gigabytes, and OpenCV's own limit lies far above
+// what a host can spare.
+cv::Mat decodePicture(const std::filesystem::path& path, uint64_t maxPixels)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::error_code error;
+    const uintmax_t size = std::filesystem::file_size(path, error);
+    if (!in || error)
+        throw ImageRefused("cannot be read back");
+    std::vector<uint8_t> bytes(static_cast<size_t>(size));
+    if (!in.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size())))
+        throw ImageRefused("cannot be read back");
+    const std::optional<PictureSize> declared = declaredPictureSize(bytes);
+    if (!declared)
+        throw ImageRefused("is no PNG or JPEG picture, or its header is cut short");
+    if (declared->width == 0 || declared->height == 0)
+        throw ImageRefused("its header declares no size");
+    if (declared->width > maxPixels / declared->height)
+        throw ImageRefused("its header declares " + std::to_string(declared->width) + " x " +
+                           std::to_string(declared->height) + " pixels, more than the limit of " +
+                           std::to_string(maxPixels));
+    const cv::Mat picture = cv::imdecode(bytes, cv::IMREAD_COLOR);
+    if (picture.empty() || picture.type() != CV_8UC3)
+        throw ImageRefused("cannot be decoded");
+    if (static_cast<uint64_t>(picture.cols) != declared->width ||
+        static_cast<uint64_t>(picture.rows) != declared->height)
+        throw ImageRefused("decodes to another size than its header declares");
+    return picture;
+}
+
 // The direction of a pixel in the image's own frame, for the kinds that have a geometry.
 std::array<double, 3> pixelDirection(const ImageRepresentation& representation, double row, double column)
 {
@@ -123,9 +165,6 @@ void E57::extract2DImages(const e57::Node& scan)
     const e57::Node* images = m_file->root().find("images2D");
     if (!images || !images->isVector() || images->children.empty())
         return;
-    const std::filesystem::path target = m_cacheFolder.empty()
-                                             ? std::filesystem::path()
-                                             : toPath(getBubblesFolder(m_cacheFolder)) / "2DImages";
     const e57::Node* scanGuid = scan.find("guid");
     std::vector<ImageRecord>& records = m_images[m_scanIndex];
     records.clear();
@@ -138,38 +177,67 @@ void E57::extract2DImages(const e57::Node& scan)
         const bool belongs = owner ? scanGuid && owner->stringValue == scanGuid->stringValue : m_nrScans < 2;
         if (!belongs)
             continue;
-
-        ImageRecord record;
-        if (const e57::Node* name = image.find("name"))
-            record.name = name->stringValue;
-        extractFileTransform(image, m_scale, record.rotation, record.translation);
-        const e57::Node* representation = nullptr;
-        size_t kind = 0;
-        for (; kind < std::size(kRepresentations) && !representation; ++kind)
-            representation = image.find(kRepresentations[kind]);
-        if (!representation)
-            continue;
-        record.representation = representationOf(*representation, kind - 1);
-
-        const bool jpeg = representation->has("jpegImage");
-        const e57::Node* blob = representation->find(jpeg ? "jpegImage" : "pngImage");
-        if (blob && !target.empty())
+        const e57::Node* name = image.find("name");
+        // One image that cannot be used costs only itself. A full disk, though, ends the run as it would for
+        // any other file.
+        try
         {
-            const std::filesystem::path folder = target / toPath(baseNameForScanId(m_path, m_scanIndex));
-            std::filesystem::create_directories(folder);
-            const std::filesystem::path file =
-                folder / ("image_" + std::to_string(index) + (jpeg ? ".jpg" : ".png"));
-            const std::vector<uint8_t> bytes = m_file->readBlob(*blob, m_fileSize);
-            std::ofstream out(file, std::ios::binary | std::ios::trunc);
-            out.write(reinterpret_cast<const char*>(bytes.data()),
-                      static_cast<std::streamsize>(bytes.size()));
-            out.close();
-            if (!out)
-                throw std::runtime_error("E57 : Could not (fully) write " + file.string() + "\nDisk full?");
-            record.file = toWide(file);
+            ImageRecord record = imageRecord(image, index);
+            if (record.representation)
+                records.push_back(std::move(record));
         }
-        records.push_back(std::move(record));
+        catch (const e57::E57Exception& e)
+        {
+            warnImageLeftOut(m_scanIndex, index, name ? name->stringValue : std::string(), e.context());
+        }
+        catch (const std::filesystem::filesystem_error& e)
+        {
+            warnImageLeftOut(m_scanIndex, index, name ? name->stringValue : std::string(), e.what());
+        }
+        catch (const std::bad_alloc&)
+        {
+            warnImageLeftOut(m_scanIndex, index, name ? name->stringValue : std::string(),
+                             "not enough memory for its picture");
+        }
     }
+}
+
+ImageRecord E57::imageRecord(const e57::Node& image, size_t index) const
+{
+    ImageRecord record;
+    if (const e57::Node* name = image.find("name"))
+        record.name = name->stringValue;
+    extractFileTransform(image, m_scale, record.rotation, record.translation);
+    const e57::Node* representation = nullptr;
+    size_t kind = 0;
+    for (; kind < std::size(kRepresentations) && !representation; ++kind)
+        representation = image.find(kRepresentations[kind]);
+    if (!representation)
+        return record;
+    record.representation = representationOf(*representation, kind - 1);
+
+    const bool jpeg = representation->has("jpegImage");
+    const e57::Node* blob = representation->find(jpeg ? "jpegImage" : "pngImage");
+    if (!blob || m_cacheFolder.empty())
+        return record;
+    const std::filesystem::path folder =
+        toPath(getBubblesFolder(m_cacheFolder)) / "2DImages" / toPath(baseNameForScanId(m_path, m_scanIndex));
+    std::filesystem::create_directories(folder);
+    const std::filesystem::path file = folder / ("image_" + std::to_string(index) + (jpeg ? ".jpg" : ".png"));
+    const std::vector<uint8_t> bytes = m_file->readBlob(*blob, m_fileSize);
+    std::ofstream out(file, std::ios::binary | std::ios::trunc);
+    out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    out.close();
+    if (!out)
+        throw std::runtime_error("E57 : Could not (fully) write " + file.string() + "\nDisk full?");
+    record.file = toWide(file);
+    return record;
+}
+
+void E57::warnImageLeftOut(size_t scan, size_t image, const std::string& name, const std::string& reason)
+{
+    m_warnings.push_back(s2ws("\t Image " + std::to_string(image) + " \"" + name + "\" of scan " +
+                              std::to_string(scan) + " in " + ws2s(m_path) + " is left out: " + reason));
 }
 
 void E57::updateScanView2DImages(std::shared_ptr<ScanView> view, const std::array<double, 3>& position,
@@ -182,9 +250,32 @@ void E57::updateScanView2DImages(std::shared_ptr<ScanView> view, const std::arra
     {
         if (image != kAllImages && index != image)
             continue;
-        const ImageRecord& record = found->second[index];
-        if (record.representation && record.representation->kind() != ImageRepresentation::kVisualReference)
+        ImageRecord& record = found->second[index];
+        if (!record.representation || record.representation->kind() == ImageRepresentation::kVisualReference)
+            continue;
+        // A picture that fails is warned about once and not tried again for the image's own panorama.
+        std::string failure;
+        try
+        {
             updateScanViewWithImage(*view, record, position, transfo);
+        }
+        catch (const ImageRefused& e)
+        {
+            failure = e.what();
+        }
+        catch (const cv::Exception& e)
+        {
+            failure = std::string("OpenCV: ") + e.what();
+        }
+        catch (const std::bad_alloc&)
+        {
+            failure = "not enough memory to decode its picture";
+        }
+        if (!failure.empty())
+        {
+            warnImageLeftOut(scan, index, record.name, ws2s(record.file) + ": " + failure);
+            record.file.clear();
+        }
     }
 }
 
@@ -193,13 +284,11 @@ void E57::updateScanViewWithImage(ScanView& view, const ImageRecord& image,
 {
     if (image.file.empty())
         return;
-    const cv::Mat picture = cv::imread(toPath(image.file).string(), cv::IMREAD_COLOR);
-    if (picture.empty())
-        return;
+    const cv::Mat picture = decodePicture(toPath(image.file), m_maxImagePixels);
     // The camera's pose first, then the cache's grid: one 3 x 4 map from pixel directions to cache integers.
     const Discretization toCache(transfo, image.rotation.data(), image.translation.data());
-    std::vector<IoLightPoint> points;
-    points.reserve(static_cast<size_t>(picture.rows) * static_cast<size_t>(picture.cols));
+    std::vector<IoLightPoint> slice;
+    slice.reserve(kBatchSize);
     for (int row = 0; row < picture.rows; ++row)
     {
         const cv::Vec3b* pixels = picture.ptr<cv::Vec3b>(row);
@@ -218,10 +307,15 @@ void E57::updateScanViewWithImage(ScanView& view, const ImageRecord& image,
             point.r = static_cast<uint16_t>(pixels[column][2] * 255);
             point.g = static_cast<uint16_t>(pixels[column][1] * 255);
             point.b = static_cast<uint16_t>(pixels[column][0] * 255);
-            points.push_back(point);
+            slice.push_back(point);
+            if (slice.size() == kBatchSize)
+            {
+                view.insert(slice, transfo, position, true);
+                slice.clear();
+            }
         }
     }
-    view.insert(points, transfo, position, true);
+    view.insert(slice, transfo, position, true);
 }
 
 }  // namespace pc_preprocess

@@ -24,6 +24,9 @@ double limitValue(const e57::Node& node)
 // The smallest and largest value a field's type allows.
 std::array<double, 2> declaredRange(const e57::Node& field)
 {
+    if (field.type == e57::NodeType::Integer || field.type == e57::NodeType::ScaledInteger ||
+        field.type == e57::NodeType::Float)
+        field.requireNumbers();
     switch (field.type)
     {
         case e57::NodeType::Integer:

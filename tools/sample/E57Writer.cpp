@@ -208,6 +208,7 @@ struct FieldLayout
     double declaredMaximum = 0.0;
     const std::vector<double>* (*doubles)(const E57Points&, size_t) = nullptr;
     const std::vector<int64_t>* (*integers)(const E57Points&, size_t) = nullptr;
+    const std::vector<std::string>* (*strings)(const E57Points&) = nullptr;
     size_t index = 0;  // which of an array of vectors
 
     unsigned bits() const
@@ -217,6 +218,7 @@ struct FieldLayout
             case E57Storage::Float:
                 return 32;
             case E57Storage::Double:
+            case E57Storage::String:
                 return 64;
             default:
                 return e57::bitWidth(minimum, maximum);
@@ -239,6 +241,8 @@ struct FieldLayout
             case E57Storage::Integer:
                 return "<" + name + " type=\"Integer\" minimum=\"" + std::to_string(minimum) +
                        "\" maximum=\"" + std::to_string(maximum) + "\"/>";
+            case E57Storage::String:
+                return "<" + name + " type=\"String\"/>";
         }
         return {};
     }
@@ -285,6 +289,13 @@ std::vector<FieldLayout> fieldsOf(const E57Scan& scan, const E57Points& points)
         field.index = index;
         add(field, !values(points, index)->empty());
     };
+    {
+        FieldLayout field;
+        field.name = "label";
+        field.storage = E57Storage::String;
+        field.strings = [](const E57Points& p) { return &p.labels; };
+        add(field, !points.labels.empty());
+    }
     integer(scan.spherical ? "sphericalInvalidState" : "cartesianInvalidState", 0, 2,
             [](const E57Points& p, size_t) { return &p.invalidState; });
     {
@@ -420,8 +431,28 @@ private:
             --*std::max_element(m_quota.begin(), m_quota.end());
     }
 
+    // A string is its length, doubled, in one byte when below 128, else in 8 bytes with the lowest bit set;
+    // then its bytes.
+    static void encodeStrings(const FieldLayout& field, const std::vector<std::string>& values, size_t count,
+                              BitStream& stream)
+    {
+        if (values.size() != count)
+            fail("field " + field.name + " has " + std::to_string(values.size()) + " values for " +
+                 std::to_string(count) + " points");
+        for (const std::string& value : values)
+        {
+            if (value.size() < 128)
+                stream.putBits(value.size() << 1, 8);
+            else
+                stream.putBits((uint64_t{value.size()} << 1) | 1, 64);
+            stream.putBytes(value.data(), value.size());
+        }
+    }
+
     static void encode(const FieldLayout& field, const E57Points& points, size_t count, BitStream& stream)
     {
+        if (field.strings)
+            return encodeStrings(field, *field.strings(points), count, stream);
         const std::vector<double>* doubles = field.doubles ? field.doubles(points, field.index) : nullptr;
         const std::vector<int64_t>* integers = field.integers ? field.integers(points, field.index) : nullptr;
         if ((doubles ? doubles->size() : integers->size()) != count)
@@ -449,6 +480,8 @@ private:
                 case E57Storage::Integer:
                     raw = integers ? (*integers)[i] : std::llround((*doubles)[i]);
                     break;
+                case E57Storage::String:
+                    fail("field " + field.name + " holds numbers");
             }
             if (raw < field.minimum || raw > field.maximum)
                 fail("value " + std::to_string(raw) + " of " + field.name + " outside [" +
@@ -713,11 +746,12 @@ void imageElement(XmlText& xml, const E57Image& image, uint64_t blobOffset, size
     xml.close("vectorChild");
 }
 
-std::vector<uint8_t> fileHeader(uint64_t physicalLength, uint64_t xmlOffset, uint64_t xmlLength)
+std::vector<uint8_t> fileHeader(const E57WriteOptions& options, uint64_t physicalLength, uint64_t xmlOffset,
+                                uint64_t xmlLength)
 {
     std::vector<uint8_t> header = {'A', 'S', 'T', 'M', '-', 'E', '5', '7'};
-    put<uint32_t>(header, 1);
-    put<uint32_t>(header, 0);
+    put<uint32_t>(header, options.versionMajor);
+    put<uint32_t>(header, options.versionMinor);
     put<uint64_t>(header, physicalLength);
     put<uint64_t>(header, xmlOffset);
     put<uint64_t>(header, xmlLength);
@@ -746,8 +780,8 @@ void writeE57File(const std::filesystem::path& path, const std::vector<E57Scan>&
              " xmlns:class=\"http://www.libe57.org/E57_EXT_classification.txt\"");
     xml.string("formatName", "ASTM E57 3D Imaging Data File");
     xml.string("guid", options.guid);
-    xml.integer("versionMajor", 1);
-    xml.integer("versionMinor", 0);
+    xml.integer("versionMajor", options.versionMajor);
+    xml.integer("versionMinor", options.versionMinor);
     xml.string("e57LibraryVersion", "pointcloud_preprocess test writer");
     xml.open("data3D", "Vector", " allowHeterogeneousChildren=\"1\"");
     for (size_t i = 0; i < scans.size(); ++i)
@@ -759,11 +793,14 @@ void writeE57File(const std::filesystem::path& path, const std::vector<E57Scan>&
     xml.close("images2D");
     xml.close("e57Root");
 
+    std::string text = xml.text();
+    if (options.editXml)
+        options.editXml(text);
     sink.align(8);
     const uint64_t xmlOffset = logicalToPhysical(sink.position());
-    sink.write(xml.text().data(), xml.text().size());
+    sink.write(text.data(), text.size());
     const uint64_t length = sink.finish();
-    const std::vector<uint8_t> header = fileHeader(length, xmlOffset, xml.text().size());
+    const std::vector<uint8_t> header = fileHeader(options, length, xmlOffset, text.size());
     sink.patch(0, header.data(), header.size());
     sink.finish();
 }

@@ -39,6 +39,7 @@ enum class E57Storage
     Double,         // IEEE double precision
     ScaledInteger,  // raw integers, value = raw * scale + offset
     Integer,        // integers with a minimum and maximum
+    String,         // text, each value its length and its bytes (the labels only)
 };
 
 // The values of a batch of points.
@@ -48,6 +49,8 @@ struct E57Points
     std::array<std::vector<double>, 3> coordinates;
     // cartesianInvalidState or sphericalInvalidState: 0 valid, 1 direction only, 2 invalid.
     std::vector<int64_t> invalidState;
+    // A String field "label" after the coordinates, as writers keep identifiers and comments in a record.
+    std::vector<std::string> labels;
     std::vector<double> intensity;
     std::vector<int64_t> intensityInvalid;       // isIntensityInvalid, 0 or 1
     std::array<std::vector<int64_t>, 3> color;   // colorRed, colorGreen, colorBlue
@@ -136,6 +139,12 @@ struct E57WriteOptions
     // Points asked for per call of a scan's `produce`.
     size_t chunkPoints = 65536;
     std::string guid = "pcp-test-file";
+    // The format version in the file header and the root element.
+    uint32_t versionMajor = 1;
+    uint32_t versionMinor = 0;
+    // Changes the XML section's text before it is written, for files that other writers make differently
+    // (another prefix for an extension, numbers in a writer's own locale).
+    std::function<void(std::string& xml)> editXml;
 };
 
 // Writes the scans (under "data3D") and images (under "images2D") to `path`.
