@@ -1,0 +1,66 @@
+#include "hspc/tree/SerializeTree.h"
+
+#include "hspc/format/AttributeRecord.h"
+#include "hspc/tree/HspcInfo.h"
+#include "hspc/tree/TreeComment.h"
+
+namespace HSPC
+{
+namespace
+{
+
+void report(const LogFunction& log, const std::string& message)
+{
+    if (log)
+    {
+        log(message);
+    }
+}
+
+bool writeTree(const BlobWriteFn& write, const Tree& tree, TreeForm form, const std::string& name)
+{
+    std::vector<uint8_t> bytes;
+    std::string error;
+    return writeTreeFile(tree, form, bytes, error) && write(name, bytes);
+}
+
+}  // namespace
+
+std::string treeBlobName(const std::string& treeName)
+{
+    return "/" + treeName + ".hspc";
+}
+
+bool serializeTree(const BlobWriteFn& write, Tree& tree, const std::string& clientJson,
+                   const AttributeStatistics& statistics, const std::string& treeName,
+                   const TreeOutputLoggers& loggers)
+{
+    const std::vector<Attribute>& attributes = tree.attributes.attributes;
+    tree.header.comment = commentWithStatistics(clientJson, attributes, statistics, loggers.warning, loggers.error);
+    tree.header.formatVersion = kTreeFormatVersion;
+    tree.header.attributeId = computeAttributeId(attributes, recordSize(attributes));
+    tree.attributes.formatVersion = kTreeFormatVersion;
+    tree.attributes.attributeId = tree.header.attributeId;
+    tree.attributes.recordSize = recordSize(attributes);
+
+    if (!writeTree(write, tree, TreeForm::kReduced, treeBlobName(treeName)))
+    {
+        report(loggers.error, "serializeTree: Failed to serialize tree.");
+        return false;
+    }
+    if (!writeTree(write, tree, TreeForm::kFull, kQueryTreeName))
+    {
+        report(loggers.error, "serializeTree: Failed to serialize querytree.");
+        return false;
+    }
+    std::string json;
+    std::string error;
+    if (!makeHspcInfo(tree, json, error) || !write(kInfoName, std::vector<uint8_t>(json.begin(), json.end())))
+    {
+        report(loggers.error, "serializeTree: Failed to serialize json info.");
+        return false;
+    }
+    return true;
+}
+
+}  // namespace HSPC
