@@ -636,3 +636,376 @@ TEST(HspcTreeVersions, AttributeListsOlderThanVersion4StartWithTheMortonPosition
     EXPECT_EQ(tree.attributes.attributes[1].type, AttributeType::U8);
     EXPECT_TRUE(tree.nodes.empty());
 }
+
+TEST(HspcTreeLoading, LinksBoxesAndCentreComeFromTheMasks)
+{
+    Tree tree = sampleTree();
+    // A fourth lod under node 3, deeper than the centre looks, with many points.
+    tree.header.minLod = 2;
+    tree.lodNodeCounts = {1, 2, 1, 1};
+    tree.nodes[3].childMask = 0x80;
+    tree.nodes.push_back({9, 60000, {0, 0, 0}, {3, 3, 3}, 0});
+    // Parents smaller than their children; inner links that the masks overrule.
+    tree.nodes[0].min = {10, 10, 10};
+    tree.nodes[0].max = {12, 12, 12};
+    tree.nodes[0].pointCount = 500;
+    tree.nodes[1].pointCount = 0;
+    tree.nodes[2].min = {5, 5, 5};
+    tree.nodes[2].max = {6, 6, 6};
+    tree.nodes[3].pointCount = 0;
+    tree.nodes[2].link = 99;
+    Bytes bytes;
+    std::string error;
+    ASSERT_TRUE(writeTreeFile(tree, TreeForm::kFull, bytes, error)) << error;
+    const Tree loaded = load(bytes);
+    EXPECT_EQ(loaded.nodes[0].link, 1u);
+    EXPECT_EQ(loaded.nodes[2].link, 3u);
+    EXPECT_EQ(loaded.nodes[3].link, 4u);
+    EXPECT_EQ(loaded.nodes[1].link, 7u);  // a leaf keeps its stored value
+    // Node 3 (child 7 of its parent, edge 4 at lod 2) widens node 3 to (4, 4, 4)..(7, 7, 7) and node 2
+    // to (0, 2, 4)..(6, 7, 7) around its child 0; the root takes child 1 (x + 16) and child 6 (y, z + 16).
+    EXPECT_EQ(loaded.nodes[3].min, (std::array<uint64_t, 3>{0, 2, 4}));
+    EXPECT_EQ(loaded.nodes[3].max, (std::array<uint64_t, 3>{7, 7, 7}));
+    EXPECT_EQ(loaded.nodes[2].min, (std::array<uint64_t, 3>{0, 2, 4}));
+    EXPECT_EQ(loaded.nodes[2].max, (std::array<uint64_t, 3>{7, 7, 7}));
+    EXPECT_EQ(loaded.nodes[0].min, (std::array<uint64_t, 3>{0, 3, 4}));
+    EXPECT_EQ(loaded.nodes[0].max, (std::array<uint64_t, 3>{25, 23, 23}));
+    // Only the root has points near the top: the centre is its box's, from the corner cells
+    // (0, 32, -32) of the root offset, in real units.
+    EXPECT_NEAR(loaded.center[0], 100.0 + 12.5 * 0.001, 1e-9);
+    EXPECT_NEAR(loaded.center[1], 200.0 + (32 + 13.0) * 0.002, 1e-9);
+    EXPECT_NEAR(loaded.center[2], 300.0 + (-32 + 13.5) * 0.004, 1e-9);
+    const std::vector<std::array<uint64_t, 3>> corners = nodeCorners(loaded);
+    EXPECT_EQ(corners[4][0] - corners[0][0], 0u + 4);
+    EXPECT_EQ(corners[4][1] - corners[0][1], 16u + 4);
+    EXPECT_EQ(nodeBlobName(2, corners[4][0], corners[4][1], corners[4][2]),
+              "/2/1/L2X80000004Y80000034Z7ffffff4.apr");
+
+    // No nodes: no centre and a box that any point widens.
+    Tree empty = sampleTree();
+    empty.lodNodeCounts = {0, 0, 0};
+    empty.nodes.clear();
+    bytes.clear();
+    ASSERT_TRUE(writeTreeFile(empty, TreeForm::kReduced, bytes, error)) << error;
+    const Tree none = load(bytes);
+    EXPECT_EQ(none.center, (std::array<double, 3>{-666.6, -666.6, -666.6}));
+    EXPECT_GT(none.header.boxMin[0], none.header.boxMax[0]);
+    EXPECT_EQ(none.header.boxMin[2], std::numeric_limits<double>::max());
+}
+
+TEST(HspcTreeNames, NodeBlobsLieInAFolderPerLodAndColumn)
+{
+    // Column (x >> lod) & 255: 0x1234 >> 3 = 0x246, of which 0x46 = 70.
+    EXPECT_EQ(nodeBlobName(3, 0x1234, 0xab, 0xcd), "/3/70/L3X1234YabZcd.apr");
+    // The whole space of 64-bit positions is one column.
+    EXPECT_EQ(nodeBlobName(64, ~uint64_t(0), 0, 1), "/64/0/L64XffffffffffffffffY0Z1.apr");
+}
+
+TEST(HspcTreeBadInput, BrokenFilesAreRefusedWithTheReason)
+{
+    const Tree tree = sampleTree();
+    Bytes good;
+    std::string error;
+    ASSERT_TRUE(writeTreeFile(tree, TreeForm::kFull, good, error)) << error;
+    uint64_t aprtSize = 0;
+    std::memcpy(&aprtSize, good.data() + 4, 8);
+    uint64_t spcaSize = 0;
+    std::memcpy(&spcaSize, good.data() + aprtSize + 4, 8);
+    const size_t bodyAt = size_t(aprtSize + spcaSize);
+    ASSERT_LT(bodyAt, good.size());
+
+    // Every truncation fails cleanly.
+    for (size_t length = 0; length < good.size(); ++length)
+    {
+        Tree partial;
+        EXPECT_FALSE(loadTree(Bytes(good.begin(), good.begin() + ptrdiff_t(length)), partial, nullptr)) << length;
+    }
+    auto withU64 = [&](size_t at, uint64_t value)
+    {
+        Bytes bad = good;
+        std::memcpy(bad.data() + at, &value, 8);
+        return bad;
+    };
+    refused(withU64(4, aprtSize + 1), "\"APRT\" chunk says it is");
+    refused(withU64(4, aprtSize - 1), "\"APRT\" chunk says it is");
+    refused(withU64(aprtSize + 4, spcaSize + 2), "\"SPCA\" chunk says it is");
+    refused(withU64(bodyAt + 24, uint64_t(1) << 62), "runs past the end of the file");
+    refused(withU64(bodyAt + 16, uint64_t(1) << 40), "inflates to");
+    refused(withU64(bodyAt + 16, 10), "more than the 10 bytes declared");
+    Bytes trailing = good;
+    trailing.push_back(0);
+    refused(trailing, "1 bytes follow the tree body");
+    Bytes tag = good;
+    tag[bodyAt + 3] = 'X';
+    refused(tag, "expected an \"APRR\" or \"APRF\" chunk");
+
+    // Counts that lie, in a plain version 9 body where they can be set at will.
+    const HeaderFields f;
+    Bytes body = versionBody("APRF", 9);
+    std::memcpy(body.data(), "\xff\xff\xff\xff\xff\xff\xff\x7f", 8);
+    refused(concat({handHeader(9, f), handAttributes(9, kAttributes), handBodyChunk("APRF", 9, body)}),
+            "counts more nodes");
+    body = versionBody("APRF", 9);
+    body[16] = 0x03;  // the root names two children, the lod below has one node
+    HeaderFields deep = f;
+    deep.minLod = 19;
+    deep.maxLod = 20;
+    refused(concat({handHeader(9, deep), handAttributes(9, kAttributes), handBodyChunk("APRF", 9, body)}),
+            "name 2 children, but the lod below has 1");
+    deep.maxLod = 40;  // beyond the 32 lods of M96 positions
+    refused(concat({handHeader(12, deep), handAttributes(12, kAttributes), handBodyChunk("APRF", 12, body)}),
+            "deeper than the positions' 32 lods");
+    body.insert(body.end(), {1, 2, 3});
+    deep.maxLod = 20;
+    refused(concat({handHeader(9, deep), handAttributes(9, kAttributes), handBodyChunk("APRF", 9, body)}),
+            "3 bytes more than its nodes");
+    // A comment frame that is not zstd.
+    Bytes comment = handHeader(22, f);
+    const size_t commentAt = 134 + 2 + f.name.size() + 2 + f.basePath.size();
+    ASSERT_EQ(std::string(comment.begin() + ptrdiff_t(commentAt), comment.begin() + ptrdiff_t(commentAt) + 4), "CJSO");
+    comment[commentAt + 21] ^= 0xFF;
+    refused(concat({comment, handAttributes(22, kAttributes), handBodyChunk("APRF", 22, Bytes(24, 0))}),
+            "tree comment: ");
+}
+
+TEST(HspcTreeBadInput, ReplaysTheFuzzCorpus)
+{
+    const size_t replayed = pcp_test::replayFuzzCorpus(
+        "hspc_tree",
+        [](const std::string& bytes, const std::filesystem::path& file)
+        {
+            Tree tree;
+            const bool loaded =
+                loadTree(std::span(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()), tree, nullptr);
+            if (loaded)
+            {
+                EXPECT_EQ(nodeCorners(tree).size(), tree.nodes.size()) << file;
+            }
+        });
+    EXPECT_GT(replayed, 0u);
+}
+
+namespace
+{
+
+// A blob store in memory that records the order of writes and can fail the n-th one.
+struct MemoryBlobs
+{
+    std::map<std::string, Bytes> blobs;
+    std::vector<std::string> order;
+    int failAt = -1;
+
+    BlobWriteFn writer()
+    {
+        return [this](const std::string& name, const Bytes& bytes)
+        {
+            if (int(order.size()) == failAt)
+                return false;
+            order.push_back(name);
+            blobs[name] = bytes;
+            return true;
+        };
+    }
+};
+
+}  // namespace
+
+TEST(HspcSerializeTree, WritesBothTreesAndTheInfoInOrder)
+{
+    Tree tree = sampleTree();
+    MemoryBlobs store;
+    Capture warnings;
+    Capture errors;
+    AttributeStatistics none;
+    ASSERT_TRUE(serializeTree(store.writer(), tree, R"({"project": "bridge", "max-lod": 9})", none, "tree",
+                              {warnings.log(), errors.log()}));
+    EXPECT_EQ(store.order, (std::vector<std::string>{"/tree.hspc", "/queryTree.hspc", "/hspcInfo.json"}));
+    EXPECT_TRUE(errors.has("serializeTree: could not add field with key=max-lod. This key is reserved."));
+
+    const Tree reduced = load(store.blobs["/tree.hspc"]);
+    const Tree full = load(store.blobs["/queryTree.hspc"]);
+    EXPECT_EQ(reduced.header.comment, full.header.comment);
+    EXPECT_EQ(full.nodes[3].pointCount, 1020u);
+
+    const Bytes& infoBytes = store.blobs["/hspcInfo.json"];
+    const Json::Value root = parse(std::string(infoBytes.begin(), infoBytes.end()));
+    ASSERT_EQ(root.getMemberNames(), std::vector<std::string>{"tree-header-info"});
+    const Json::Value& info = root["tree-header-info"];
+    EXPECT_EQ(info["project"].asString(), "bridge");
+    EXPECT_EQ(info["format-version"].asUInt(), 22u);
+    EXPECT_EQ(info["max-lod"].asUInt(), 5u);
+    EXPECT_EQ(info["min-lod"].asUInt(), 3u);
+    ASSERT_EQ(info["lod-number-of-nodes"].size(), 3u);
+    EXPECT_EQ(info["lod-number-of-nodes"][1].asUInt64(), 2u);
+    EXPECT_EQ(info["node-size"].asUInt(), 1000u);
+    EXPECT_EQ(info["max-node-size"].asUInt(), 1200u);
+    EXPECT_EQ(info["root-offset"][2].asInt64(), 0x7FFFFFE0);
+    EXPECT_EQ(info["origin"][1].asDouble(), 200.0);
+    EXPECT_EQ(info["scale"][2].asDouble(), 0.004);
+    EXPECT_EQ(info["bounding-box"]["min"][0].asDouble(), -1.5);
+    EXPECT_EQ(info["bounding-box"]["max"][2].asDouble(), 30.25);
+    EXPECT_EQ(info["attribute-id"].asUInt(), computeAttributeId(kAttributes, 14));
+    EXPECT_EQ(info["time-stamp"].asUInt64(), 1700000123u);
+    EXPECT_EQ(info["point-count"].asUInt64(), 0x100000005u);
+    EXPECT_EQ(info["point-count-low-bits"].asUInt(), 5u);
+    EXPECT_EQ(info["point-count-high-bits"].asUInt(), 1u);
+    EXPECT_EQ(info["filtered-point-count"].asUInt64(), 17u);
+    EXPECT_EQ(info["revision"].asUInt(), 4u);
+    ASSERT_EQ(info["attributes"].size(), 2u);
+    EXPECT_EQ(info["attributes"][0]["role"].asString(), "POSITION");
+    EXPECT_EQ(info["attributes"][0]["type"].asString(), "M96");
+    EXPECT_EQ(info["attributes"][1]["role"].asString(), "INTENSITY");
+    EXPECT_EQ(info["attributes"][1]["type"].asString(), "U16");
+    EXPECT_EQ(info["attributes"][1]["name"].asString(), "I");
+
+    // A failing store stops at the blob it could not take, with that blob's message.
+    const char* messages[] = {"serializeTree: Failed to serialize tree.", "serializeTree: Failed to serialize querytree.",
+                              "serializeTree: Failed to serialize json info."};
+    for (int failAt = 0; failAt < 3; ++failAt)
+    {
+        MemoryBlobs failing;
+        failing.failAt = failAt;
+        Capture failed;
+        Tree copy = sampleTree();
+        EXPECT_FALSE(serializeTree(failing.writer(), copy, "", none, "tree", {nullptr, failed.log()}));
+        EXPECT_EQ(failed.lines, std::vector<std::string>{messages[failAt]});
+        EXPECT_EQ(failing.order.size(), size_t(failAt));
+    }
+    // Client text that is not JSON: both trees carry it, the info file can't be made.
+    MemoryBlobs text;
+    Capture textWarnings;
+    Capture textErrors;
+    Tree copy = sampleTree();
+    EXPECT_FALSE(serializeTree(text.writer(), copy, "not json", none, "other", {textWarnings.log(), textErrors.log()}));
+    EXPECT_EQ(text.order, (std::vector<std::string>{"/other.hspc", "/queryTree.hspc"}));
+    EXPECT_TRUE(textWarnings.has("serializeTree: could not parse json config. No statistics information added."));
+    EXPECT_EQ(textErrors.lines, std::vector<std::string>{messages[2]});
+}
+
+TEST(HspcSerializeTree, StatisticsGoIntoTheAttributeDescription)
+{
+    const std::vector<Attribute> attributes{kAttributes[0],
+                                            kAttributes[1],
+                                            {AttributeType::I16, AttributeRole::CUSTOM, "temperature"},
+                                            {AttributeType::U8, AttributeRole::CLASSIFICATION, "C"}};
+    AttributeStatistics statistics;
+    std::vector<HistogramSpec> requests(2);
+    requests[0] = {AttributeRole::INTENSITY, AttributeType::U16, "I", 0.0, 100.0, 4, true, true};
+    requests[1] = {AttributeRole::CUSTOM, AttributeType::I16, "temperature", 0.0, 0.0, 0, false, true};
+    ASSERT_TRUE(statistics.initialize(attributes, requests, nullptr));
+    Bytes records;
+    for (uint16_t i = 0; i < 4; ++i)
+    {
+        records.resize(records.size() + 12, 0);
+        put<uint16_t>(records, uint16_t(10 + 30 * i));  // 10, 40, 70, 100
+        put<int16_t>(records, int16_t(-20 + 15 * i));   // -20 .. 25
+        put<uint8_t>(records, 2);
+    }
+    statistics.addRange(records.data(), 4);
+    ASSERT_TRUE(statistics.beginHistograms(nullptr));
+    statistics.addToHistograms(records.data(), 4);
+
+    Tree tree = sampleTree();
+    tree.attributes.attributes = attributes;
+    const std::string client = R"({"attribute-description": [
+        {"attribute": {"role": "I", "name": "ignored", "type": "U8"}, "scale": 0.5},
+        {"attribute": {"role": "CUSTOM", "name": "pressure"}},
+        {"scale": 2.0},
+        {"attribute": {"role": "WIND"}},
+        {"attribute": {"role": 7}},
+        {"attribute": {"role": "CUSTOM"}},
+        {"attribute": {"role": "NIR"}}]})";
+    MemoryBlobs store;
+    Capture errors;
+    ASSERT_TRUE(serializeTree(store.writer(), tree, client, statistics, "tree", {nullptr, errors.log()}));
+    const char* member = " in attribute-description array";
+    EXPECT_EQ(errors.lines,
+              (std::vector<std::string>{
+                  std::string("serializeTree: attribute role=CUSTOM and name= pressure for member nr 1") + member +
+                      " not found in encoding attributes.",
+                  std::string("serializeTree: no attribute field present for member nr 2") + member + ".",
+                  std::string("serializeTree: attribute role=WIND for member nr 3") + member + " is not a valid role.",
+                  std::string("serializeTree: attribute role for member nr 4") + member + " is not of string type.",
+                  std::string("serializeTree: attribute role=CUSTOM for member nr 5") + member +
+                      " has no member name of type string.",
+                  std::string("serializeTree: attribute role=NIR for member nr 6") + member +
+                      " not found in encoding attributes."}));
+
+    const Json::Value comment = parse(load(store.blobs["/queryTree.hspc"]).header.comment);
+    const Json::Value& described = comment["attribute-description"];
+    ASSERT_EQ(described.size(), 3u);
+    // The client's entry, with the attribute as stored and its statistics; what the client added stays.
+    EXPECT_EQ(described[0]["attribute"]["role"].asString(), "INTENSITY");
+    EXPECT_EQ(described[0]["attribute"]["type"].asString(), "U16");
+    EXPECT_EQ(described[0]["attribute"]["name"].asString(), "I");
+    EXPECT_EQ(described[0]["scale"].asDouble(), 0.5);
+    EXPECT_EQ(described[0]["min"].asUInt(), 10u);
+    EXPECT_EQ(described[0]["max"].asUInt(), 100u);
+    EXPECT_EQ(described[0]["histogram"]["min"].asDouble(), 0.0);
+    EXPECT_EQ(described[0]["histogram"]["max"].asDouble(), 100.0);
+    ASSERT_EQ(described[0]["histogram"]["distribution"].size(), 4u);
+    uint64_t counted = 0;
+    for (const Json::Value& count : described[0]["histogram"]["distribution"])
+        counted += count.asUInt64();
+    EXPECT_EQ(counted, 4u);
+    // The attributes nobody named follow in their own order.
+    EXPECT_EQ(described[1]["attribute"]["name"].asString(), "temperature");
+    EXPECT_EQ(described[1]["min"].asInt(), -20);
+    EXPECT_EQ(described[1]["max"].asInt(), 25);
+    EXPECT_FALSE(described[1].isMember("histogram"));
+    EXPECT_EQ(described[2]["attribute"]["role"].asString(), "CLASSIFICATION");
+}
+
+TEST(HspcVoxelChunks, ListAndBlockFramesKeepTheirBytes)
+{
+    VoxelTreeList list;
+    list.origin = {1, 2, 3};
+    list.scale = {0.5, 0.5, 0.25};
+    list.box = {0, 0, 0, 9, 9, 9};
+    list.value = 77;
+    list.attributes = kAttributes;
+    list.flags = {1, 0};
+    list.entries = {{1, 2, 3, {1, 1, 1, 2, 2, 2}}, {4, 5, 6, {3, 3, 3, 4, 4, 4}}};
+    Bytes bytes;
+    appendVoxelTreeList(list, bytes);
+    uint64_t content = 0;
+    std::memcpy(&content, bytes.data() + 4, 8);
+    EXPECT_EQ(std::string(bytes.begin(), bytes.begin() + 4), "HSVL");
+    EXPECT_EQ(content, bytes.size() - 12);
+    uint32_t version = 0;
+    std::memcpy(&version, bytes.data() + 12, 4);
+    EXPECT_EQ(version, 23u);
+    uint64_t inner = 0;
+    std::memcpy(&inner, bytes.data() + 120, 8);
+    EXPECT_EQ(inner, bytes.size() - 128);
+    // Entries stand in reverse order: the last one first, right behind the count.
+    const size_t entriesAt = bytes.size() - 2 * 64;
+    uint32_t first = 0;
+    std::memcpy(&first, bytes.data() + entriesAt, 4);
+    EXPECT_EQ(first, 4u);
+    VoxelTreeList read;
+    std::string error;
+    ASSERT_TRUE(readVoxelTreeList(bytes, read, error)) << error;
+    EXPECT_EQ(read.entries.size(), 2u);
+    EXPECT_EQ(read.entries[0].second, 2u);
+    EXPECT_EQ(read.entries[1].box[5], 4.0);
+    EXPECT_EQ(read.attributes, kAttributes);
+    EXPECT_EQ(read.value, 77u);
+    EXPECT_EQ(read.flags[0], 1u);
+    Bytes lying = bytes;
+    lying[entriesAt - 4] = 0xFF;  // an entry count of 255
+    EXPECT_FALSE(readVoxelTreeList(lying, read, error));
+    EXPECT_NE(error.find("entry count"), std::string::npos);
+    bytes.pop_back();
+    EXPECT_FALSE(readVoxelTreeList(bytes, read, error));
+
+    const Bytes columns{9, 8, 7};
+    Bytes block;
+    appendVoxelBlock(columns, block);
+    EXPECT_EQ(block, concat({{'H', 'S', 'V', 'B', 15, 0, 0, 0, 0, 0, 0, 0}, columns}));
+    std::span<const uint8_t> inside;
+    ASSERT_TRUE(readVoxelBlock(block, inside, error)) << error;
+    EXPECT_EQ(Bytes(inside.begin(), inside.end()), columns);
+    block.push_back(0);
+    EXPECT_FALSE(readVoxelBlock(block, inside, error));
+}
