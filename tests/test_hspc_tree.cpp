@@ -789,23 +789,23 @@ namespace
 {
 
 // A blob store in memory that records the order of writes and can fail the n-th one.
-struct MemoryBlobs
+class MemoryBlobs : public RootWriter
 {
+public:
     std::map<std::string, Bytes> blobs;
     std::vector<std::string> order;
     int failAt = -1;
 
-    BlobWriteFn writer()
+    bool write(const std::string& name, std::span<const uint8_t> bytes) override
     {
-        return [this](const std::string& name, const Bytes& bytes)
-        {
-            if (int(order.size()) == failAt)
-                return false;
-            order.push_back(name);
-            blobs[name] = bytes;
-            return true;
-        };
+        if (int(order.size()) == failAt)
+            return false;
+        order.push_back(name);
+        blobs[name].assign(bytes.begin(), bytes.end());
+        return true;
     }
+    std::string location() const override { return "memory"; }
+    bool remove(const std::string& name) override { return blobs.erase(name) == 1; }
 };
 
 }  // namespace
@@ -817,7 +817,7 @@ TEST(HspcSerializeTree, WritesBothTreesAndTheInfoInOrder)
     Capture warnings;
     Capture errors;
     AttributeStatistics none;
-    ASSERT_TRUE(serializeTree(store.writer(), tree, R"({"project": "bridge", "max-lod": 9})", none, "tree",
+    ASSERT_TRUE(serializeTree(store, tree, R"({"project": "bridge", "max-lod": 9})", none, "tree",
                               {warnings.log(), errors.log()}));
     EXPECT_EQ(store.order, (std::vector<std::string>{"/tree.hspc", "/queryTree.hspc", "/hspcInfo.json"}));
     EXPECT_TRUE(errors.has("serializeTree: could not add field with key=max-lod. This key is reserved."));
@@ -867,7 +867,7 @@ TEST(HspcSerializeTree, WritesBothTreesAndTheInfoInOrder)
         failing.failAt = failAt;
         Capture failed;
         Tree copy = sampleTree();
-        EXPECT_FALSE(serializeTree(failing.writer(), copy, "", none, "tree", {nullptr, failed.log()}));
+        EXPECT_FALSE(serializeTree(failing, copy, "", none, "tree", {nullptr, failed.log()}));
         EXPECT_EQ(failed.lines, std::vector<std::string>{messages[failAt]});
         EXPECT_EQ(failing.order.size(), size_t(failAt));
     }
@@ -876,7 +876,7 @@ TEST(HspcSerializeTree, WritesBothTreesAndTheInfoInOrder)
     Capture textWarnings;
     Capture textErrors;
     Tree copy = sampleTree();
-    EXPECT_FALSE(serializeTree(text.writer(), copy, "not json", none, "other", {textWarnings.log(), textErrors.log()}));
+    EXPECT_FALSE(serializeTree(text, copy, "not json", none, "other", {textWarnings.log(), textErrors.log()}));
     EXPECT_EQ(text.order, (std::vector<std::string>{"/other.hspc", "/queryTree.hspc"}));
     EXPECT_TRUE(textWarnings.has("serializeTree: could not parse json config. No statistics information added."));
     EXPECT_EQ(textErrors.lines, std::vector<std::string>{messages[2]});
@@ -917,7 +917,7 @@ TEST(HspcSerializeTree, StatisticsGoIntoTheAttributeDescription)
         {"attribute": {"role": "NIR"}}]})";
     MemoryBlobs store;
     Capture errors;
-    ASSERT_TRUE(serializeTree(store.writer(), tree, client, statistics, "tree", {nullptr, errors.log()}));
+    ASSERT_TRUE(serializeTree(store, tree, client, statistics, "tree", {nullptr, errors.log()}));
     const char* member = " in attribute-description array";
     EXPECT_EQ(errors.lines,
               (std::vector<std::string>{

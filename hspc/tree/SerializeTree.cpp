@@ -17,11 +17,11 @@ void report(const LogFunction& log, const std::string& message)
     }
 }
 
-bool writeTree(const BlobWriteFn& write, const Tree& tree, TreeForm form, const std::string& name)
+bool writeTree(RootWriter& writer, const Tree& tree, TreeForm form, const std::string& name)
 {
     std::vector<uint8_t> bytes;
     std::string error;
-    return writeTreeFile(tree, form, bytes, error) && write(name, bytes);
+    return writeTreeFile(tree, form, bytes, error) && writer.write(name, bytes);
 }
 
 }  // namespace
@@ -31,7 +31,7 @@ std::string treeBlobName(const std::string& treeName)
     return "/" + treeName + ".hspc";
 }
 
-bool serializeTree(const BlobWriteFn& write, Tree& tree, const std::string& clientJson,
+bool serializeTree(RootWriter& writer, Tree& tree, const std::string& clientJson,
                    const AttributeStatistics& statistics, const std::string& treeName,
                    const TreeOutputLoggers& loggers)
 {
@@ -43,19 +43,19 @@ bool serializeTree(const BlobWriteFn& write, Tree& tree, const std::string& clie
     tree.attributes.attributeId = tree.header.attributeId;
     tree.attributes.recordSize = recordSize(attributes);
 
-    if (!writeTree(write, tree, TreeForm::kReduced, treeBlobName(treeName)))
+    if (!writeTree(writer, tree, TreeForm::kReduced, treeBlobName(treeName)))
     {
         report(loggers.error, "serializeTree: Failed to serialize tree.");
         return false;
     }
-    if (!writeTree(write, tree, TreeForm::kFull, kQueryTreeName))
+    if (!writeTree(writer, tree, TreeForm::kFull, kQueryTreeName))
     {
         report(loggers.error, "serializeTree: Failed to serialize querytree.");
         return false;
     }
     std::string json;
     std::string error;
-    if (!makeHspcInfo(tree, json, error) || !write(kInfoName, std::vector<uint8_t>(json.begin(), json.end())))
+    if (!makeHspcInfo(tree, json, error) || !writer.write(kInfoName, std::span(reinterpret_cast<const uint8_t*>(json.data()), json.size())))
     {
         report(loggers.error, "serializeTree: Failed to serialize json info.");
         return false;

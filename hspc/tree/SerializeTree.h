@@ -6,8 +6,8 @@
 #include <vector>
 
 #include "hspc/format/AttributeStatistics.h"
-#include "hspc/format/FileHandler.h"
 #include "hspc/format/Loggers.h"
+#include "hspc/store/RootStore.h"
 #include "hspc/tree/Tree.h"
 
 namespace HSPC
@@ -29,7 +29,7 @@ struct TreeOutputLoggers
 // the three blobs, stopping at the first that fails with "serializeTree: Failed to serialize tree.",
 // "... querytree." or "... json info." on the error logger. The header is written as version 22 with the
 // attribute id of the tree's attributes.
-bool serializeTree(const BlobWriteFn& write, Tree& tree, const std::string& clientJson,
+bool serializeTree(RootWriter& writer, Tree& tree, const std::string& clientJson,
                    const AttributeStatistics& statistics, const std::string& treeName,
                    const TreeOutputLoggers& loggers);
 
