@@ -21,21 +21,16 @@
 #include "hspc/tree/TreeGeometry.h"
 #include "hspc/tree/VoxelChunks.h"
 #include "support/FuzzCorpus.h"
+#include "support/LittleEndianBytes.h"
 
 using namespace HSPC;
 
 namespace
 {
 
-using Bytes = std::vector<uint8_t>;
-
-template <typename T>
-void put(Bytes& bytes, T value)
-{
-    const size_t at = bytes.size();
-    bytes.resize(at + sizeof(T));
-    std::memcpy(bytes.data() + at, &value, sizeof(T));
-}
+using pcp_test::Bytes;
+using pcp_test::get;
+using pcp_test::put;
 
 void putTag(Bytes& bytes, const char* tag)
 {
@@ -363,10 +358,8 @@ TEST(HspcTreeBytes, WholeFilesMatchTheTables)
 
     // The body is one zstd frame behind its two sizes; zstd alone inflates it.
     const size_t bodyAt = header.size() + attributes.size();
-    uint64_t bodySize = 0;
-    uint64_t storedSize = 0;
-    std::memcpy(&bodySize, written.data() + bodyAt + 16, 8);
-    std::memcpy(&storedSize, written.data() + bodyAt + 24, 8);
+    const uint64_t bodySize = get<uint64_t>(written, bodyAt + 16);
+    const uint64_t storedSize = get<uint64_t>(written, bodyAt + 24);
     ASSERT_EQ(bodyAt + 32 + storedSize, written.size());
     EXPECT_EQ(zstdInflate(written.data() + bodyAt + 32, storedSize, bodySize), reduced);
 }
@@ -707,10 +700,8 @@ TEST(HspcTreeBadInput, BrokenFilesAreRefusedWithTheReason)
     Bytes good;
     std::string error;
     ASSERT_TRUE(writeTreeFile(tree, TreeForm::kFull, good, error)) << error;
-    uint64_t aprtSize = 0;
-    std::memcpy(&aprtSize, good.data() + 4, 8);
-    uint64_t spcaSize = 0;
-    std::memcpy(&spcaSize, good.data() + aprtSize + 4, 8);
+    const uint64_t aprtSize = get<uint64_t>(good, 4);
+    const uint64_t spcaSize = get<uint64_t>(good, aprtSize + 4);
     const size_t bodyAt = size_t(aprtSize + spcaSize);
     ASSERT_LT(bodyAt, good.size());
 
@@ -968,21 +959,13 @@ TEST(HspcVoxelChunks, ListAndBlockFramesKeepTheirBytes)
     list.entries = {{1, 2, 3, {1, 1, 1, 2, 2, 2}}, {4, 5, 6, {3, 3, 3, 4, 4, 4}}};
     Bytes bytes;
     appendVoxelTreeList(list, bytes);
-    uint64_t content = 0;
-    std::memcpy(&content, bytes.data() + 4, 8);
     EXPECT_EQ(std::string(bytes.begin(), bytes.begin() + 4), "HSVL");
-    EXPECT_EQ(content, bytes.size() - 12);
-    uint32_t version = 0;
-    std::memcpy(&version, bytes.data() + 12, 4);
-    EXPECT_EQ(version, 23u);
-    uint64_t inner = 0;
-    std::memcpy(&inner, bytes.data() + 120, 8);
-    EXPECT_EQ(inner, bytes.size() - 128);
+    EXPECT_EQ(get<uint64_t>(bytes, 4), bytes.size() - 12);
+    EXPECT_EQ(get<uint32_t>(bytes, 12), 23u);
+    EXPECT_EQ(get<uint64_t>(bytes, 120), bytes.size() - 128);
     // Entries stand in reverse order: the last one first, right behind the count.
     const size_t entriesAt = bytes.size() - 2 * 64;
-    uint32_t first = 0;
-    std::memcpy(&first, bytes.data() + entriesAt, 4);
-    EXPECT_EQ(first, 4u);
+    EXPECT_EQ(get<uint32_t>(bytes, entriesAt), 4u);
     VoxelTreeList read;
     std::string error;
     ASSERT_TRUE(readVoxelTreeList(bytes, read, error)) << error;

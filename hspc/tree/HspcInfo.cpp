@@ -1,12 +1,10 @@
 #include "hspc/tree/HspcInfo.h"
 
-#include <json/json.h>
-
 #include <algorithm>
 #include <array>
-#include <memory>
 
 #include "hspc/format/Attribute.h"
+#include "hspc/format/JsonObject.h"
 
 namespace HSPC
 {
@@ -49,18 +47,11 @@ bool isReservedInfoKey(std::string_view key)
 bool makeHspcInfo(const Tree& tree, std::string& json, std::string& error)
 {
     const TreeHeader& header = tree.header;
-    Json::Value info(Json::objectValue);
-    if (!header.comment.empty())
+    Json::Value info;
+    if (!parseJsonObject(header.comment, info))
     {
-        Json::CharReaderBuilder builder;
-        const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-        std::string parseErrors;
-        const char* text = header.comment.data();
-        if (!reader->parse(text, text + header.comment.size(), &info, &parseErrors) || !info.isObject())
-        {
-            error = "the tree comment is not a JSON object";
-            return false;
-        }
+        error = "the tree comment is not a JSON object";
+        return false;
     }
     info["format-version"] = header.formatVersion;
     info["max-lod"] = header.maxLod;

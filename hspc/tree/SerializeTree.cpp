@@ -9,14 +9,6 @@ namespace HSPC
 namespace
 {
 
-void report(const LogFunction& log, const std::string& message)
-{
-    if (log)
-    {
-        log(message);
-    }
-}
-
 bool writeTree(RootWriter& writer, const Tree& tree, TreeForm form, const std::string& name)
 {
     std::vector<uint8_t> bytes;
@@ -38,6 +30,12 @@ bool serializeTree(RootWriter& writer, Tree& tree, const std::string& clientJson
     const std::vector<Attribute>& attributes = tree.attributes.attributes;
     tree.header.comment = commentWithStatistics(clientJson, attributes, statistics, loggers.warning, loggers.error);
     tree.header.formatVersion = kTreeFormatVersion;
+    // Densities count against the largest node unless the conversion chose another base, as readers of
+    // files without the field assume.
+    if (tree.header.densityBase == 0)
+    {
+        tree.header.densityBase = tree.header.maxNodeSize;
+    }
     tree.header.attributeId = computeAttributeId(attributes, recordSize(attributes));
     tree.attributes.formatVersion = kTreeFormatVersion;
     tree.attributes.attributeId = tree.header.attributeId;
@@ -45,19 +43,19 @@ bool serializeTree(RootWriter& writer, Tree& tree, const std::string& clientJson
 
     if (!writeTree(writer, tree, TreeForm::kReduced, treeBlobName(treeName)))
     {
-        report(loggers.error, "serializeTree: Failed to serialize tree.");
+        reportTo(loggers.error, "serializeTree: Failed to serialize tree.");
         return false;
     }
     if (!writeTree(writer, tree, TreeForm::kFull, kQueryTreeName))
     {
-        report(loggers.error, "serializeTree: Failed to serialize querytree.");
+        reportTo(loggers.error, "serializeTree: Failed to serialize querytree.");
         return false;
     }
     std::string json;
     std::string error;
     if (!makeHspcInfo(tree, json, error) || !writer.write(kInfoName, std::span(reinterpret_cast<const uint8_t*>(json.data()), json.size())))
     {
-        report(loggers.error, "serializeTree: Failed to serialize json info.");
+        reportTo(loggers.error, "serializeTree: Failed to serialize json info.");
         return false;
     }
     return true;

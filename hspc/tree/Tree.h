@@ -32,6 +32,12 @@ struct TreeNode
     uint8_t childMask = 0;
 };
 
+// Whether the node has a box: an empty node may hold min above max.
+inline bool hasValidBox(const TreeNode& node)
+{
+    return node.min[0] <= node.max[0] && node.min[1] <= node.max[1] && node.min[2] <= node.max[2];
+}
+
 enum class TreeForm
 {
     kReduced,  // "APRR"

@@ -59,21 +59,9 @@ size_t bytesPerNode(TreeForm form, uint32_t version)
     return form == TreeForm::kReduced ? 1 + 1 + 2 + 6 + 4 : 1 + 4 + 2 + 48 + 4;
 }
 
-bool boxIsValid(const TreeNode& node)
-{
-    for (unsigned axis = 0; axis < 3; ++axis)
-    {
-        if (node.min[axis] > node.max[axis])
-        {
-            return false;
-        }
-    }
-    return true;
-}
-
 void appendReducedBox(std::vector<uint8_t>& body, const TreeNode& node, unsigned lod)
 {
-    if (!boxIsValid(node))
+    if (!hasValidBox(node))
     {
         body.insert(body.end(), {0, 0, 0, 255, 255, 255});
         return;

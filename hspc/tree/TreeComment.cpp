@@ -1,10 +1,8 @@
 #include "hspc/tree/TreeComment.h"
 
-#include <json/json.h>
-
-#include <memory>
 #include <variant>
 
+#include "hspc/format/JsonObject.h"
 #include "hspc/tree/HspcInfo.h"
 
 namespace HSPC
@@ -13,14 +11,6 @@ namespace
 {
 
 constexpr const char* kDescriptionKey = "attribute-description";
-
-void report(const LogFunction& log, const std::string& message)
-{
-    if (log)
-    {
-        log(message);
-    }
-}
 
 Json::Value jsonOf(const ScalarValue& value)
 {
@@ -84,20 +74,20 @@ const Attribute* namedAttribute(const Json::Value& entry, Json::ArrayIndex numbe
     const Json::Value& named = entry.isObject() ? entry["attribute"] : Json::Value::nullSingleton();
     if (!named.isObject())
     {
-        report(logError, "serializeTree: no attribute field present" + member + ".");
+        reportTo(logError, "serializeTree: no attribute field present" + member + ".");
         return nullptr;
     }
     const Json::Value& roleText = named["role"];
     if (!roleText.isString())
     {
-        report(logError, "serializeTree: attribute role" + member + " is not of string type.");
+        reportTo(logError, "serializeTree: attribute role" + member + " is not of string type.");
         return nullptr;
     }
     const std::string roleName = roleText.asString();
     uint8_t role = 0;
     if (!parseRole(roleName, role))
     {
-        report(logError, "serializeTree: attribute role=" + roleName + member + " is not a valid role.");
+        reportTo(logError, "serializeTree: attribute role=" + roleName + member + " is not a valid role.");
         return nullptr;
     }
     Attribute wanted{AttributeType::UNDEFINED, role, {}};
@@ -106,7 +96,7 @@ const Attribute* namedAttribute(const Json::Value& entry, Json::ArrayIndex numbe
         const Json::Value& name = named["name"];
         if (!name.isString())
         {
-            report(logError,
+            reportTo(logError,
                    "serializeTree: attribute role=" + roleName + member + " has no member name of type string.");
             return nullptr;
         }
@@ -119,7 +109,7 @@ const Attribute* namedAttribute(const Json::Value& entry, Json::ArrayIndex numbe
             return &attribute;
         }
     }
-    report(logError, "serializeTree: attribute role=" + roleName +
+    reportTo(logError, "serializeTree: attribute role=" + roleName +
                          (role == AttributeRole::CUSTOM ? " and name= " + wanted.name : std::string()) + member +
                          " not found in encoding attributes.");
     return nullptr;
@@ -131,18 +121,11 @@ std::string commentWithStatistics(const std::string& clientJson, const std::vect
                                   const AttributeStatistics& statistics, const LogFunction& logWarning,
                                   const LogFunction& logError)
 {
-    Json::Value client(Json::objectValue);
-    if (!clientJson.empty())
+    Json::Value client;
+    if (!parseJsonObject(clientJson, client))
     {
-        Json::CharReaderBuilder builder;
-        const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-        std::string errors;
-        if (!reader->parse(clientJson.data(), clientJson.data() + clientJson.size(), &client, &errors) ||
-            !client.isObject())
-        {
-            report(logWarning, "serializeTree: could not parse json config. No statistics information added.");
-            return clientJson;
-        }
+        reportTo(logWarning, "serializeTree: could not parse json config. No statistics information added.");
+        return clientJson;
     }
     Json::Value comment(Json::objectValue);
     Json::Value descriptions(Json::arrayValue);
@@ -150,7 +133,7 @@ std::string commentWithStatistics(const std::string& clientJson, const std::vect
     {
         if (isReservedInfoKey(key))
         {
-            report(logError, "serializeTree: could not add field with key=" + key + ". This key is reserved.");
+            reportTo(logError, "serializeTree: could not add field with key=" + key + ". This key is reserved.");
         }
         else if (key != kDescriptionKey)
         {
@@ -158,7 +141,7 @@ std::string commentWithStatistics(const std::string& clientJson, const std::vect
         }
         else if (!client[key].isArray())
         {
-            report(logError,
+            reportTo(logError,
                    "serializeTree: could not add field with key=" + key + ". The json of this key is not an array.");
         }
     }

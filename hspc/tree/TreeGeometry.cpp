@@ -22,18 +22,6 @@ uint64_t saturatingAdd(uint64_t a, uint64_t b)
     return a > std::numeric_limits<uint64_t>::max() - b ? std::numeric_limits<uint64_t>::max() : a + b;
 }
 
-bool boxIsValid(const TreeNode& node)
-{
-    for (unsigned axis = 0; axis < 3; ++axis)
-    {
-        if (node.min[axis] > node.max[axis])
-        {
-            return false;
-        }
-    }
-    return true;
-}
-
 // Calls visit(childIndex, childNumber) for each child of an inner node.
 template <typename Visit>
 void forEachChild(const TreeNode& node, Visit&& visit)
@@ -131,13 +119,13 @@ void widenParentBoxes(Tree& tree)
         {
             continue;
         }
-        bool valid = boxIsValid(parent);
+        bool valid = hasValidBox(parent);
         const unsigned childLod = lods[i] - 1u;
         forEachChild(parent,
                      [&](uint32_t childIndex, unsigned number)
                      {
                          const TreeNode& child = tree.nodes[childIndex];
-                         if (!boxIsValid(child))
+                         if (!hasValidBox(child))
                          {
                              return;
                          }

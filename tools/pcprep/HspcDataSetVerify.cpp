@@ -1,13 +1,11 @@
 // pcprep verify on an HSPC data set: whether every node that the full tree names is there, agrees with the
 // tree, and decodes, as a query would read it.
-#include <json/json.h>
-
 #include <algorithm>
 #include <cstdio>
-#include <memory>
 #include <string>
 #include <vector>
 
+#include "hspc/format/JsonObject.h"
 #include "hspc/format/NodeBlobName.h"
 #include "hspc/format/NodeDecompressor.h"
 #include "hspc/tree/SerializeTree.h"
@@ -68,12 +66,7 @@ void checkCompanions(HSPC::RootReader& reader, const HSPC::Tree& full, Problems&
         return;
     }
     Json::Value info;
-    Json::CharReaderBuilder builder;
-    const std::unique_ptr<Json::CharReader> parser(builder.newCharReader());
-    std::string errors;
-    const char* text = reinterpret_cast<const char*>(bytes.data());
-    if (!parser->parse(text, text + bytes.size(), &info, &errors) || !info.isObject() ||
-        !info["tree-header-info"].isObject())
+    if (!HSPC::parseJsonObject(std::string(bytes.begin(), bytes.end()), info) || !info["tree-header-info"].isObject())
         problems.add(infoName.substr(1), "not JSON with a \"tree-header-info\" object");
     else if (info["tree-header-info"]["point-count"].asUInt64() != full.header.pointCount)
         problems.add(infoName.substr(1), "its point count differs from that of queryTree.hspc");
