@@ -1,24 +1,10 @@
 #include "hspc/format/JsonInfo.h"
 
-#include <memory>
-
 #include "hspc/format/JsonObject.h"
 
 namespace HSPC
 {
 
-bool parseJsonObject(const std::string& text, Json::Value& root)
-{
-    if (text.empty())
-    {
-        root = Json::Value(Json::objectValue);
-        return true;
-    }
-    Json::CharReaderBuilder builder;
-    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    std::string errors;
-    return reader->parse(text.data(), text.data() + text.size(), &root, &errors) && root.isObject();
-}
 template <typename Value>
 bool JsonInfo::addValue(const std::string& key, const Value& value)
 {

@@ -56,12 +56,7 @@ bool makeHspcInfo(const Tree& tree, std::string& json, std::string& error)
     info["format-version"] = header.formatVersion;
     info["max-lod"] = header.maxLod;
     info["min-lod"] = header.minLod;
-    Json::Value lodCounts(Json::arrayValue);
-    for (const uint64_t count : tree.lodNodeCounts)
-    {
-        lodCounts.append(Json::UInt64(count));
-    }
-    info["lod-number-of-nodes"] = lodCounts;
+    info["lod-number-of-nodes"] = jsonArrayOf(tree.lodNodeCounts);
     info["node-size"] = header.nodeSize;
     info["max-node-size"] = header.maxNodeSize;
     info["root-offset"] = jsonArray(header.rootOffset);

@@ -56,12 +56,7 @@ void describe(const Attribute& attribute, const AttributeStatistics& statistics,
             Json::Value& histogram = entry["histogram"];
             histogram["min"] = range.histogramMin;
             histogram["max"] = range.histogramMax;
-            Json::Value distribution(Json::arrayValue);
-            for (const uint64_t count : range.distribution)
-            {
-                distribution.append(Json::UInt64(count));
-            }
-            histogram["distribution"] = distribution;
+            histogram["distribution"] = jsonArrayOf(range.distribution);
         }
     }
 }
