@@ -104,6 +104,19 @@ size_t ArchiveHandler::entryCount() const
     return m_entries.size();
 }
 
+std::vector<std::string> ArchiveHandler::names() const
+{
+    std::lock_guard lock(m_mutex);
+    std::vector<std::string> names;
+    names.reserve(m_names.size());
+    for (const auto& named : m_names.names())
+    {
+        names.push_back(named.first);
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
 bool ArchiveHandler::writable() const
 {
     return m_open && m_file->mode() != pack::FileMode::kRead;

@@ -124,6 +124,11 @@ bool readNames(std::span<const uint8_t> streams, const Header& header, Directory
             }
             named[entry] = true;
         }
+        if (name.size() + (name.starts_with(u'/') ? 0 : 1) > kLongestName)
+        {
+            error = "name tree: a name longer than " + std::to_string(kLongestName) + " characters";
+            return false;
+        }
         // A name written more than once lists its copies; the last one is what it reads.
         directory.names.emplace_back(normalizedBlobName(fromUtf16(name)), entries.back());
         return true;
