@@ -71,10 +71,7 @@ bool ArchiveHandler::open()
     {
         m_entries.push_back({m_directory.offsets[i], m_directory.storedSizes[i]});
     }
-    for (const auto& [name, entry] : m_directory.names)
-    {
-        m_names.set(name, entry);
-    }
+    m_names.assign(std::move(m_directory.names));
     m_directory.storedSizes.clear();
     m_directory.offsets.clear();
     m_directory.names.clear();
