@@ -475,6 +475,8 @@ std::vector<BrokenArchive> brokenArchives()
     broken.push_back({"version", patched(4, 2), "not a pack archive of version 1"});
     broken.push_back({"no entries", patched(12, 0), "the archive holds no entries"});
     broken.push_back({"data start", patched(32, 39), "lies inside the header"});
+    // Entries there would lie under the overflow fields of the header.
+    broken.push_back({"data start under the overflow fields", patched(32, 50), "lies inside the header"});
     broken.push_back({"trailer", patched(36, 128), "trailer size 128 does not match"});
     broken.push_back({"directory past the end", patched(24, 100000), "directory sizes do not fit the file"});
     broken.push_back({"overflow that lies", patched(48, 12), "directory sizes do not fit the file"});
