@@ -19,6 +19,7 @@
 #include "hspc/store/ArchiveHandler.h"
 #include "hspc/store/DiskArchive.h"
 #include "hspc/store/PackCodec.h"
+#include "support/MessageLog.h"
 #include "support/FileText.h"
 #include "support/FuzzCorpus.h"
 #include "support/TempFolder.h"
@@ -117,14 +118,6 @@ PackParts threeNames()
     return parts;
 }
 
-struct LogRecorder
-{
-    std::vector<std::string> lines;
-    LogFunction logger()
-    {
-        return [this](const std::string& line) { lines.push_back(line); };
-    }
-};
 
 Bytes readBlob(ArchiveHandler& handler, const std::string& name)
 {
@@ -240,7 +233,7 @@ TEST(HspcPackArchive, ReadsCompressedEntriesAndCheckedTrailers)
     // A flipped bit in the first entry fails its CRC; the others still read.
     Bytes damaged = file;
     damaged[parts.dataStart + 10] ^= 0x01;
-    LogRecorder errors;
+    pcp_test::MessageLog errors;
     ArchiveHandler handler(std::make_shared<MemoryArchive>(damaged), errors.logger());
     EXPECT_TRUE(readBlob(handler, "/tree.hspc").empty());
     EXPECT_EQ(readBlob(handler, "/tree.json"), text("[]"));
@@ -290,7 +283,7 @@ TEST(HspcPackArchive, ReplacedCopiesReadTheLastAndPurgeClosesTheHoles)
     for (const auto& [name, content] : expected)
         EXPECT_EQ(readBlob(reopened, name), content) << name;
     EXPECT_EQ(readBlob(reopened, "/d"), Bytes(7, 6));
-    LogRecorder errors;
+    pcp_test::MessageLog errors;
     EXPECT_FALSE(ArchiveHandler(std::make_shared<FileInterface>(path, pack::FileMode::kRead), errors.logger())
                      .write("/x", Bytes(1, 0)));
     EXPECT_EQ(errors.lines, std::vector<std::string>{"ArchiveHandler: " + path +
@@ -523,7 +516,7 @@ TEST(HspcPackArchiveBadInput, RefusesArchivesThatDoNotHoldTogether)
     }
     for (const BrokenArchive& archive : brokenArchives())
     {
-        LogRecorder errors;
+        pcp_test::MessageLog errors;
         ArchiveHandler handler(std::make_shared<MemoryArchive>(archive.file), errors.logger());
         EXPECT_FALSE(handler.isOpen()) << archive.what;
         ASSERT_EQ(errors.lines.size(), 1u) << archive.what;
