@@ -13,6 +13,7 @@
 #include "hspc/store/CustomStore.h"
 #include "hspc/store/DataSetPaths.h"
 #include "hspc/store/FolderStore.h"
+#include "support/MessageLog.h"
 #include "support/TempFolder.h"
 
 using namespace HSPC;
@@ -27,21 +28,12 @@ std::vector<uint8_t> blobBytes(size_t count, uint8_t seed)
     return bytes;
 }
 
-// Collects what a store reports, so that a test can check the exact texts.
-struct LogRecorder
-{
-    std::vector<std::string> lines;
-    LogFunction logger()
-    {
-        return [this](const std::string& line) { lines.push_back(line); };
-    }
-};
 
 TEST(HspcFolderStore, WritesBlobsIntoFoldersMadeOnDemandAndReadsThemBack)
 {
     pcp_test::TempFolder temp;
     const std::string root = (temp.path() / "data-sät").string();
-    LogRecorder errors;
+    pcp_test::MessageLog errors;
     FolderWriter writer(root, errors.logger());
     EXPECT_EQ(writer.location(), root);
 
@@ -147,7 +139,7 @@ TEST(HspcCustomStore, ForwardsToTheHostAndSaysWhatIsNotImplemented)
         bytes.insert(bytes.end(), found->second.begin(), found->second.end());
         return true;
     };
-    LogRecorder errors;
+    pcp_test::MessageLog errors;
     CustomWriter writer(hostWrite, {}, errors.logger());
     ASSERT_TRUE(writer.write("hspcInfo.json", blobBytes(20, 3)));
     EXPECT_EQ(hostStore.count("/hspcInfo.json"), 1u);

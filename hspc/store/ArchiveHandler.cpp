@@ -71,10 +71,7 @@ bool ArchiveHandler::open()
     {
         m_entries.push_back({m_directory.offsets[i], m_directory.storedSizes[i]});
     }
-    for (const auto& [name, entry] : m_directory.names)
-    {
-        m_names.set(name, entry);
-    }
+    m_names.assign(std::move(m_directory.names));
     m_directory.storedSizes.clear();
     m_directory.offsets.clear();
     m_directory.names.clear();
@@ -102,6 +99,19 @@ size_t ArchiveHandler::entryCount() const
 {
     std::lock_guard lock(m_mutex);
     return m_entries.size();
+}
+
+std::vector<std::string> ArchiveHandler::names() const
+{
+    std::lock_guard lock(m_mutex);
+    std::vector<std::string> names;
+    names.reserve(m_names.size());
+    for (const auto& named : m_names.names())
+    {
+        names.push_back(named.first);
+    }
+    std::sort(names.begin(), names.end());
+    return names;
 }
 
 bool ArchiveHandler::writable() const

@@ -47,7 +47,10 @@ public:
     // Writes the directory now and closes the archive; later operations fail. False when writing failed.
     bool close();
 
+    // Entries in the file, replaced and removed copies included.
     size_t entryCount() const;
+    // Every name that reads an entry, sorted.
+    std::vector<std::string> names() const;
 
 private:
     struct Entry

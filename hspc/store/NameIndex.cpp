@@ -115,6 +115,14 @@ void NameIndex::clear()
     std::fill(m_recentBits.begin(), m_recentBits.end(), 0);
 }
 
+void NameIndex::assign(std::vector<std::pair<std::string, uint32_t>> names)
+{
+    clear();
+    m_names = std::move(names);
+    std::sort(m_names.begin(), m_names.end(), byName);
+    m_sortedCount = m_names.size();
+}
+
 void NameIndex::renumber(const std::function<uint32_t(uint32_t)>& renumber)
 {
     for (auto& named : m_names)

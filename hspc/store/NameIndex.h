@@ -25,6 +25,8 @@ public:
     // False when there was no such name.
     bool erase(const std::string& name);
     void clear();
+    // Replaces every name at once, e.g. with those of an archive's directory; the names must be distinct.
+    void assign(std::vector<std::pair<std::string, uint32_t>> names);
 
     size_t size() const { return m_names.size(); }
     // Every name with its entry, in no particular order.

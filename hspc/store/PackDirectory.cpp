@@ -43,7 +43,9 @@ bool readHeader(ArchiveInterface& file, uint64_t fileSize, Header& header, std::
         error = "the archive holds no entries";
         return false;
     }
-    if (header.dataStart < kShortestHeader)
+    // Archives of old had a 40-byte header; with the overflow fields it has 56, and entries below that would
+    // lie under the header that closing the archive writes, so such a data start is refused too.
+    if (header.dataStart < kHeaderSize)
     {
         error = "data start " + std::to_string(header.dataStart) + " lies inside the header";
         return false;
@@ -123,6 +125,11 @@ bool readNames(std::span<const uint8_t> streams, const Header& header, Directory
                 return false;
             }
             named[entry] = true;
+        }
+        if (name.size() + (name.starts_with(u'/') ? 0 : 1) > kLongestName)
+        {
+            error = "name tree: a name longer than " + std::to_string(kLongestName) + " characters";
+            return false;
         }
         // A name written more than once lists its copies; the last one is what it reads.
         directory.names.emplace_back(normalizedBlobName(fromUtf16(name)), entries.back());

@@ -34,8 +34,6 @@ inline constexpr uint32_t kFlagCompressed = 1;
 inline constexpr uint32_t kFlagTrailer = 2;
 inline constexpr uint32_t kFlagCrc = 4;
 inline constexpr uint64_t kHeaderSize = 56;
-// The fields up to the trailer size; an archive shorter than this is not opened at all.
-inline constexpr uint64_t kShortestHeader = 40;
 // 16 MiB of directory in front of the data let a data set grow without moving its entries.
 inline constexpr uint32_t kDataStart = 0x1000038;
 inline constexpr uint32_t kTrailerSize = 128;

@@ -195,7 +195,8 @@ private:
         {
             return fail("label offset " + std::to_string(offset) + " lies past the label stream");
         }
-        if (length > kLongestName - std::min(kLongestName, m_name.size()) || length > m_budget)
+        // The name may hold kLongestName characters and its closing 0.
+        if (length > kLongestName + 1 - std::min(kLongestName + 1, m_name.size()) || length > m_budget)
         {
             return fail("names longer than the archive can hold");
         }
