@@ -22,6 +22,7 @@
 #include "hspc/tree/VoxelChunks.h"
 #include "support/FuzzCorpus.h"
 #include "support/LittleEndianBytes.h"
+#include "support/MessageLog.h"
 
 using namespace HSPC;
 
@@ -270,36 +271,30 @@ Tree sampleTree()
     return tree;
 }
 
-struct Capture
-{
-    std::vector<std::string> lines;
-    LogFunction log()
-    {
-        return [this](const std::string& line) { lines.push_back(line); };
-    }
-    bool has(const std::string& text) const
-    {
-        for (const std::string& line : lines)
-            if (line.find(text) != std::string::npos)
-                return true;
-        return false;
-    }
-};
+using pcp_test::MessageLog;
 
-Tree load(const Bytes& bytes, Capture* errors = nullptr)
+bool mentions(const MessageLog& log, const std::string& text)
+{
+    for (const std::string& line : log.lines)
+        if (line.find(text) != std::string::npos)
+            return true;
+    return false;
+}
+
+Tree load(const Bytes& bytes, MessageLog* errors = nullptr)
 {
     Tree tree;
-    Capture local;
-    Capture& sink = errors ? *errors : local;
-    EXPECT_TRUE(loadTree(bytes, tree, sink.log())) << (sink.lines.empty() ? "" : sink.lines.back());
+    MessageLog local;
+    MessageLog& sink = errors ? *errors : local;
+    EXPECT_TRUE(loadTree(bytes, tree, sink.logger())) << (sink.lines.empty() ? "" : sink.lines.back());
     return tree;
 }
 
 bool refused(const Bytes& bytes, const std::string& reason)
 {
     Tree tree;
-    Capture errors;
-    const bool loaded = loadTree(bytes, tree, errors.log());
+    MessageLog errors;
+    const bool loaded = loadTree(bytes, tree, errors.logger());
     EXPECT_FALSE(loaded) << reason;
     EXPECT_EQ(errors.lines.size(), loaded ? 0u : 1u) << reason;
     if (!errors.lines.empty())
@@ -805,13 +800,13 @@ TEST(HspcSerializeTree, WritesBothTreesAndTheInfoInOrder)
 {
     Tree tree = sampleTree();
     MemoryBlobs store;
-    Capture warnings;
-    Capture errors;
+    MessageLog warnings;
+    MessageLog errors;
     AttributeStatistics none;
     ASSERT_TRUE(serializeTree(store, tree, R"({"project": "bridge", "max-lod": 9})", none, "tree",
-                              {warnings.log(), errors.log()}));
+                              {warnings.logger(), errors.logger()}));
     EXPECT_EQ(store.order, (std::vector<std::string>{"/tree.hspc", "/queryTree.hspc", "/hspcInfo.json"}));
-    EXPECT_TRUE(errors.has("serializeTree: could not add field with key=max-lod. This key is reserved."));
+    EXPECT_TRUE(mentions(errors, "serializeTree: could not add field with key=max-lod. This key is reserved."));
 
     const Tree reduced = load(store.blobs["/tree.hspc"]);
     const Tree full = load(store.blobs["/queryTree.hspc"]);
@@ -856,20 +851,20 @@ TEST(HspcSerializeTree, WritesBothTreesAndTheInfoInOrder)
     {
         MemoryBlobs failing;
         failing.failAt = failAt;
-        Capture failed;
+        MessageLog failed;
         Tree copy = sampleTree();
-        EXPECT_FALSE(serializeTree(failing, copy, "", none, "tree", {nullptr, failed.log()}));
+        EXPECT_FALSE(serializeTree(failing, copy, "", none, "tree", {nullptr, failed.logger()}));
         EXPECT_EQ(failed.lines, std::vector<std::string>{messages[failAt]});
         EXPECT_EQ(failing.order.size(), size_t(failAt));
     }
     // Client text that is not JSON: both trees carry it, the info file can't be made.
     MemoryBlobs text;
-    Capture textWarnings;
-    Capture textErrors;
+    MessageLog textWarnings;
+    MessageLog textErrors;
     Tree copy = sampleTree();
-    EXPECT_FALSE(serializeTree(text, copy, "not json", none, "other", {textWarnings.log(), textErrors.log()}));
+    EXPECT_FALSE(serializeTree(text, copy, "not json", none, "other", {textWarnings.logger(), textErrors.logger()}));
     EXPECT_EQ(text.order, (std::vector<std::string>{"/other.hspc", "/queryTree.hspc"}));
-    EXPECT_TRUE(textWarnings.has("serializeTree: could not parse json config. No statistics information added."));
+    EXPECT_TRUE(mentions(textWarnings, "serializeTree: could not parse json config. No statistics information added."));
     EXPECT_EQ(textErrors.lines, std::vector<std::string>{messages[2]});
 }
 
@@ -907,8 +902,8 @@ TEST(HspcSerializeTree, StatisticsGoIntoTheAttributeDescription)
         {"attribute": {"role": "CUSTOM"}},
         {"attribute": {"role": "NIR"}}]})";
     MemoryBlobs store;
-    Capture errors;
-    ASSERT_TRUE(serializeTree(store, tree, client, statistics, "tree", {nullptr, errors.log()}));
+    MessageLog errors;
+    ASSERT_TRUE(serializeTree(store, tree, client, statistics, "tree", {nullptr, errors.logger()}));
     const char* member = " in attribute-description array";
     EXPECT_EQ(errors.lines,
               (std::vector<std::string>{
