@@ -16,29 +16,16 @@
 #include "hspc/format/NodeHeader.h"
 #include "support/ArithmeticEncoder.h"
 #include "support/FuzzCorpus.h"
+#include "support/LittleEndianBytes.h"
 
 using namespace HSPC;
 
 namespace
 {
 
-using Bytes = std::vector<uint8_t>;
-
-template <typename T>
-void put(Bytes& bytes, T value)
-{
-    const size_t at = bytes.size();
-    bytes.resize(at + sizeof(T));
-    std::memcpy(bytes.data() + at, &value, sizeof(T));
-}
-
-template <typename T>
-T get(const Bytes& bytes, size_t at)
-{
-    T value;
-    std::memcpy(&value, bytes.data() + at, sizeof(T));
-    return value;
-}
+using pcp_test::Bytes;
+using pcp_test::get;
+using pcp_test::put;
 
 void setHeaderSize(Bytes& block, size_t at)
 {

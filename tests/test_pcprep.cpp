@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <set>
@@ -19,7 +20,10 @@
 #include "core/StringConversion.h"
 #include "support/FileText.h"
 #include "support/PtsSamples.h"
+#include "hspc/store/DiskArchive.h"
+#include "hspc/store/FolderStore.h"
 #include "support/SyntheticCache.h"
+#include "support/SyntheticHspcDataSet.h"
 #include "support/TempFolder.h"
 
 extern char** environ;
@@ -399,4 +403,65 @@ TEST(Pcprep, VerifyNamesEachProblem)
     // A folder without a tree is no cache to verify.
     EXPECT_EQ(runPcprep(temp, {"verify", temp.path().string()}, &out), 1);
     EXPECT_NE(out.find("holds no octree cache: no .vrm file in it"), std::string::npos) << out;
+}
+
+TEST(Pcprep, HspcDataSetsAreDescribedAndChecked)
+{
+    pcp_test::TempFolder temp;
+    const fs::path folder = temp.path() / "set";
+    const fs::path archive = temp.path() / "tree.hspc.pack";
+    pcp_test::SyntheticHspcDataSet dataSet;
+    {
+        HSPC::FolderWriter folderWriter(folder.string());
+        dataSet = pcp_test::writeSyntheticHspcDataSet(folderWriter);
+        HSPC::DiskWriteArchive archiveWriter(archive.string());
+        pcp_test::writeSyntheticHspcDataSet(archiveWriter);
+    }
+    std::string out, err;
+    for (const fs::path& form : {folder, folder / "queryTree.hspc", archive})
+    {
+        ASSERT_EQ(runPcprep(temp, {"info", form.string()}, &out, &err), 0) << form << err;
+        for (const char* line : {"Tree file     queryTree.hspc (full: exact counts and boxes)\n",
+                                 "Version       22\n", "Points        18 (0 filtered out)\n",
+                                 "Origin        1000 2000 50\n", "Scale         0.01 0.01 0.01\n",
+                                 "Box           (1000.000000, 2000.000000, 50.000000) .. (1000.150000",
+                                 "Lods          lod 4: 1 node, lod 3: 2 nodes\n",
+                                 "Node size     8 points (at most 10; densities count against 10)\n",
+                                 "Attributes    POSITION M96 \"POSITION\", INTENSITY U16 \"INTENSITY\" (14 bytes",
+                                 "Comment       {", "\"site\" : \"synthetic\""})
+            EXPECT_NE(out.find(line), std::string::npos) << form << ": " << line << " in\n" << out;
+        EXPECT_EQ(runPcprep(temp, {"verify", form.string()}, &out, &err), 0) << form << out << err;
+        EXPECT_EQ(out, "data set is sound: 3 nodes holding 18 points, every one decoded\n") << form;
+    }
+    ASSERT_EQ(runPcprep(temp, {"info", (folder / "tree.hspc").string()}, &out, &err), 0) << err;
+    EXPECT_NE(out.find("Tree file     tree.hspc (reduced)\n"), std::string::npos) << out;
+
+    // A node missing, one whose header disagrees with the tree, one that does not decode.
+    const auto blob = [&](size_t node) { return folder / dataSet.nodeNames[node].substr(1); };
+    fs::remove(blob(0));
+    std::string block = readText(blob(1));
+    block[20] = 4;  // the point count
+    std::ofstream(blob(1), std::ios::binary).write(block.data(), std::streamsize(block.size()));
+    block = readText(blob(2));
+    uint32_t payloadAt = 0;
+    std::memcpy(&payloadAt, block.data() + 112, 4);
+    block[payloadAt] = 50;  // no payload kind
+    std::ofstream(blob(2), std::ios::binary).write(block.data(), std::streamsize(block.size()));
+    EXPECT_EQ(runPcprep(temp, {"verify", folder.string()}, &out, &err), 1) << out << err;
+    const std::string name0 = dataSet.nodeNames[0].substr(1);
+    EXPECT_NE(out.find(name0 + ": missing: node 0 of the tree has no blob\n"), std::string::npos) << out;
+    EXPECT_NE(out.find(dataSet.nodeNames[1].substr(1) + ": 4 points, but the tree says 5\n"), std::string::npos)
+        << out;
+    EXPECT_NE(out.find(dataSet.nodeNames[2].substr(1) + ": does not decode: "), std::string::npos) << out;
+    EXPECT_NE(out.find("3 problems found in " + folder.string() + "\n"), std::string::npos) << out;
+
+    // A broken tree file is reported with the loader's reason.
+    std::string tree = readText(folder / "queryTree.hspc");
+    tree.pop_back();
+    std::ofstream(folder / "queryTree.hspc", std::ios::binary).write(tree.data(), std::streamsize(tree.size()));
+    EXPECT_EQ(runPcprep(temp, {"verify", folder.string()}, &out, &err), 1);
+    EXPECT_NE(out.find("queryTree.hspc: queryTree.hspc in " + folder.string() + ": loadTree: "), std::string::npos)
+        << out;
+    EXPECT_NE(runPcprep(temp, {"info", (folder / "queryTree.hspc").string()}, &out, &err), 0);
+    EXPECT_NE(err.find("loadTree: "), std::string::npos) << err;
 }

@@ -7,13 +7,15 @@
 //   6       2     name length n, unsigned
 //   8       n     name bytes, no terminator
 //
-// All integers little-endian.
+// All integers little-endian. Files below version 7 store one byte per attribute, the type, and the role
+// counts as CUSTOM.
 #pragma once
 
 #include <cstdint>
 #include <vector>
 
 #include "hspc/format/Attribute.h"
+#include "hspc/format/FieldReader.h"
 
 namespace HSPC
 {
@@ -24,6 +26,12 @@ void appendAttributeRecord(std::vector<uint8_t>& bytes, const Attribute& attribu
 // Fingerprint of an attribute layout, stored in every node so that a reader can tell at once whether a node
 // was written with the layout it expects: the CRC-32 of the format version 22, the record size, the attribute
 // count (each unsigned 32 bit) and the attribute records.
+// Reads `count` records in the layout of format `version` into `attributes`. A list from a file older than
+// version 4 has its first attribute replaced by the M96 "POSITION": those files knew no other position.
+// False when the records run past the reader's end; the list never grows beyond the bytes at hand.
+bool readAttributeRecords(FieldReader& reader, uint32_t version, uint32_t count,
+                          std::vector<Attribute>& attributes);
+
 uint32_t computeAttributeId(const std::vector<Attribute>& attributes, uint32_t recordSize);
 
 }  // namespace HSPC

@@ -26,6 +26,10 @@ int openFlags(FileHandler::Mode mode)
             return O_WRONLY | O_CREAT | O_TRUNC;
         case FileHandler::Mode::kReadWrite:
             return O_RDWR | O_CREAT;
+        case FileHandler::Mode::kUpdate:
+            return O_RDWR;
+        case FileHandler::Mode::kReadWriteNew:
+            return O_RDWR | O_CREAT | O_TRUNC;
         case FileHandler::Mode::kAppend:
             break;
     }
@@ -211,6 +215,25 @@ bool FileHandler::write(uint64_t offset, const void* buffer, uint64_t size)
     if (errorNumber != 0)
     {
         fail(" FileHandler : writing did not succeed.", errorNumber);
+        return false;
+    }
+    return true;
+}
+
+bool FileHandler::truncate(uint64_t size)
+{
+    int errorNumber = m_fd >= 0 ? 0 : EBADF;
+    if (errorNumber == 0 && size > uint64_t(INT64_MAX))
+    {
+        errorNumber = EINVAL;
+    }
+    while (errorNumber == 0 && ::ftruncate(m_fd, off_t(size)) != 0)
+    {
+        errorNumber = errno == EINTR ? 0 : errno;
+    }
+    if (errorNumber != 0)
+    {
+        fail(" FileHandler : changing the file size did not succeed.", errorNumber);
         return false;
     }
     return true;

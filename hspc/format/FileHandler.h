@@ -20,6 +20,8 @@ public:
         kRead,       // an existing file
         kWrite,      // created, or emptied when it exists: a whole file is written anew
         kReadWrite,  // created when missing, its content kept: parts are updated at their offsets
+        kUpdate,     // an existing file, read and updated in place; a missing one is a failure
+        kReadWriteNew,  // created, or emptied when it exists, then read and written
         kAppend,     // refused
     };
 
@@ -43,6 +45,8 @@ public:
     bool read(uint64_t offset, uint64_t size, void* buffer);
     // True when all `size` bytes of `buffer` were written at `offset`.
     bool write(uint64_t offset, const void* buffer, uint64_t size);
+    // Cuts the file to `size` bytes or extends it with zeros.
+    bool truncate(uint64_t size);
 
     // The text of the last failure, exactly as the engine's callers expect it; empty while all went well.
     const std::string& lastError() const { return m_lastError; }

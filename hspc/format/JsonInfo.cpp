@@ -1,34 +1,15 @@
 #include "hspc/format/JsonInfo.h"
 
-#include <json/json.h>
-
-#include <memory>
+#include "hspc/format/JsonObject.h"
 
 namespace HSPC
 {
-namespace
-{
-
-bool parseObject(const std::string& text, Json::Value& root)
-{
-    if (text.empty())
-    {
-        root = Json::Value(Json::objectValue);
-        return true;
-    }
-    Json::CharReaderBuilder builder;
-    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    std::string errors;
-    return reader->parse(text.data(), text.data() + text.size(), &root, &errors) && root.isObject();
-}
-
-}  // namespace
 
 template <typename Value>
 bool JsonInfo::addValue(const std::string& key, const Value& value)
 {
     Json::Value root;
-    if (key.empty() || !parseObject(m_text, root))
+    if (key.empty() || !parseJsonObject(m_text, root))
     {
         return false;
     }

@@ -5,6 +5,14 @@
 namespace HSPC
 {
 
+void reportTo(const LogFunction& logger, const std::string& message)
+{
+    if (logger)
+    {
+        logger(message);
+    }
+}
+
 void printInfo(const std::string& message)
 {
     std::fprintf(stdout, "HSPC:    info: %s \n", message.c_str());

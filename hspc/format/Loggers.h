@@ -11,6 +11,9 @@ namespace HSPC
 using LogFunction = std::function<void(const std::string& message)>;
 using ProgressFunction = std::function<void(int percent, const std::string& message)>;
 
+// Passes `message` to `logger` when there is one: callers may leave a logger empty to silence it.
+void reportTo(const LogFunction& logger, const std::string& message);
+
 // Conversion and import: information and progress on standard output, warnings and errors on standard error.
 void printInfo(const std::string& message);
 void printWarning(const std::string& message);

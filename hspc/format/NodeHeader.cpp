@@ -6,6 +6,7 @@
 #include <string>
 
 #include "hspc/format/AttributeRecord.h"
+#include "hspc/format/FieldReader.h"
 #include "hspc/format/LittleEndian.h"
 
 namespace HSPC
@@ -18,52 +19,6 @@ constexpr char kNodeTag[4] = {'A', 'P', 'R', 'N'};
 constexpr uint32_t kFirstVersionWithOrigin = 8;
 constexpr uint32_t kFirstVersionWithDistribution = 9;
 constexpr uint32_t kFirstVersionWithIntegerBox = 12;
-constexpr uint32_t kFirstVersionWithFullAttributeRecords = 7;
-
-// Reads fields in order and remembers whether any of them ran past the end, so that a parser can read a
-// whole group of fields and check once.
-class FieldReader
-{
-public:
-    explicit FieldReader(std::span<const uint8_t> bytes) : bytes_(bytes) {}
-
-    template <typename T>
-    T read()
-    {
-        if (!has(sizeof(T)))
-        {
-            return T{};
-        }
-        const T value = little_endian::load<T>(bytes_.data() + position_);
-        position_ += sizeof(T);
-        return value;
-    }
-
-    bool readText(size_t length, std::string& text)
-    {
-        if (!has(length))
-        {
-            return false;
-        }
-        text.assign(reinterpret_cast<const char*>(bytes_.data() + position_), length);
-        position_ += length;
-        return true;
-    }
-
-    bool ok() const { return ok_; }
-    size_t position() const { return position_; }
-
-private:
-    bool has(size_t count)
-    {
-        ok_ = ok_ && count <= bytes_.size() - position_;
-        return ok_;
-    }
-
-    std::span<const uint8_t> bytes_;
-    size_t position_ = 0;
-    bool ok_ = true;
-};
 
 // Old headers keep the box as floats in real units; the integer box is value / scale, truncated, with the
 // maximum one past. A value that no unsigned 64-bit integer holds makes the header unreadable.
@@ -76,30 +31,6 @@ bool convertRealBound(float value, double scale, bool isMaximum, uint64_t& bound
     }
     bound = uint64_t(int64_t(units)) + (isMaximum ? 1 : 0);
     return true;
-}
-
-bool readAttributes(FieldReader& reader, uint32_t version, uint32_t count, std::vector<Attribute>& attributes)
-{
-    attributes.clear();
-    // Each record takes at least one byte, so a count beyond the bytes left fails inside the loop before the
-    // list grows large.
-    for (uint32_t i = 0; i < count && reader.ok(); ++i)
-    {
-        Attribute attribute;
-        attribute.type = reader.read<uint8_t>();
-        if (version >= kFirstVersionWithFullAttributeRecords)
-        {
-            attribute.role = reader.read<uint8_t>();
-            reader.read<uint32_t>();  // reserved
-            const uint16_t nameLength = reader.read<uint16_t>();
-            if (!reader.ok() || !reader.readText(nameLength, attribute.name))
-            {
-                return false;
-            }
-        }
-        attributes.push_back(std::move(attribute));
-    }
-    return reader.ok();
 }
 
 }  // namespace
@@ -168,7 +99,7 @@ size_t readNodeHeader(std::span<const uint8_t> block, NodeHeader& header)
         }
     }
     const uint32_t attributeCount = reader.read<uint32_t>();
-    if (!reader.ok() || !readAttributes(reader, header.version, attributeCount, header.attributes))
+    if (!reader.ok() || !readAttributeRecords(reader, header.version, attributeCount, header.attributes))
     {
         return 0;
     }

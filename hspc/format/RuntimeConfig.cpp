@@ -6,21 +6,21 @@
 #include <thread>
 
 #include "hspc/format/AttributeRecord.h"
+#include "hspc/store/DiskArchive.h"
 
 namespace HSPC
 {
 namespace
 {
 
-void resolveOutput(const AdvancedConfig& advanced, RuntimeConfig& runtime)
+void resolveOutput(const BasicConfig& basic, const AdvancedConfig& advanced, RuntimeConfig& runtime)
 {
     runtime.useArchive = advanced.useArchive;
     if (advanced.useArchive)
     {
-        if (advanced.archiveWriterFactory)
-        {
-            runtime.rootWriter = advanced.archiveWriterFactory();
-        }
+        runtime.rootWriter = advanced.archiveWriterFactory
+                                 ? advanced.archiveWriterFactory()
+                                 : makeDefaultArchiveWriter(basic.outputPath, advanced.treeName, advanced.errorLogger);
         runtime.nodeWriterCount = 1;
     }
     else if (advanced.outputWriterByPath)
@@ -147,7 +147,7 @@ void initializeRuntimeConfig(const BasicConfig& basic, const AdvancedConfig& adv
 void initializeRuntimeConfig(const BasicConfig& basic, const AdvancedConfig& advanced, RuntimeConfig& runtime,
                              const MachineFigures& machine)
 {
-    resolveOutput(advanced, runtime);
+    resolveOutput(basic, advanced, runtime);
 
     runtime.inputAttributes = basic.attributes;
     runtime.encodingAttributes = encodingAttributesFor(basic.attributes, advanced.positionType);

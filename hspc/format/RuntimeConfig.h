@@ -88,8 +88,8 @@ struct RuntimeConfig
     LogFunction errorLogger;
     ProgressFunction progressLogger;
 
-    // How output is opened: an open writer, or a factory by path. With useArchive and neither set, the data
-    // set goes into the default pack archive below outputPath.
+    // How output is opened: an open writer, or a factory by path. With useArchive and no archive factory, the
+    // writer is a new pack archive <outputPath>/<treeName>.hspc.pack.
     bool useArchive = false;
     std::shared_ptr<RootWriter> rootWriter;
     RootWriterPathFactory rootWriterFactory;

@@ -112,4 +112,46 @@ std::wstring fromUtf8(std::string_view utf8)
     return out;
 }
 
+std::u16string toUtf16(std::string_view utf8)
+{
+    std::u16string out;
+    out.reserve(utf8.size());
+    for (const wchar_t c : fromUtf8(utf8))
+    {
+        const auto value = char32_t(c);
+        if (value < 0x10000)
+        {
+            out.push_back(char16_t(value));
+        }
+        else
+        {
+            out.push_back(char16_t(0xD800 + ((value - 0x10000) >> 10)));
+            out.push_back(char16_t(0xDC00 + ((value - 0x10000) & 0x3FF)));
+        }
+    }
+    return out;
+}
+
+std::string fromUtf16(std::u16string_view utf16)
+{
+    std::wstring wide;
+    wide.reserve(utf16.size());
+    for (size_t i = 0; i < utf16.size(); ++i)
+    {
+        const char32_t c = utf16[i];
+        const bool high = c >= 0xD800 && c <= 0xDBFF;
+        if (high && i + 1 < utf16.size() && utf16[i + 1] >= 0xDC00 && utf16[i + 1] <= 0xDFFF)
+        {
+            wide.push_back(wchar_t(0x10000 + ((c - 0xD800) << 10) + (utf16[i + 1] - 0xDC00)));
+            ++i;
+        }
+        else
+        {
+            // toUtf8 turns a lone surrogate into U+FFFD.
+            wide.push_back(wchar_t(c));
+        }
+    }
+    return toUtf8(wide);
+}
+
 }  // namespace HSPC

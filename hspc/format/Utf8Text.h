@@ -12,4 +12,9 @@ namespace HSPC
 std::string toUtf8(std::wstring_view wide);
 std::wstring fromUtf8(std::string_view utf8);
 
+// UTF-16, as names are kept in pack archives: characters above U+FFFF become surrogate pairs, and a surrogate
+// without its partner becomes U+FFFD.
+std::u16string toUtf16(std::string_view utf8);
+std::string fromUtf16(std::u16string_view utf16);
+
 }  // namespace HSPC

@@ -31,6 +31,9 @@ int runRun(const Arguments& arguments);
 int runExport(const Arguments& arguments);
 // The part of `info` that describes a cache folder.
 int describeCacheFolder(const std::filesystem::path& folder);
+// The parts of `info` and `verify` that describe and check an HSPC data set.
+int describeHspcDataSet(const std::filesystem::path& argument);
+int verifyHspcDataSet(const std::filesystem::path& argument);
 int runSample(const Arguments& arguments);
 int runCompress(const Arguments& arguments);
 int runDecompress(const Arguments& arguments);

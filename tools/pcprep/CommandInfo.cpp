@@ -19,6 +19,7 @@
 #include "importers/LazImporter.h"
 #include "pcprep/ArgumentParser.h"
 #include "pcprep/Command.h"
+#include "pcprep/HspcDataSet.h"
 
 namespace pcprep
 {
@@ -76,6 +77,8 @@ int runInfo(const Arguments& arguments)
     const ParsedArguments parsed(arguments, {{"--points", true}});
     parsed.expectPositional(1, "one FILE");
     const std::filesystem::path file(parsed.positional()[0]);
+    if (namesHspcDataSet(file))
+        return describeHspcDataSet(file);
     if (std::filesystem::is_directory(file))
         return describeCacheFolder(file);
     const std::wstring wide = pc_preprocess::toWide(file);
@@ -93,7 +96,8 @@ int runInfo(const Arguments& arguments)
     const bool compressed = file.extension() == ".pnz";
     if (!compressed && file.extension() != ".pnt")
         throw UsageError(
-            "expected a cache folder, a LAS, LAZ or E57 file, or a node file (.pnt or .pnz), not " +
+            "expected a cache folder, an HSPC data set, a LAS, LAZ or E57 file, or a node file (.pnt or .pnz), "
+            "not " +
             file.string());
 
     if (!std::filesystem::is_regular_file(file))

@@ -16,6 +16,7 @@
 #include "pcprep/ArgumentParser.h"
 #include "pcprep/CacheTree.h"
 #include "pcprep/Command.h"
+#include "pcprep/HspcDataSet.h"
 
 namespace pcprep
 {
@@ -236,10 +237,12 @@ bool verifyCache(const fs::path& argument, Findings& findings)
 int runVerify(const Arguments& arguments)
 {
     const ParsedArguments parsed(arguments, {});
-    parsed.expectPositional(1, "one cache folder or .vrm file");
+    parsed.expectPositional(1, "one cache folder, .vrm file or HSPC data set");
     const fs::path argument(parsed.positional()[0]);
+    if (namesHspcDataSet(argument))
+        return verifyHspcDataSet(argument);
     if (!namesCache(argument))
-        throw UsageError("expected a cache folder or its .vrm file, not " + argument.string());
+        throw UsageError("expected a cache folder or its .vrm file, or an HSPC data set, not " + argument.string());
     const fs::path folder = argument.extension() == ".vrm" ? argument.parent_path() : argument;
     Findings findings(folder);
     if (verifyCache(argument, findings))

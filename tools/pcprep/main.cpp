@@ -53,8 +53,9 @@ const Command kCommands[] = {
      "\n"
      "Exit status: 0 success, 1 failure (the log says why), 2 wrong arguments, 130 cancelled.\n",
      pcprep::runRun},
-    {"info", "describe a cache folder, a LAS/LAZ/E57 file or a node file (.pnt or .pnz)",
+    {"info", "describe a cache folder, an HSPC data set, a LAS/LAZ/E57 file or a node file (.pnt or .pnz)",
      "Usage: pcprep info DIR\n"
+     "       pcprep info DATASET|DATASET/tree.hspc|DATASET/queryTree.hspc|FILE.hspc.pack\n"
      "       pcprep info FILE.las|FILE.laz|FILE.e57\n"
      "       pcprep info FILE [--points N]\n"
      "\n"
@@ -64,6 +65,9 @@ const Command kCommands[] = {
      "VRM: the depth, the nodes and points of each level, the leaves and their points, and the node files "
      "on\n"
      "disk in each form (PNZ and PNT).\n"
+     "For an HSPC data set (a folder with tree files, one of its tree files, or a pack archive): the tree\n"
+     "file's version, point count, origin, scale and box, its lods with their node counts, the node size, the\n"
+     "attributes and the comment's JSON.\n"
      "For a LAS or LAZ file: every field of its header and variable length records, and the coordinate "
      "system\n"
      "as WKT.\n"
@@ -157,8 +161,9 @@ const Command kCommands[] = {
      "  --threads N  files converted at once (default: all hardware threads)\n"
      "  --replace    remove NODE.pnz once NODE.pnt is written\n",
      pcprep::runDecompress},
-    {"verify", "check that a finished cache is whole: every node, point and file",
+    {"verify", "check that a finished cache or an HSPC data set is whole: every node, point and file",
      "Usage: pcprep verify DIR\n"
+     "       pcprep verify DATASET|FILE.hspc.pack\n"
      "\n"
      "Checks the finished octree cache in DIR (or given by its .vrm file) and prints each problem found:\n"
      "  - every node of the VRM has its .pnz file in DIR/Data, holding as many points as the VRM says, each\n"
@@ -169,6 +174,9 @@ const Command kCommands[] = {
      "    only node;\n"
      "  - the key file is complete, as the last step of a run leaves it.\n"
      "Ends with \"cache is sound: N nodes, M points in K leaves\" or the number of problems.\n"
+     "For an HSPC data set: every node of the full tree (queryTree.hspc) that holds points has its blob, whose\n"
+     "header agrees with the tree (point count, lod, place, attributes) and which decodes whole; tree.hspc\n"
+     "has the same nodes per lod and hspcInfo.json is the tree's JSON. Ends with \"data set is sound: ...\".\n"
      "\n"
      "Exit status: 0 sound, 1 problems found, 2 wrong arguments.\n",
      pcprep::runVerify},
