@@ -32,6 +32,7 @@
 #include "support/FileText.h"
 #include "support/PtsSamples.h"
 #include "support/TempFolder.h"
+#include "support/ThreadFaults.h"
 
 using namespace pc_preprocess;
 using pcp_test::errorText;
@@ -60,8 +61,8 @@ struct Cache
     std::vector<ScanFiles> run(const std::vector<InputFileData>& inputs, unsigned threads = 2,
                                bool convertOnly = true)
     {
-        return LibAccessor().runFull(wideFolder, inputs, files, L"my cäche", kStep, threads, false, false,
-                                     false, logger, convertOnly);
+        return accessor.runFull(wideFolder, inputs, files, L"my cäche", kStep, threads, false, false, false,
+                                logger, convertOnly);
     }
 
     std::string log() const { return readText(toPath(files.getLogFile())); }
@@ -76,6 +77,7 @@ struct Cache
     std::wstring wideFolder;
     CacheFiles files;
     std::shared_ptr<Logger> logger;
+    LibAccessor accessor;
 };
 
 // Many small inputs, so that a run on one thread is still reading when something interrupts it. All have the
@@ -295,6 +297,32 @@ TEST(Run, FailuresLeaveOnlyTheLog)
     EXPECT_EQ(cache.finalPercentage(), "FAIL");
 }
 
+TEST(Run, FailuresOutsideAnyStageEndTheSameWay)
+{
+    // A cancel test that cannot tell whether the cancel file exists (here a link that loops), and a worker that
+    // cannot be started: the run fails like any other, with the reason in the log and only the log left.
+    pcp_test::TempFolder temp;
+    const std::wstring input = temp.file(L"a.pts");
+    pcp_test::writePtsFile(input, 1000);
+    const std::string undecidable = "ERROR preprocessing :\n\tfilesystem error: exists";
+    const std::string unstarted = "ERROR reading :\n\tCould not start worker thread 1 of ";
+    for (const std::string& reason : {undecidable, unstarted})
+    {
+        fs::remove_all(temp.path() / "cäche-缓存");
+        Cache cache(temp);
+        if (reason == undecidable)
+            fs::create_symlink("cancel", cache.folder / "cancel");
+        else
+            cache.accessor.useThreadStarter(pcp_test::threadStartFailingAt(1));
+        EXPECT_EQ(errorText([&] { cache.run({InputFileData(input, 1.0)}); }),
+                  "Preprocessing failed: see " + ws2s(cache.files.getLogFile()));
+        EXPECT_EQ(entriesOf(cache.folder), std::set<std::string>{"cache.log"});
+        EXPECT_NE(cache.log().find(reason), std::string::npos) << cache.log();
+        EXPECT_NE(cache.log().find("Disk capacity  = "), std::string::npos);
+        EXPECT_EQ(cache.finalPercentage(), "FAIL");
+    }
+}
+
 TEST(Run, CancelFileEndsTheRunWithOnlyTheLog)
 {
     pcp_test::TempFolder temp;
@@ -363,6 +391,28 @@ TEST(Run, ThreadedConversionTakesLargestFirstAndStopsQuietlyAtCancel)
     const auto [cancelledScans, unused] = LibAccessor().convertFilesThreaded(
         cache.wideFolder, inputs, transfo, mode, 1, false, cache.logger, [&] { return ++calls > 2; });
     EXPECT_TRUE(cancelledScans.empty());
+    EXPECT_FALSE(cache.logger->errorHasOccurred());
+
+    // A cancel test that throws, in the workers' loop or inside an importer, and a worker that cannot be
+    // started: every worker ends, and the failure comes out once all are joined instead of ending the process.
+    std::atomic<int> asked = 0;
+    EXPECT_EQ(errorText(
+                  [&]
+                  {
+                      LibAccessor().convertFilesThreaded(
+                          cache.wideFolder, inputs, transfo, mode, 2, false, cache.logger,
+                          pcp_test::cancelThatThrowsWhen([&] { return ++asked > 3; }));
+                  }),
+              pcp_test::cancelFailureText());
+    LibAccessor accessor;
+    accessor.useThreadStarter(pcp_test::threadStartFailingAt(2));
+    EXPECT_EQ(errorText(
+                  [&]
+                  {
+                      accessor.convertFilesThreaded(cache.wideFolder, inputs, transfo, mode, 3, false,
+                                                    cache.logger, {});
+                  }),
+              "Could not start worker thread 2 of 3: thread start: Resource temporarily unavailable");
     EXPECT_FALSE(cache.logger->errorHasOccurred());
 }
 
@@ -449,12 +499,22 @@ TEST(Run, WatchdogWarnsThenCancelsTheRun)
             guard.run(cache.logger);
         });
     const std::string outcome = errorText([&] { cache.run(inputs, 1); });
+    // As a host does once the run has returned: the guard is stopped and joined before anyone looks at the
+    // folder, so that nothing of the guard's is still on its way.
     std::ofstream(toPath(params.finishedFile)).flush();
+    guard.stop();
     watcher.join();
 
     EXPECT_EQ(guard.state(), PreprocessGuard::kCancelledForDisk);
     EXPECT_EQ(warnings.size(), 1u);
     EXPECT_EQ(outcome, "Preprocessing failed: see " + ws2s(cache.files.getLogFile()));
-    EXPECT_EQ(entriesOf(cache.folder), std::set<std::string>{"cache.log"});
+    EXPECT_NE(cache.log().find("ALERT: available disk space lower than"), std::string::npos) << cache.log();
+    // The guard raises its error before it writes the cancel file, so that the run ends as failed and not as
+    // cancelled; a run that stops at the error may clean its folder before that file lands. The file is then
+    // the guard's, left for the host to remove before its next run in this folder; the run itself leaves only
+    // its log.
+    std::set<std::string> left = entriesOf(cache.folder);
+    left.erase("cancel");
+    EXPECT_EQ(left, std::set<std::string>{"cache.log"});
     EXPECT_EQ(cache.finalPercentage(), "FAIL");
 }
