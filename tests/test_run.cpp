@@ -114,12 +114,15 @@ TEST(Run, ConvertOnlyRunKeepsEveryValidPointOfEveryInput)
     noColour.malformedEvery = 1000;
     pcp_test::PtsFileLayout plain;
     plain.countLine = false;
+    pcp_test::PtsFileLayout wide;
+    wide.valueFactor = 4;
 
-    // The first input decides the transfo and the colour modes: 8-bit intensity and colour.
+    // The first input decides the transfo and the colour modes, 16-bit intensity and colour, for every input
+    // that declares none: the third, whose values alone would read as 8-bit, keeps them as they are.
     const std::wstring first = temp.file(L"rüum-1.pts");
     const std::wstring second = temp.file(L"房间-2.pts");
     const std::wstring third = temp.file(L"room-3.xyz");  // unknown extension: read as PTS
-    const auto samples1 = pcp_test::writePtsFile(first, 70000);
+    const auto samples1 = pcp_test::writePtsFile(first, 70000, wide);
     const auto samples2 = pcp_test::writePtsFile(second, 20000, noColour, 70000);
     const auto samples3 = pcp_test::writePtsFile(third, 5000, plain, 90000);
 
@@ -150,10 +153,11 @@ TEST(Run, ConvertOnlyRunKeepsEveryValidPointOfEveryInput)
             ASSERT_EQ(points[i].x, want.x) << name << " point " << i;
             ASSERT_EQ(points[i].y, want.y) << name << " point " << i;
             ASSERT_EQ(points[i].z, want.z) << name << " point " << i;
-            ASSERT_EQ(points[i].intensity, samples[i].intensity * 256) << name << " point " << i;
+            ASSERT_EQ(points[i].intensity, samples[i].intensity) << name << " point " << i;
             if (name != "房间-2-0000-temp.pnt")
             {
-                ASSERT_EQ(points[i].r, samples[i].r << 8) << name << " point " << i;
+                ASSERT_EQ(points[i].r, samples[i].r) << name << " point " << i;
+                ASSERT_EQ(points[i].b, samples[i].b) << name << " point " << i;
             }
             ASSERT_TRUE(meta.extents.contains(points[i])) << name << " point " << i;
         }
@@ -173,8 +177,13 @@ TEST(Run, ConvertOnlyRunKeepsEveryValidPointOfEveryInput)
     EXPECT_EQ(readText(cache.folder / "cache.pct"), "17");
     const std::string log = cache.log();
     EXPECT_NE(log.find("Running with 2 threads."), std::string::npos);
-    // The second file has no colour: it cannot match the 8-bit colour the run decided on.
-    EXPECT_NE(log.find("has color/intensity mismatch"), std::string::npos);
+    // The second file has no colour and the third 8-bit values: neither matches the mode of the run.
+    EXPECT_NE(log.find(ws2s(second) + " \n\thas color/intensity mismatch, RGB measured=4; specified=1 \n\t"
+                                      "Intensity measured=2; specified=3"),
+              std::string::npos)
+        << log;
+    EXPECT_NE(log.find(ws2s(third) + " \n\thas color/intensity mismatch, RGB measured=2; specified=1"),
+              std::string::npos);
 }
 
 TEST(Run, PtxProjectGivesEachScanItsPoseDistancesAndPanorama)
