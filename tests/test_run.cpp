@@ -80,8 +80,8 @@ struct Cache
     LibAccessor accessor;
 };
 
-// Many small inputs, so that a run on one thread is still reading when something interrupts it. All have the
-// same size, so the worker takes the last one first: "<prefix>-299-0000-temp.pnt" is the first scan file.
+// Many small inputs, so that a run on one thread is still reading when something interrupts it as soon as the
+// first scan file appears.
 std::vector<InputFileData> manySmallInputs(const pcp_test::TempFolder& temp, const std::wstring& prefix)
 {
     std::vector<InputFileData> inputs;
@@ -92,6 +92,13 @@ std::vector<InputFileData> manySmallInputs(const pcp_test::TempFolder& temp, con
         inputs.emplace_back(input, 1.0);
     }
     return inputs;
+}
+
+// True once the run has written its first scan file: it is then reading, with most of its inputs still ahead.
+bool readingHasBegun(const fs::path& cacheFolder)
+{
+    std::error_code error;
+    return fs::exists(cacheFolder / "Data", error) && !fs::is_empty(cacheFolder / "Data", error);
 }
 
 IoLightPoint expectedPoint(const pcp_test::PtsSample& s, const IoTransfo& transfo)
@@ -355,7 +362,7 @@ TEST(Run, CancelFileEndsTheRunWithOnlyTheLog)
         std::thread canceller(
             [&]
             {
-                while (!stop && !fs::exists(cache.folder / "Data" / "part-299-0000-temp.pnt"))
+                while (!stop && !readingHasBegun(cache.folder))
                     std::this_thread::sleep_for(std::chrono::microseconds(200));
                 std::ofstream(cache.folder / "cancel").flush();
             });
@@ -404,25 +411,29 @@ TEST(Run, ThreadedConversionTakesLargestFirstAndStopsQuietlyAtCancel)
 
     // A cancel test that throws, in the workers' loop or inside an importer, and a worker that cannot be
     // started: every worker ends, and the failure comes out once all are joined instead of ending the process.
+    // Each stage has a logger of its own, as in a run, whose progress only grows.
+    const auto freshLogger = [&] { return std::make_shared<Logger>(temp.file(L"stage.log"), false, false); };
     std::atomic<int> asked = 0;
+    const auto throwing = freshLogger();
     EXPECT_EQ(errorText(
                   [&]
                   {
                       LibAccessor().convertFilesThreaded(
-                          cache.wideFolder, inputs, transfo, mode, 2, false, cache.logger,
+                          cache.wideFolder, inputs, transfo, mode, 2, false, throwing,
                           pcp_test::cancelThatThrowsWhen([&] { return ++asked > 3; }));
                   }),
               pcp_test::cancelFailureText());
+    const auto unstarted = freshLogger();
     LibAccessor accessor;
     accessor.useThreadStarter(pcp_test::threadStartFailingAt(2));
     EXPECT_EQ(errorText(
                   [&]
                   {
                       accessor.convertFilesThreaded(cache.wideFolder, inputs, transfo, mode, 3, false,
-                                                    cache.logger, {});
+                                                    unstarted, {});
                   }),
               "Could not start worker thread 2 of 3: thread start: Resource temporarily unavailable");
-    EXPECT_FALSE(cache.logger->errorHasOccurred());
+    EXPECT_FALSE(unstarted->errorHasOccurred());
 }
 
 TEST(Run, FullDiskEndsInFailWithOnlyTheLog)
@@ -502,8 +513,7 @@ TEST(Run, WatchdogWarnsThenCancelsTheRun)
     std::thread watcher(
         [&]
         {
-            while (!fs::exists(cache.folder / "Data" / "w-299-0000-temp.pnt") &&
-                   !fs::exists(toPath(params.finishedFile)))
+            while (!readingHasBegun(cache.folder) && !fs::exists(toPath(params.finishedFile)))
                 std::this_thread::sleep_for(std::chrono::microseconds(200));
             guard.run(cache.logger);
         });
