@@ -1,11 +1,11 @@
 #include "cachefiles/CacheCompression.h"
 
 #include <algorithm>
+#include <atomic>
 #include <filesystem>
 #include <mutex>
 #include <stdexcept>
 #include <system_error>
-#include <thread>
 #include <vector>
 
 #include "cachefiles/PnzFiles.h"
@@ -81,19 +81,36 @@ public:
     {
     }
 
+    // A thread body: nothing leaves it, whatever fails is the worker's error.
     void work(WorkerRecord& record)
     {
-        while (record.good)
-        {
-            size_t index;
+        runWithoutThrowing(
+            [&]
             {
-                std::lock_guard lock(m_mutex);
-                if (m_next >= m_sources.size())
-                    return;
-                index = m_next++;
-            }
-            convertOne(m_sources[index], record);
-        }
+                while (record.good)
+                {
+                    size_t index;
+                    {
+                        std::lock_guard lock(m_mutex);
+                        if (m_next >= m_sources.size())
+                            return;
+                        index = m_next++;
+                    }
+                    convertOne(m_sources[index], record);
+                }
+            },
+            [&record](const std::string& text)
+            {
+                record.good = false;
+                record.error = text;
+            });
+    }
+
+    // Leaves the files not yet taken to nobody.
+    void stop()
+    {
+        std::lock_guard lock(m_mutex);
+        m_next = m_sources.size();
     }
 
 private:
@@ -137,7 +154,8 @@ private:
     size_t m_next = 0;
 };
 
-CompressInfo convertCache(const std::wstring& vrm, unsigned int threads, bool compress)
+CompressInfo convertCache(const std::wstring& vrm, unsigned int threads, bool compress,
+                          const ThreadStarter& startWorker)
 {
     const fs::path vrmPath = toPath(vrm);
     std::error_code error;
@@ -165,12 +183,10 @@ CompressInfo convertCache(const std::wstring& vrm, unsigned int threads, bool co
     // More workers than files would find nothing to do.
     std::vector<WorkerRecord> records(std::min<size_t>(threads, sources.size()));
     Conversion conversion(sources, compress);
-    {
-        std::vector<std::jthread> workers;
-        workers.reserve(records.size());
-        for (WorkerRecord& record : records)
-            workers.emplace_back([&conversion, &record] { conversion.work(record); });
-    }
+    std::atomic<size_t> nextRecord{0};
+    runOnThreads(
+        records.size(), [&] { conversion.work(records[nextRecord++]); }, [&conversion] { conversion.stop(); },
+        startWorker);
 
     std::string failures;
     for (size_t i = 0; i < records.size(); ++i)
@@ -190,14 +206,14 @@ CompressInfo convertCache(const std::wstring& vrm, unsigned int threads, bool co
 
 }  // namespace
 
-CompressInfo compressor(const std::wstring& vrm, unsigned int threads)
+CompressInfo compressor(const std::wstring& vrm, unsigned int threads, const ThreadStarter& startWorker)
 {
-    return convertCache(vrm, threads, true);
+    return convertCache(vrm, threads, true, startWorker);
 }
 
-CompressInfo decompressor(const std::wstring& vrm, unsigned int threads)
+CompressInfo decompressor(const std::wstring& vrm, unsigned int threads, const ThreadStarter& startWorker)
 {
-    return convertCache(vrm, threads, false);
+    return convertCache(vrm, threads, false, startWorker);
 }
 
 }  // namespace pc_preprocess

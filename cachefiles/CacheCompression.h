@@ -4,6 +4,7 @@
 #include <string>
 
 #include "core/Export.h"
+#include "core/WorkerThreads.h"
 
 namespace pc_preprocess
 {
@@ -33,8 +34,12 @@ struct CompressInfo
 // or is not one), "Both <pnt> and <pnz> do NOT exist." (a node without its file) or "Both <pnt> and
 // <pnz>exist." (a file in both forms). Then `threads` workers share the files, each taken by one of them;
 // with 0 nothing is converted. A failed conversion stops its worker, the others go on, and the call ends by
-// throwing one text with a line "thread[<i>]: <error>" per failed worker.
-PCP_API CompressInfo compressor(const std::wstring& vrm, unsigned int threads);
-PCP_API CompressInfo decompressor(const std::wstring& vrm, unsigned int threads);
+// throwing one text with a line "thread[<i>]: <error>" per failed worker. Workers start through
+// `startWorker`; when one cannot be started, those running stop after their current file and the call throws
+// "Could not start worker thread <k> of <n>: <reason>".
+PCP_API CompressInfo compressor(const std::wstring& vrm, unsigned int threads,
+                                const ThreadStarter& startWorker = startThread);
+PCP_API CompressInfo decompressor(const std::wstring& vrm, unsigned int threads,
+                                  const ThreadStarter& startWorker = startThread);
 
 }  // namespace pc_preprocess

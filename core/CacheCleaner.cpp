@@ -39,9 +39,15 @@ void cleanCacheFolder(const std::shared_ptr<Logger>& logger, const std::wstring&
     const std::filesystem::path folder = toPath(cacheFolder);
     const std::filesystem::space_info space = std::filesystem::space(folder);
 
+    // Links go as links, never followed: a "cancel" link that points nowhere, or round in a loop, is no reason
+    // to leave more than the log behind, and whatever a link points to is not the run's to remove.
     for (const std::filesystem::directory_entry& entry : std::filesystem::directory_iterator(folder))
-        if (entry.is_regular_file() && entry.path().extension() != ".log")
+    {
+        const std::filesystem::file_status status = entry.symlink_status();
+        if ((std::filesystem::is_regular_file(status) || std::filesystem::is_symlink(status)) &&
+            entry.path().extension() != ".log")
             std::filesystem::remove(entry.path());
+    }
     removeFolderTree(toPath(Convertor::getPointFolder(cacheFolder)));
     removeFolderTree(toPath(Convertor::getBubblesFolder(cacheFolder)));
 

@@ -20,6 +20,7 @@
 #include "core/ImporterFactory.h"
 #include "core/StringConversion.h"
 #include "core/Units.h"
+#include "core/WorkerThreads.h"
 #include "octree/BuildTree.h"
 #include "services/Logger.h"
 #include "services/Stopwatch.h"
@@ -67,12 +68,31 @@ void createFolder(const std::wstring& wide)
         throw std::filesystem::filesystem_error("create_directory", folder, error);
 }
 
+// Thrown by a step that has ended the run itself, folder cleaned and log written: it reaches the host as it is.
+class RunEnded : public std::runtime_error
+{
+public:
+    using std::runtime_error::runtime_error;
+};
+
+// Cleans the folder down to the log. A clean that fails is one more error in the log: the run still ends with
+// its own message.
+void cleanAfterStop(const std::shared_ptr<Logger>& logger, const std::wstring& cacheFolder)
+{
+    runWithoutThrowing([&] { cleanCacheFolder(logger, cacheFolder); },
+                       [&](const std::string& text)
+                       {
+                           logger->error("ERROR cleaning the cache folder :\n\t" + text);
+                           logger->outputErrors({});
+                       });
+}
+
 // The end of a run that did not finish: the folder cleaned down to the log, one exception to the host.
 [[noreturn]] void endRun(const std::shared_ptr<Logger>& logger, const std::wstring& cacheFolder,
                          const std::string& message)
 {
-    cleanCacheFolder(logger, cacheFolder);
-    throw std::runtime_error(message);
+    cleanAfterStop(logger, cacheFolder);
+    throw RunEnded(message);
 }
 
 [[noreturn]] void endCancelled(const std::shared_ptr<Logger>& logger, const std::wstring& cacheFolder,
@@ -122,6 +142,37 @@ std::vector<ScanFiles> LibAccessor::runFull(const std::wstring& cacheFolder,
         throw std::runtime_error("runFull ERROR: no files are provided.\n");
     createFolder(Convertor::getBubblesFolder(cacheFolder));
     createFolder(Convertor::getPointFolder(cacheFolder));
+
+    // From here on every way out of the run is the same: the reason in the log, the folder cleaned down to the
+    // log, one exception to the host. The steps end the run themselves where they know why; anything else
+    // that escapes them (a cancel test or a log line that cannot reach the disk, a scan file that vanished)
+    // ends it here.
+    try
+    {
+        return runSteps(cacheFolder, inputs, cacheFiles, keyName, scale, threads, noPanoramaStyle, hspcOnly,
+                        computeNormals, logger, convertOnly);
+    }
+    catch (const RunEnded& end)
+    {
+        throw std::runtime_error(end.what());
+    }
+    catch (...)
+    {
+        const std::string text = currentExceptionText();
+        runWithoutThrowing([&] { logger->error("ERROR preprocessing :\n\t" + text); },
+                           [](const std::string&) {});
+        cleanAfterStop(logger, cacheFolder);
+        throw std::runtime_error("Preprocessing failed: see " + ws2s(cacheFiles.getLogFile()));
+    }
+}
+
+std::vector<ScanFiles> LibAccessor::runSteps(const std::wstring& cacheFolder,
+                                             const std::vector<InputFileData>& inputs,
+                                             const CacheFiles& cacheFiles, const std::wstring& keyName,
+                                             double scale, unsigned int threads, bool noPanoramaStyle,
+                                             bool hspcOnly, bool computeNormals,
+                                             const std::shared_ptr<Logger>& logger, bool convertOnly)
+{
     const std::function<bool()> cancelled = makeCancelPredicate(cacheFolder);
 
     const unsigned hardware = std::max(1u, std::thread::hardware_concurrency());
@@ -274,7 +325,7 @@ std::vector<ScanFiles> LibAccessor::runFull(const std::wstring& cacheFolder,
         try
         {
             buildTree(scans, cacheFolder, cacheFiles, probe.transfo, attributes, threads, logger,
-                      noPanoramaStyle, hspcOnly, computeNormals, m_wkt, units, cancelled);
+                      noPanoramaStyle, hspcOnly, computeNormals, m_wkt, units, cancelled, m_startWorker);
         }
         catch (const std::exception& e)
         {

@@ -4,13 +4,13 @@
 #include <mutex>
 #include <numeric>
 #include <stdexcept>
-#include <thread>
 
 #include "core/CurrentExceptionName.h"
 #include "core/FileFormat.h"
 #include "core/ImporterFactory.h"
 #include "core/LibAccessor.h"
 #include "core/StringConversion.h"
+#include "core/WorkerThreads.h"
 #include "scanview/ScanView.h"
 #include "services/IntervalWriter.h"
 #include "services/Logger.h"
@@ -82,6 +82,8 @@ struct ReadStage
     uint64_t lastStep = 0;
     std::vector<ScanFiles> scans;
     std::vector<SupportedAttributes> attributes;
+    bool stopped = false;
+    std::string failure;  // the first failure outside a file's conversion; thrown after the join
 
     // Progress moves in steps of 2 percent of all bytes, so large files count by their size.
     void addProgress(uint64_t bytes)
@@ -158,7 +160,23 @@ struct ReadStage
 
     bool cancelRequested() const { return cancel && cancel(); }
 
+    // Ends the work of every worker at its next file.
+    void stop(const std::string& reason)
+    {
+        std::lock_guard lock(mutex);
+        stopped = true;
+        if (failure.empty())
+            failure = reason;
+    }
+
+    // A thread body: whatever fails outside a file's conversion, the cancel test and the logger included,
+    // stops the stage instead of leaving the thread.
     void work()
+    {
+        runWithoutThrowing([this] { convertQueuedFiles(); }, [this](const std::string& text) { stop(text); });
+    }
+
+    void convertQueuedFiles()
     {
         // The worker's panorama grid, made at the first scan that needs one and lent to every file after it.
         std::shared_ptr<ScanView> view;
@@ -173,7 +191,7 @@ struct ReadStage
             size_t index;
             {
                 std::lock_guard lock(mutex);
-                if (queue.empty() || logger->errorHasOccurred() || cancelRequested())
+                if (stopped || queue.empty() || logger->errorHasOccurred() || cancelRequested())
                     return;
                 index = queue.back();
                 queue.pop_back();
@@ -185,17 +203,28 @@ struct ReadStage
             {
                 convertOne(index, viewSource);
             }
-            catch (const std::exception& e)
-            {
-                if (!cancelRequested())
-                    logger->error("ERROR reading " + file + " :\n\t" + e.what());
-            }
             catch (...)
             {
                 if (!cancelRequested())
-                    logger->error("ERROR reading: " + file + " :\n\t (other/catchall) -> " +
-                                  currentExceptionTypeName());
+                    logger->error(fileFailure(file));
             }
+        }
+    }
+
+    // Inside a catch handler: the log entry of a file whose conversion failed.
+    static std::string fileFailure(const std::string& file)
+    {
+        try
+        {
+            throw;
+        }
+        catch (const std::exception& e)
+        {
+            return "ERROR reading " + file + " :\n\t" + e.what();
+        }
+        catch (...)
+        {
+            return "ERROR reading: " + file + " :\n\t (other/catchall) -> " + currentExceptionTypeName();
         }
     }
 };
@@ -246,13 +275,11 @@ std::tuple<std::vector<ScanFiles>, SupportedAttributes> LibAccessor::convertFile
     logger->startProgress("reading");
     {
         const IntervalWriter repeater(logger);
-        std::vector<std::thread> pool;
-        pool.reserve(workers);
-        for (uint64_t i = 0; i < workers; ++i)
-            pool.emplace_back([&stage] { stage.work(); });
-        for (std::thread& worker : pool)
-            worker.join();
+        runOnThreads(
+            workers, [&stage] { stage.work(); }, [&stage] { stage.stop({}); }, m_startWorker);
     }
+    if (!stage.failure.empty())
+        throw std::runtime_error(stage.failure);
     SupportedAttributes attributes = combine(stage.attributes, stage.scans.size());
     return {std::move(stage.scans), attributes};
 }

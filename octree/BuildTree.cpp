@@ -70,7 +70,7 @@ void buildOctree(const std::vector<ScanFiles>& scans, const std::wstring& pointF
                  const CacheFiles& cacheFiles, const IoTransfo& transfo,
                  const SupportedAttributes& attributes, uint64_t threads,
                  const std::shared_ptr<Logger>& logger, bool noPanoramaStyle,
-                 const std::function<bool()>& cancel)
+                 const std::function<bool()>& cancel, const ThreadStarter& startWorker)
 {
     const std::wstring& vrmFile = cacheFiles.getTreeFile();
     if (toPath(vrmFile).extension() != ".vrm")
@@ -98,7 +98,7 @@ void buildOctree(const std::vector<ScanFiles>& scans, const std::wstring& pointF
     logger->increaseStep("Split Rest");
     logger->message("Started splitting threaded");
     const Stopwatch splitClock;
-    const bool split = splitRootChildrenThreaded(root, threads, settings, logger, cancel);
+    const bool split = splitRootChildrenThreaded(root, threads, settings, logger, cancel, startWorker);
     requireNotCancelled(*logger, cancel);
     if (!split)
         throw std::runtime_error("buildTree ERROR : splitting threaded failed.");
@@ -107,7 +107,7 @@ void buildOctree(const std::vector<ScanFiles>& scans, const std::wstring& pointF
     logger->increaseStep("Merge");
     logger->message("Started merging threaded");
     const Stopwatch mergeClock;
-    const bool merged = mergeThreaded(root, threads, logger, cancel);
+    const bool merged = mergeThreaded(root, threads, logger, cancel, startWorker);
     requireNotCancelled(*logger, cancel);
     if (!merged)
         throw std::runtime_error("buildTree ERROR : merging threaded failed.");
@@ -133,7 +133,7 @@ void buildTree(const std::vector<ScanFiles>& scans, const std::wstring& cacheFol
                const CacheFiles& cacheFiles, const IoTransfo& transfo, SupportedAttributes& attributes,
                uint64_t threads, std::shared_ptr<Logger> logger, bool noPanoramaStyle, bool hspcOnly,
                bool /*computeNormals*/, const std::string& /*wkt*/, geom::UnitsValue /*units*/,
-               const std::function<bool()>& cancelPredicate)
+               const std::function<bool()>& cancelPredicate, const ThreadStarter& startWorker)
 {
     const std::filesystem::path pointFolder = toPath(cacheFolder) / "Data";
     std::filesystem::create_directories(pointFolder);
@@ -144,7 +144,7 @@ void buildTree(const std::vector<ScanFiles>& scans, const std::wstring& cacheFol
             "buildTree : building an HSPC data set is not available in this version of the library; build "
             "the octree or convert only instead.");
     buildOctree(scans, toWide(pointFolder), cacheFiles, transfo, attributes, threads, logger, noPanoramaStyle,
-                cancelPredicate);
+                cancelPredicate, startWorker);
 }
 
 }  // namespace pc_preprocess

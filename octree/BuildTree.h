@@ -10,6 +10,7 @@
 #include "core/IoTransfo.h"
 #include "core/ScanFiles.h"
 #include "core/SupportedAttributes.h"
+#include "core/WorkerThreads.h"
 #include "geom/UnitsValue.h"
 
 namespace pc_preprocess
@@ -18,11 +19,13 @@ namespace pc_preprocess
 class Logger;
 
 // Turns the per-scan point files of a run into the cache proper: an octree of node files with its VRM, or
-// with hspcOnly an HSPC data set. The scans' files are consumed and deleted on the way.
+// with hspcOnly an HSPC data set. The scans' files are consumed and deleted on the way. The pools of the
+// split and the merge start their threads through `startWorker`.
 PCP_API void buildTree(const std::vector<ScanFiles>& scans, const std::wstring& cacheFolder,
                        const CacheFiles& cacheFiles, const IoTransfo& transfo,
                        SupportedAttributes& attributes, uint64_t threads, std::shared_ptr<Logger> logger,
                        bool noPanoramaStyle, bool hspcOnly, bool computeNormals, const std::string& wkt,
-                       geom::UnitsValue units, const std::function<bool()>& cancelPredicate);
+                       geom::UnitsValue units, const std::function<bool()>& cancelPredicate,
+                       const ThreadStarter& startWorker = startThread);
 
 }  // namespace pc_preprocess

@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <exception>
 #include <filesystem>
 #include <mutex>
 #include <stdexcept>
@@ -56,8 +55,8 @@ class MergePool
 {
 public:
     MergePool(Node& root, size_t workers, const std::shared_ptr<Logger>& logger,
-              const std::function<bool()>& cancel)
-        : m_queue(workers, cancel), m_logger(logger)
+              const std::function<bool()>& cancel, const ThreadStarter& startWorker)
+        : m_queue(workers, cancel, startWorker), m_logger(logger)
     {
         std::vector<Node*> ready;
         m_total = collectMergeWork(root, ready);
@@ -69,8 +68,11 @@ public:
     {
         return m_queue.run(
             [this](Node& node) { mergeSingleNode(node, [this](Node& merged) { finished(merged); }); },
-            [this](const Node& node, const std::exception& e)
-            { m_logger->error("ERROR merging threaded " + ws2s(node.pnzPath) + ":\n\t" + e.what()); });
+            [this](const Node* node, const std::string& text)
+            {
+                const std::string where = node != nullptr ? " " + ws2s(node->pnzPath) : std::string();
+                m_logger->error("ERROR merging threaded" + where + ":\n\t" + text);
+            });
     }
 
 private:
@@ -151,12 +153,12 @@ void mergeSingleNode(Node& node, const std::function<void(Node&)>& merged)
 }
 
 bool mergeThreaded(Node& root, uint64_t threads, const std::shared_ptr<Logger>& logger,
-                   const std::function<bool()>& cancel)
+                   const std::function<bool()>& cancel, const ThreadStarter& startWorker)
 {
     if (root.children.empty())
         return true;
     const size_t workers = std::max<size_t>(1, std::min<size_t>(root.children.size(), threads));
-    MergePool pool(root, workers, logger, cancel);
+    MergePool pool(root, workers, logger, cancel, startWorker);
     logger->startProgress("merging threaded");
     const IntervalWriter repeater(logger);
     return pool.run();

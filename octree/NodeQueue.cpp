@@ -1,43 +1,52 @@
 #include "octree/NodeQueue.h"
 
-#include <thread>
-#include <vector>
-
 namespace pc_preprocess
 {
 
-NodeQueue::NodeQueue(size_t workers, std::function<bool()> cancel)
-    : m_workers(workers), m_cancel(std::move(cancel)), m_busy(workers)
+NodeQueue::NodeQueue(size_t workers, std::function<bool()> cancel, ThreadStarter start)
+    : m_workers(workers), m_cancel(std::move(cancel)), m_start(std::move(start)), m_busy(workers)
 {
 }
 
-bool NodeQueue::run(const std::function<void(Node&)>& work,
-                    const std::function<void(const Node&, const std::exception&)>& failed)
+bool NodeQueue::run(const std::function<void(Node&)>& work, const FailureReport& failed)
 {
-    const auto worker = [&]
+    try
     {
-        while (Node* node = next())
-        {
-            try
-            {
-                work(*node);
-            }
-            catch (const std::exception& e)
-            {
-                failed(*node, e);
-                fail();
-                return;
-            }
-        }
-    };
-    std::vector<std::thread> threads;
-    threads.reserve(m_workers);
-    for (size_t index = 0; index < m_workers; ++index)
-        threads.emplace_back(worker);
-    for (std::thread& thread : threads)
-        thread.join();
+        // Workers that never started would count as busy for ever: the stop lets the others end.
+        runOnThreads(
+            m_workers, [&] { workUntilDone(work, failed); }, [this] { fail(); }, m_start);
+    }
+    catch (const std::exception& e)
+    {
+        fail();
+        runWithoutThrowing([&] { failed(nullptr, e.what()); }, [](const std::string&) {});
+    }
     const std::lock_guard lock(m_mutex);
     return !m_stopped;
+}
+
+void NodeQueue::workUntilDone(const std::function<void(Node&)>& work, const FailureReport& failed)
+{
+    Node* node = nullptr;
+    runWithoutThrowing(
+        [&]
+        {
+            for (;;)
+            {
+                node = nullptr;
+                node = next();
+                if (node == nullptr)
+                    return;
+                work(*node);
+            }
+        },
+        [&](const std::string& text)
+        {
+            // Stopped first: a worker that ends while others wait for its node's children must not leave
+            // them waiting, even when the report cannot be made.
+            fail();
+            failed(node, text);
+        });
 }
 
 void NodeQueue::push(Node& node)
@@ -81,7 +90,7 @@ Node* NodeQueue::next()
     return nullptr;
 }
 
-void NodeQueue::fail()
+void NodeQueue::fail() noexcept
 {
     {
         const std::lock_guard lock(m_mutex);

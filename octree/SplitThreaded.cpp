@@ -1,6 +1,5 @@
 #include <algorithm>
 #include <cmath>
-#include <exception>
 #include <mutex>
 
 #include "octree/NodeQueue.h"
@@ -27,8 +26,8 @@ class SplitPool
 {
 public:
     SplitPool(size_t workers, const SplitSettings& settings, const std::shared_ptr<Logger>& logger,
-              const std::function<bool()>& cancel)
-        : m_queue(workers, cancel), m_settings(settings), m_logger(logger)
+              const std::function<bool()>& cancel, const ThreadStarter& startWorker)
+        : m_queue(workers, cancel, startWorker), m_settings(settings), m_logger(logger)
     {
     }
 
@@ -53,8 +52,8 @@ public:
                         enqueue(child);
                 advance(points);
             },
-            [this](const Node&, const std::exception& e)
-            { m_logger->error(std::string("ERROR splitting threaded :\n\t") + e.what()); });
+            [this](const Node*, const std::string& text)
+            { m_logger->error("ERROR splitting threaded :\n\t" + text); });
     }
 
 private:
@@ -84,12 +83,13 @@ private:
 }  // namespace
 
 bool splitRootChildrenThreaded(Node& root, uint64_t threads, const SplitSettings& settings,
-                               const std::shared_ptr<Logger>& logger, const std::function<bool()>& cancel)
+                               const std::shared_ptr<Logger>& logger, const std::function<bool()>& cancel,
+                               const ThreadStarter& startWorker)
 {
     if (root.children.empty())
         return true;
     const size_t workers = std::max<size_t>(1, std::min<size_t>(root.children.size(), threads));
-    SplitPool pool(workers, settings, logger, cancel);
+    SplitPool pool(workers, settings, logger, cancel, startWorker);
     for (Node& child : root.children)
         if (child.pointsOnDisk > kMaxNodePoints)
             pool.enqueue(child);

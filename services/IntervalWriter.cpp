@@ -1,9 +1,10 @@
 #include "services/IntervalWriter.h"
 
 #include <algorithm>
-#include <exception>
 #include <functional>
 #include <string>
+
+#include "core/WorkerThreads.h"
 
 namespace pc_preprocess
 {
@@ -38,24 +39,11 @@ void repeatProgressWhileSilent(Logger& logger, std::chrono::milliseconds interva
     }
 }
 
-// A thread body must not throw: an exception escaping it would end the host's process. A progress entry fails
-// when the cache folder's disk cannot be read; that ends the run like any other error of a stage.
-void runWithoutThrowing(Logger& logger, const std::function<void()>& body)
+// A progress entry fails when the cache folder's disk cannot be read; that ends the run like any other error of
+// a stage, and nothing leaves the thread.
+void repeatWithoutThrowing(Logger& logger, const std::function<void()>& body)
 {
-    try
-    {
-        body();
-    }
-    catch (const std::exception& e)
-    {
-        try
-        {
-            logger.error(std::string("Progress writer: ") + e.what());
-        }
-        catch (...)
-        {
-        }
-    }
+    runWithoutThrowing(body, [&logger](const std::string& text) { logger.error("Progress writer: " + text); });
 }
 
 }  // namespace
@@ -68,7 +56,7 @@ void writeAtIntervals(std::shared_ptr<Logger> logger, std::condition_variable& w
         std::unique_lock lock(waitMutex);
         return wake.wait_for(lock, time) == std::cv_status::no_timeout;
     };
-    runWithoutThrowing(*logger,
+    repeatWithoutThrowing(*logger,
                        [&] { repeatProgressWhileSilent(*logger, kProgressRepeatInterval, waitForWake); });
 }
 
@@ -81,7 +69,7 @@ IntervalWriter::IntervalWriter(std::shared_ptr<Logger> logger, std::chrono::mill
                   std::unique_lock lock(m_mutex);
                   return m_wake.wait_for(lock, time, [this] { return m_stop; });
               };
-              runWithoutThrowing(*logger, [&] { repeatProgressWhileSilent(*logger, interval, waitForWake); });
+              repeatWithoutThrowing(*logger, [&] { repeatProgressWhileSilent(*logger, interval, waitForWake); });
           })
 {
 }

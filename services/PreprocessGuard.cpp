@@ -3,13 +3,13 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
-#include <exception>
 #include <filesystem>
 #include <fstream>
 #include <limits>
 #include <system_error>
 
 #include "core/StringConversion.h"
+#include "core/WorkerThreads.h"
 #include "services/DiskSpaceReport.h"
 #include "services/Logger.h"
 #include "services/Translate.h"
@@ -50,13 +50,7 @@ void logMessage(Logger* logger, const std::string& text)
 {
     if (logger == nullptr)
         return;
-    try
-    {
-        logger->message(text);
-    }
-    catch (const std::exception&)
-    {
-    }
+    runWithoutThrowing([&] { logger->message(text); }, [](const std::string&) {});
 }
 
 }  // namespace
@@ -100,6 +94,18 @@ bool PreprocessGuard::parametersValid() const
 }
 
 bool PreprocessGuard::run(std::shared_ptr<Logger> logger)
+{
+    bool finished = false;
+    runWithoutThrowing([&] { finished = watch(logger); },
+                       [&](const std::string& text)
+                       {
+                           m_state = kStopped;
+                           logMessage(logger.get(), "Disk watchdog stopped: " + text);
+                       });
+    return finished;
+}
+
+bool PreprocessGuard::watch(const std::shared_ptr<Logger>& logger)
 {
     m_state = kInitial;
     if (!parametersValid())
@@ -171,13 +177,15 @@ bool PreprocessGuard::stopPath(const char* english)
 bool PreprocessGuard::alertPath(const std::wstring& report, Logger* logger)
 {
     m_state = kCancelledForDisk;
-    m_memoryAlertCallBack(report);
+    // Neither the host's callback nor the log may keep the cancel from being made: it is what saves the disk.
+    const auto ignore = [](const std::string&) {};
+    runWithoutThrowing([&] { m_memoryAlertCallBack(report); }, ignore);
     // A cancel file that is there already means that the run is being cancelled anyway; its failure is then
     // not the guard's to report.
     if (!exists(m_cancelFile))
     {
         if (logger != nullptr)
-            logger->error(ws2s(report));
+            runWithoutThrowing([&] { logger->error(ws2s(report)); }, ignore);
         // Should even this empty file not fit on the disk, the error above still stops the run: its workers
         // end when the logger reports an error.
         std::ofstream cancel(toPath(m_cancelFile));

@@ -68,7 +68,9 @@ public:
     // Watches until the run ends. True when the finished file appeared; false when the guard stopped or
     // cancelled, or at once, without a message, when the parameters are not valid: the cache folder exists,
     // the finished file is named, each fraction lies strictly between 0 and 1, each amount is above 1 GiB,
-    // and the warning level lies above the alert level in both.
+    // and the warning level lies above the alert level in both. Nothing leaves run(), the body of the
+    // host's thread: should the watch itself fail (the disk figures, a callback, the log), the guard stops
+    // with the reason in the log, as state kStopped, and returns false.
     bool run(std::shared_ptr<Logger> logger);
 
     // Ends run() at its next look, waking it from its pause between polls.
@@ -76,6 +78,7 @@ public:
     int32_t state() const { return m_state.load(); }
 
 private:
+    bool watch(const std::shared_ptr<Logger>& logger);
     bool parametersValid() const;
     bool finish();
     bool stopPath(const char* english);

@@ -198,6 +198,26 @@ TEST_F(Guard, AlertCreatesTheCancelFileAndRaisesAnErrorUnlessACancelIsUnderway)
     EXPECT_FALSE(logger->errorHasOccurred());
 }
 
+TEST_F(Guard, NothingLeavesTheWatchAndNothingKeepsTheAlertFromCancelling)
+{
+    // Disk figures that cannot be read: the watch stops with the reason in the log instead of throwing out of
+    // the host's thread.
+    FakeDisk unreadable(params(), {{kTiB, kTiB}},
+                        [](size_t) { throw std::runtime_error("no disk figures today"); });
+    EXPECT_FALSE(unreadable.run(logger));
+    EXPECT_EQ(unreadable.state(), PreprocessGuard::kStopped);
+    EXPECT_NE(log().find("Disk watchdog stopped: no disk figures today"), std::string::npos) << log();
+    EXPECT_FALSE(logger->errorHasOccurred());
+
+    // A host's alert callback that throws does not keep the guard from cancelling the run.
+    FakeDisk full(params(), {{kTiB, 5 * kGiB}});
+    full.memoryAlertCallBack([](const std::wstring&) { throw std::runtime_error("host is busy"); });
+    EXPECT_FALSE(full.run(logger));
+    EXPECT_EQ(full.state(), PreprocessGuard::kCancelledForDisk);
+    EXPECT_TRUE(fs::exists(toPath(cancelFile)));
+    EXPECT_TRUE(logger->errorHasOccurred());
+}
+
 TEST_F(Guard, CancelFileOrVanishedFolderStopsTheWatch)
 {
     touch(cancelFile);

@@ -1,156 +1,39 @@
-// The octree build from per-scan point files: where every point ends, how nodes are named, kept, dropped and
-// folded into their parents, and how cancels and failures end a build. The scans are written by the tests,
-// the tree is read back through its VRM and node files.
+// The octree build from per-scan point files: where every point ends, how nodes are named, kept, dropped,
+// filtered and folded into their parents, and how cancels and failures end a build. The scans are written by
+// the tests, the tree is read back through its VRM and node files.
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cmath>
 #include <filesystem>
 #include <functional>
-#include <random>
 #include <set>
+#include <thread>
 
-#include "cachefiles/CacheFiles.h"
-#include "cachefiles/MetaFile.h"
-#include "cachefiles/PntFiles.h"
-#include "cachefiles/PnzFiles.h"
 #include "cachefiles/VrmFile.h"
 #include "core/StringConversion.h"
-#include "octree/BuildTree.h"
-#include "services/Logger.h"
 #include "support/ErrorText.h"
-#include "support/FileText.h"
+#include "support/OctreeBuild.h"
 #include "support/TempFolder.h"
+#include "support/ThreadFaults.h"
 
 using namespace pc_preprocess;
+using pcp_test::OctreeBuild;
+using pcp_test::pointAt;
+using pcp_test::sparsePoints;
+using pcp_test::TreeWalk;
+using pcp_test::walkTree;
 namespace fs = std::filesystem;
 
 namespace
 {
 
-IoTransfo millimetres()
+std::multiset<std::tuple<int32_t, int32_t, int32_t>> positionsOf(const std::vector<IoLightPoint>& points)
 {
-    IoTransfo transfo;
-    transfo.scale = {0.001, 0.001, 0.001};
-    transfo.offset = {0.0, 0.0, 0.0};
-    return transfo;
-}
-
-IoLightPoint pointAt(int32_t x, int32_t y, int32_t z)
-{
-    IoLightPoint p;
-    p.x = x;
-    p.y = y;
-    p.z = z;
-    p.radius = 0.0f;
-    p.r = p.g = p.b = 1000;
-    p.intensity = 500;
-    return p;
-}
-
-// Points spread thinly through a cube of `edge` cells, far sparser than one per cell: no filter touches them.
-std::vector<IoLightPoint> sparsePoints(size_t count, int32_t edge, uint32_t seed)
-{
-    std::mt19937 random(seed);
-    std::uniform_int_distribution<int32_t> coordinate(0, edge);
-    std::vector<IoLightPoint> points;
-    points.reserve(count);
-    for (size_t i = 0; i < count; ++i)
-        points.push_back(pointAt(coordinate(random), coordinate(random), coordinate(random)));
-    return points;
-}
-
-// A cache folder with its logger, and scans written into its "Data" folder as a run leaves them.
-struct Build
-{
-    explicit Build(const pcp_test::TempFolder& temp)
-        : folder(toWide(temp.path() / "cache")), files(folder, L"cache", false, false)
-    {
-        fs::create_directories(toPath(folder) / "Data");
-        logger = std::make_shared<Logger>(files.getLogFile(), false, false);
-        logger->increaseStep("Read");
-    }
-
-    void addScan(const std::vector<IoLightPoint>& points, double filledArea = 0.0)
-    {
-        const std::wstring stem =
-            toWide(toPath(folder) / "Data" / ("scan-" + std::to_string(scans.size()) + "-0000-temp"));
-        ScanFiles scan;
-        scan.pntFile = stem + L".pnt";
-        scan.metaFile = stem + L".meta";
-        writeTuncatePNT(scan.pntFile, millimetres(), points);
-        MetaData meta;
-        for (const IoLightPoint& p : points)
-            meta.extents.extend(p);
-        if (points.empty())
-            meta.extents = ExtentsI32(0, 0, 0, 0, 0, 0);
-        meta.numPoints = points.size();
-        meta.filledArea = filledArea;
-        writeMetaFile(scan.metaFile, meta);
-        scans.push_back(scan);
-    }
-
-    void run(uint64_t threads = 2, const std::function<bool()>& cancel = nullptr)
-    {
-        SupportedAttributes attributes;
-        buildTree(scans, folder, files, millimetres(), attributes, threads, logger, false, false, false, "",
-                  geom::UnitsValue::kUnitsMeters, cancel);
-    }
-
-    fs::path data() const { return toPath(folder) / "Data"; }
-    std::string log() const { return pcp_test::readText(toPath(files.getLogFile())); }
-
-    std::wstring folder;
-    CacheFiles files;
-    std::shared_ptr<Logger> logger;
-    std::vector<ScanFiles> scans;
-};
-
-struct TreeWalk
-{
-    uint64_t nodes = 0;
-    uint64_t leaves = 0;
-    uint64_t leafPoints = 0;
-    std::multiset<std::tuple<int32_t, int32_t, int32_t>> leafPositions;
-};
-
-// Checks each node of the VRM against its PNZ: the count, the box, the limit of 65536, the name of each child
-// as its parent's name with one more digit, and gathers the points of the leaves.
-void walk(const fs::path& data, const VrmNode& node, TreeWalk& result)
-{
-    ++result.nodes;
-    const fs::path pnz = data / toPath(node.file).replace_extension(".pnz");
-    IoTransfo transfo;
-    std::vector<IoLightPoint> points;
-    readPNZ(toWide(pnz), transfo, points);
-    ASSERT_EQ(points.size(), node.numPoints) << pnz;
-    ASSERT_LE(points.size(), 65536u) << pnz;
+    std::multiset<std::tuple<int32_t, int32_t, int32_t>> positions;
     for (const IoLightPoint& p : points)
-    {
-        const double x = p.x * 0.001, y = p.y * 0.001, z = p.z * 0.001;
-        ASSERT_TRUE(x >= node.box[0] && y >= node.box[1] && z >= node.box[2] && x <= node.box[3] &&
-                    y <= node.box[4] && z <= node.box[5])
-            << pnz;
-    }
-    const std::wstring stem = toPath(node.file).stem().wstring();
-    for (size_t index = 0; index < node.children.size(); ++index)
-    {
-        EXPECT_EQ(toPath(node.children[index].file).stem().wstring(), stem + std::to_wstring(index));
-        walk(data, node.children[index], result);
-    }
-    if (node.children.empty())
-    {
-        ++result.leaves;
-        result.leafPoints += points.size();
-        for (const IoLightPoint& p : points)
-            result.leafPositions.insert({p.x, p.y, p.z});
-    }
-}
-
-TreeWalk walkTree(const Build& build)
-{
-    TreeWalk result;
-    walk(build.data(), readVrm(build.files.getTreeFile()), result);
-    return result;
+        positions.insert({p.x, p.y, p.z});
+    return positions;
 }
 
 }  // namespace
@@ -158,11 +41,14 @@ TreeWalk walkTree(const Build& build)
 TEST(Octree, EveryPointOfSparseScansEndsInExactlyOneLeaf)
 {
     pcp_test::TempFolder temp;
-    Build build(temp);
+    OctreeBuild build(temp);
+    // Two scans spread through the whole box, and one packed into a corner of it: the corner's child of the
+    // root holds far more than 65536 points, and so do its child and grandchild, which the split workers queue
+    // behind it.
     std::vector<IoLightPoint> all;
-    for (uint32_t scan = 0; scan < 3; ++scan)
+    for (const auto& points :
+         {sparsePoints(150000, 2'000'000, 1), sparsePoints(400000, 200'000, 2), sparsePoints(90000, 2'000'000, 3)})
     {
-        const auto points = sparsePoints(150000 + 20000 * scan, 2'000'000, scan);
         build.addScan(points);
         all.insert(all.end(), points.begin(), points.end());
     }
@@ -171,20 +57,18 @@ TEST(Octree, EveryPointOfSparseScansEndsInExactlyOneLeaf)
 
     const TreeWalk tree = walkTree(build);
     EXPECT_GE(tree.leaves, 8u);
+    // Root, corner child, its child, grandchild, and the octant of about 97000 points below that.
+    EXPECT_GE(tree.depth, 5u);
     EXPECT_EQ(tree.leafPoints, all.size());
-    std::multiset<std::tuple<int32_t, int32_t, int32_t>> expected;
-    for (const IoLightPoint& p : all)
-        expected.insert({p.x, p.y, p.z});
-    EXPECT_EQ(tree.leafPositions, expected);
+    EXPECT_EQ(tree.leafPositions, positionsOf(all));
     // The scans' files are consumed; only the tree's compressed nodes are left.
     for (const auto& entry : fs::directory_iterator(build.data()))
         EXPECT_EQ(entry.path().extension(), ".pnz") << entry.path();
     const std::string count = std::to_string(all.size());
-    EXPECT_NE(build.log().find("Points: " + count +
-                               " entered the tree, 0 removed by the filters, 0 dropped with "
-                               "children of fewer than 5 points, 0 outside the boxes of their node, " +
-                               count + " in " + std::to_string(tree.leaves) + " leaves"),
-              std::string::npos)
+    EXPECT_TRUE(build.logHas("Points: " + count +
+                             " entered the tree, 0 removed by the filters, 0 dropped with children of fewer than 5 "
+                             "points, 0 outside the boxes of their node, " +
+                             count + " in " + std::to_string(tree.leaves) + " leaves"))
         << build.log();
 }
 
@@ -193,7 +77,7 @@ TEST(Octree, ASingleNodeHoldsUpTo65536Points)
     for (const size_t count : {size_t(0), size_t(65536), size_t(65537)})
     {
         pcp_test::TempFolder temp;
-        Build build(temp);
+        OctreeBuild build(temp);
         build.addScan(sparsePoints(count, 1'000'000, 7));
         build.run();
         const VrmNode root = readVrm(build.files.getTreeFile());
@@ -224,7 +108,7 @@ TEST(Octree, TinyChildrenVanishAndTheRestFoldIntoTheirParent)
     };
     {
         pcp_test::TempFolder temp;
-        Build build(temp);
+        OctreeBuild build(temp);
         build.addScan(withCorner(65537));
         build.run();
         const VrmNode root = readVrm(build.files.getTreeFile());
@@ -232,13 +116,12 @@ TEST(Octree, TinyChildrenVanishAndTheRestFoldIntoTheirParent)
         const TreeWalk tree = walkTree(build);  // also checks that the digits are contiguous
         EXPECT_EQ(tree.leafPoints, 65538u);
         EXPECT_FALSE(fs::exists(build.data() / ("0" + std::to_string(root.children.size()) + ".pnz")));
-        EXPECT_NE(build.log().find("4 dropped with children of fewer than 5 points"), std::string::npos)
-            << build.log();
+        EXPECT_TRUE(build.logHas("4 dropped with children of fewer than 5 points")) << build.log();
     }
     {
         // Without the four, 65536 points remain below the root, all in leaves: they fold into the root.
         pcp_test::TempFolder temp;
-        Build build(temp);
+        OctreeBuild build(temp);
         build.addScan(withCorner(65535));
         build.run();
         const VrmNode root = readVrm(build.files.getTreeFile());
@@ -249,64 +132,139 @@ TEST(Octree, TinyChildrenVanishAndTheRestFoldIntoTheirParent)
     }
 }
 
-TEST(Octree, DenseDataIsThinnedAndTheLogAccountsForEveryPoint)
+TEST(Octree, DenseDataWithoutPanoramasMergesPointsOfOneCell)
 {
     pcp_test::TempFolder temp;
-    Build build(temp);
-    // A floor of 600 x 600 mm sampled ten times per cell: the filter must thin it.
+    OctreeBuild build(temp);
+    // A floor of 600 x 600 mm sampled three times per millimetre cell, twice at height 0 and once at 1. Each
+    // child of the root (150 x 300 x 2 cells) holds more points than cells, so it goes through the filter,
+    // which merges the points of one cell: two points per column are left, and the grandchildren of 75 x 75
+    // columns that hold them are sparse enough to keep.
     std::vector<IoLightPoint> points;
+    std::vector<IoLightPoint> distinct;
     for (int32_t x = 0; x < 600; ++x)
         for (int32_t y = 0; y < 600; ++y)
+        {
             for (int k = 0; k < 3; ++k)
                 points.push_back(pointAt(x, y, k % 2));
+            distinct.push_back(pointAt(x, y, 0));
+            distinct.push_back(pointAt(x, y, 1));
+        }
     build.addScan(points);
     build.run();
     const TreeWalk tree = walkTree(build);
-    EXPECT_LT(tree.leafPoints, points.size());
-    EXPECT_GT(tree.leafPoints, 600u * 600u / 16);
-    const std::string log = build.log();
-    const std::string removed = std::to_string(points.size() - tree.leafPoints);
-    EXPECT_NE(log.find("Points: " + std::to_string(points.size()) + " entered the tree, " + removed +
-                       " removed by the filters"),
-              std::string::npos)
-        << log;
+    EXPECT_EQ(tree.leafPoints, distinct.size());
+    EXPECT_EQ(tree.leafPositions, positionsOf(distinct));
+    EXPECT_TRUE(build.logHas("Points: 1080000 entered the tree, 360000 removed by the filters")) << build.log();
 }
 
-TEST(Octree, CancelEndsEachStageAndAFailingWorkerFailsTheBuild)
+TEST(Octree, PanoramaScansKeepOnePointPerCellOfTheirSpacing)
 {
-    for (const int cancelAt : {1, 3, 6})
+    // Floors sampled every millimetre, their points 12 m from the scanner, with the filled area that makes the
+    // spacing factor sqrt(filledArea / points) * 1.7 exactly 0.001: every point's radius becomes 12 mm. The
+    // filter resolves that in cells of 16 mm (the first level whose 2^(level + 1) cells reach the radius over
+    // the half diagonal of a step), keeps one averaged point per cell, and gives it the half diagonal of its
+    // cell as radius. A root of 256 x 256 points is filtered alone; one of 512 x 512 is split, and its
+    // children, kept from filtering by no rule while they are this small, are filtered each.
+    const double halfDiagonal = 0.5 * std::sqrt(3.0) * 0.001;
+    const auto cellRadius = static_cast<float>(16 * halfDiagonal);
+    for (const int32_t side : {256, 512})
     {
         pcp_test::TempFolder temp;
-        Build build(temp);
-        build.addScan(sparsePoints(400000, 2'000'000, 11));
-        std::atomic<int> calls{0};
-        EXPECT_EQ(pcp_test::errorText([&] { build.run(2, [&] { return ++calls >= cancelAt; }); }),
+        OctreeBuild build(temp);
+        std::vector<IoLightPoint> floor;
+        for (int32_t x = 0; x < side; ++x)
+            for (int32_t y = 0; y < side; ++y)
+                floor.push_back(pointAt(x, y, 0, 12.0f));
+        const double n = double(floor.size());
+        build.addScan(floor, n * std::pow(0.001 / 1.7, 2));
+        build.run();
+
+        const TreeWalk tree = walkTree(build);
+        const uint64_t cells = uint64_t(side / 16) * uint64_t(side / 16);
+        EXPECT_EQ(tree.leafPoints, cells) << side;
+        EXPECT_EQ(tree.leafRadii.count(cellRadius), cells) << side;
+        std::set<std::pair<int32_t, int32_t>> occupied;
+        for (const auto& [x, y, z] : tree.leafPositions)
+            occupied.insert({x / 16, y / 16});
+        EXPECT_EQ(occupied.size(), cells) << side;
+    }
+}
+
+TEST(Octree, CancelsAndFailuresEndEachStageCleanly)
+{
+    // Each stage is told apart by the log line that opens it, so that the cancel, or the failure, lands in
+    // that stage and no other.
+    const std::string stages[] = {"Started splitting root", "Started splitting threaded",
+                                  "Started merging threaded"};
+    const auto withScan = [](const pcp_test::TempFolder& temp)
+    {
+        auto build = std::make_unique<OctreeBuild>(temp);
+        build->addScan(sparsePoints(400000, 2'000'000, 11));
+        return build;
+    };
+    for (const std::string& stage : stages)
+    {
+        pcp_test::TempFolder temp;
+        const auto build = withScan(temp);
+        EXPECT_EQ(pcp_test::errorText([&] { build->run(2, [&] { return build->logHas(stage); }); }),
                   "Preprocessing cancelled by user.")
-            << cancelAt;
-        build.logger.reset();
-        EXPECT_EQ(pcp_test::readText(toPath(build.files.getLogFile()).replace_extension(".pct")), "CANCEL");
+            << stage;
+        EXPECT_FALSE(build->logHas("Finished" + stage.substr(7))) << stage;
+        EXPECT_FALSE(fs::exists(build->data() / "0.pnz")) << stage;
+        EXPECT_FALSE(fs::exists(toPath(build->files.getTreeFile()))) << stage;
+        EXPECT_EQ(build->finalPercentage(), "CANCEL") << stage;
+    }
+
+    // A cancel test that throws on a worker thread, and a worker that cannot be started, fail the stage of
+    // their pool with the reason in the log; nothing escapes a thread. The split pool starts the first two
+    // threads, the merge pool the next two.
+    const std::thread::id host = std::this_thread::get_id();
+    for (const size_t pool : {0, 1})
+    {
+        const std::string stage = pool == 0 ? "splitting" : "merging";
+        const std::string failure = "buildTree ERROR : " + stage + " threaded failed.";
+        const std::string logged = pool == 0 ? "ERROR splitting threaded :\n\t" : "ERROR merging threaded:\n\t";
+        {
+            pcp_test::TempFolder temp;
+            const auto build = withScan(temp);
+            const auto onWorkerInStage = [&]
+            { return std::this_thread::get_id() != host && build->logHas(stages[pool + 1]); };
+            EXPECT_EQ(pcp_test::errorText([&] { build->run(2, pcp_test::cancelThatThrowsWhen(onWorkerInStage)); }),
+                      failure);
+            const std::string log = build->logWithHeldErrors();
+            EXPECT_NE(log.find(logged + pcp_test::cancelFailureText()), std::string::npos) << log;
+            EXPECT_EQ(build->finalPercentage(), "FAIL");
+        }
+        {
+            pcp_test::TempFolder temp;
+            const auto build = withScan(temp);
+            EXPECT_EQ(pcp_test::errorText([&] { build->run(2, nullptr, pcp_test::threadStartFailingAt(2 * pool + 2)); }),
+                      failure);
+            const std::string log = build->logWithHeldErrors();
+            EXPECT_NE(log.find(logged + "Could not start worker thread 2 of 2"), std::string::npos) << log;
+            EXPECT_EQ(build->finalPercentage(), "FAIL");
+        }
     }
 
     // A leaf's file that vanishes before the merge (taken away here when the split stage asks for a cancel):
     // the merging worker's error fails the build and is held in the log.
     pcp_test::TempFolder temp;
-    Build build(temp);
-    build.addScan(sparsePoints(400000, 2'000'000, 12));
-    bool removed = false;
+    const auto build = withScan(temp);
+    std::atomic<bool> removed = false;
     const std::string error = pcp_test::errorText(
         [&]
         {
-            build.run(2,
-                      [&]
-                      {
-                          if (!removed && fs::exists(build.data() / "00.pnz") &&
-                              !fs::exists(build.data() / "0.pnt"))
-                              removed = fs::remove(build.data() / "00.pnz");
-                          return false;
-                      });
+            build->run(2,
+                       [&]
+                       {
+                           if (!removed && build->logHas(stages[1]) && !build->logHas(stages[2]) &&
+                               fs::remove(build->data() / "00.pnz"))
+                               removed = true;
+                           return false;
+                       });
         });
     EXPECT_TRUE(removed);
     EXPECT_EQ(error, "buildTree ERROR : merging threaded failed.");
-    build.logger.reset();
-    EXPECT_EQ(pcp_test::readText(toPath(build.files.getLogFile()).replace_extension(".pct")), "FAIL");
+    EXPECT_EQ(build->finalPercentage(), "FAIL");
 }

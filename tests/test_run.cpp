@@ -32,6 +32,7 @@
 #include "support/FileText.h"
 #include "support/PtsSamples.h"
 #include "support/TempFolder.h"
+#include "support/ThreadFaults.h"
 
 using namespace pc_preprocess;
 using pcp_test::errorText;
@@ -60,8 +61,8 @@ struct Cache
     std::vector<ScanFiles> run(const std::vector<InputFileData>& inputs, unsigned threads = 2,
                                bool convertOnly = true)
     {
-        return LibAccessor().runFull(wideFolder, inputs, files, L"my cäche", kStep, threads, false, false,
-                                     false, logger, convertOnly);
+        return accessor.runFull(wideFolder, inputs, files, L"my cäche", kStep, threads, false, false, false,
+                                logger, convertOnly);
     }
 
     std::string log() const { return readText(toPath(files.getLogFile())); }
@@ -76,10 +77,11 @@ struct Cache
     std::wstring wideFolder;
     CacheFiles files;
     std::shared_ptr<Logger> logger;
+    LibAccessor accessor;
 };
 
-// Many small inputs, so that a run on one thread is still reading when something interrupts it. All have the
-// same size, so the worker takes the last one first: "<prefix>-299-0000-temp.pnt" is the first scan file.
+// Many small inputs, so that a run on one thread is still reading when something interrupts it as soon as the
+// first scan file appears.
 std::vector<InputFileData> manySmallInputs(const pcp_test::TempFolder& temp, const std::wstring& prefix)
 {
     std::vector<InputFileData> inputs;
@@ -90,6 +92,13 @@ std::vector<InputFileData> manySmallInputs(const pcp_test::TempFolder& temp, con
         inputs.emplace_back(input, 1.0);
     }
     return inputs;
+}
+
+// True once the run has written its first scan file: it is then reading, with most of its inputs still ahead.
+bool readingHasBegun(const fs::path& cacheFolder)
+{
+    std::error_code error;
+    return fs::exists(cacheFolder / "Data", error) && !fs::is_empty(cacheFolder / "Data", error);
 }
 
 IoLightPoint expectedPoint(const pcp_test::PtsSample& s, const IoTransfo& transfo)
@@ -112,12 +121,15 @@ TEST(Run, ConvertOnlyRunKeepsEveryValidPointOfEveryInput)
     noColour.malformedEvery = 1000;
     pcp_test::PtsFileLayout plain;
     plain.countLine = false;
+    pcp_test::PtsFileLayout wide;
+    wide.valueFactor = 4;
 
-    // The first input decides the transfo and the colour modes: 8-bit intensity and colour.
+    // The first input decides the transfo and the colour modes, 16-bit intensity and colour, for every input
+    // that declares none: the third, whose values alone would read as 8-bit, keeps them as they are.
     const std::wstring first = temp.file(L"rüum-1.pts");
     const std::wstring second = temp.file(L"房间-2.pts");
     const std::wstring third = temp.file(L"room-3.xyz");  // unknown extension: read as PTS
-    const auto samples1 = pcp_test::writePtsFile(first, 70000);
+    const auto samples1 = pcp_test::writePtsFile(first, 70000, wide);
     const auto samples2 = pcp_test::writePtsFile(second, 20000, noColour, 70000);
     const auto samples3 = pcp_test::writePtsFile(third, 5000, plain, 90000);
 
@@ -148,10 +160,11 @@ TEST(Run, ConvertOnlyRunKeepsEveryValidPointOfEveryInput)
             ASSERT_EQ(points[i].x, want.x) << name << " point " << i;
             ASSERT_EQ(points[i].y, want.y) << name << " point " << i;
             ASSERT_EQ(points[i].z, want.z) << name << " point " << i;
-            ASSERT_EQ(points[i].intensity, samples[i].intensity * 256) << name << " point " << i;
+            ASSERT_EQ(points[i].intensity, samples[i].intensity) << name << " point " << i;
             if (name != "房间-2-0000-temp.pnt")
             {
-                ASSERT_EQ(points[i].r, samples[i].r << 8) << name << " point " << i;
+                ASSERT_EQ(points[i].r, samples[i].r) << name << " point " << i;
+                ASSERT_EQ(points[i].b, samples[i].b) << name << " point " << i;
             }
             ASSERT_TRUE(meta.extents.contains(points[i])) << name << " point " << i;
         }
@@ -171,8 +184,13 @@ TEST(Run, ConvertOnlyRunKeepsEveryValidPointOfEveryInput)
     EXPECT_EQ(readText(cache.folder / "cache.pct"), "17");
     const std::string log = cache.log();
     EXPECT_NE(log.find("Running with 2 threads."), std::string::npos);
-    // The second file has no colour: it cannot match the 8-bit colour the run decided on.
-    EXPECT_NE(log.find("has color/intensity mismatch"), std::string::npos);
+    // The second file has no colour and the third 8-bit values: neither matches the mode of the run.
+    EXPECT_NE(log.find(ws2s(second) + " \n\thas color/intensity mismatch, RGB measured=4; specified=1 \n\t"
+                                      "Intensity measured=2; specified=3"),
+              std::string::npos)
+        << log;
+    EXPECT_NE(log.find(ws2s(third) + " \n\thas color/intensity mismatch, RGB measured=2; specified=1"),
+              std::string::npos);
 }
 
 TEST(Run, PtxProjectGivesEachScanItsPoseDistancesAndPanorama)
@@ -295,6 +313,32 @@ TEST(Run, FailuresLeaveOnlyTheLog)
     EXPECT_EQ(cache.finalPercentage(), "FAIL");
 }
 
+TEST(Run, FailuresOutsideAnyStageEndTheSameWay)
+{
+    // A cancel test that cannot tell whether the cancel file exists (here a link that loops), and a worker that
+    // cannot be started: the run fails like any other, with the reason in the log and only the log left.
+    pcp_test::TempFolder temp;
+    const std::wstring input = temp.file(L"a.pts");
+    pcp_test::writePtsFile(input, 1000);
+    const std::string undecidable = "ERROR preprocessing :\n\tfilesystem error: exists";
+    const std::string unstarted = "ERROR reading :\n\tCould not start worker thread 1 of ";
+    for (const std::string& reason : {undecidable, unstarted})
+    {
+        fs::remove_all(temp.path() / "cäche-缓存");
+        Cache cache(temp);
+        if (reason == undecidable)
+            fs::create_symlink("cancel", cache.folder / "cancel");
+        else
+            cache.accessor.useThreadStarter(pcp_test::threadStartFailingAt(1));
+        EXPECT_EQ(errorText([&] { cache.run({InputFileData(input, 1.0)}); }),
+                  "Preprocessing failed: see " + ws2s(cache.files.getLogFile()));
+        EXPECT_EQ(entriesOf(cache.folder), std::set<std::string>{"cache.log"});
+        EXPECT_NE(cache.log().find(reason), std::string::npos) << cache.log();
+        EXPECT_NE(cache.log().find("Disk capacity  = "), std::string::npos);
+        EXPECT_EQ(cache.finalPercentage(), "FAIL");
+    }
+}
+
 TEST(Run, CancelFileEndsTheRunWithOnlyTheLog)
 {
     pcp_test::TempFolder temp;
@@ -318,7 +362,7 @@ TEST(Run, CancelFileEndsTheRunWithOnlyTheLog)
         std::thread canceller(
             [&]
             {
-                while (!stop && !fs::exists(cache.folder / "Data" / "part-299-0000-temp.pnt"))
+                while (!stop && !readingHasBegun(cache.folder))
                     std::this_thread::sleep_for(std::chrono::microseconds(200));
                 std::ofstream(cache.folder / "cancel").flush();
             });
@@ -364,6 +408,32 @@ TEST(Run, ThreadedConversionTakesLargestFirstAndStopsQuietlyAtCancel)
         cache.wideFolder, inputs, transfo, mode, 1, false, cache.logger, [&] { return ++calls > 2; });
     EXPECT_TRUE(cancelledScans.empty());
     EXPECT_FALSE(cache.logger->errorHasOccurred());
+
+    // A cancel test that throws, in the workers' loop or inside an importer, and a worker that cannot be
+    // started: every worker ends, and the failure comes out once all are joined instead of ending the process.
+    // Each stage has a logger of its own, as in a run, whose progress only grows.
+    const auto freshLogger = [&] { return std::make_shared<Logger>(temp.file(L"stage.log"), false, false); };
+    std::atomic<int> asked = 0;
+    const auto throwing = freshLogger();
+    EXPECT_EQ(errorText(
+                  [&]
+                  {
+                      LibAccessor().convertFilesThreaded(
+                          cache.wideFolder, inputs, transfo, mode, 2, false, throwing,
+                          pcp_test::cancelThatThrowsWhen([&] { return ++asked > 3; }));
+                  }),
+              pcp_test::cancelFailureText());
+    const auto unstarted = freshLogger();
+    LibAccessor accessor;
+    accessor.useThreadStarter(pcp_test::threadStartFailingAt(2));
+    EXPECT_EQ(errorText(
+                  [&]
+                  {
+                      accessor.convertFilesThreaded(cache.wideFolder, inputs, transfo, mode, 3, false,
+                                                    unstarted, {});
+                  }),
+              "Could not start worker thread 2 of 3: thread start: Resource temporarily unavailable");
+    EXPECT_FALSE(unstarted->errorHasOccurred());
 }
 
 TEST(Run, FullDiskEndsInFailWithOnlyTheLog)
@@ -443,18 +513,27 @@ TEST(Run, WatchdogWarnsThenCancelsTheRun)
     std::thread watcher(
         [&]
         {
-            while (!fs::exists(cache.folder / "Data" / "w-299-0000-temp.pnt") &&
-                   !fs::exists(toPath(params.finishedFile)))
+            while (!readingHasBegun(cache.folder) && !fs::exists(toPath(params.finishedFile)))
                 std::this_thread::sleep_for(std::chrono::microseconds(200));
             guard.run(cache.logger);
         });
     const std::string outcome = errorText([&] { cache.run(inputs, 1); });
+    // As a host does once the run has returned: the guard is stopped and joined before anyone looks at the
+    // folder, so that nothing of the guard's is still on its way.
     std::ofstream(toPath(params.finishedFile)).flush();
+    guard.stop();
     watcher.join();
 
     EXPECT_EQ(guard.state(), PreprocessGuard::kCancelledForDisk);
     EXPECT_EQ(warnings.size(), 1u);
     EXPECT_EQ(outcome, "Preprocessing failed: see " + ws2s(cache.files.getLogFile()));
-    EXPECT_EQ(entriesOf(cache.folder), std::set<std::string>{"cache.log"});
+    EXPECT_NE(cache.log().find("ALERT: available disk space lower than"), std::string::npos) << cache.log();
+    // The guard raises its error before it writes the cancel file, so that the run ends as failed and not as
+    // cancelled; a run that stops at the error may clean its folder before that file lands. The file is then
+    // the guard's, left for the host to remove before its next run in this folder; the run itself leaves only
+    // its log.
+    std::set<std::string> left = entriesOf(cache.folder);
+    left.erase("cancel");
+    EXPECT_EQ(left, std::set<std::string>{"cache.log"});
     EXPECT_EQ(cache.finalPercentage(), "FAIL");
 }

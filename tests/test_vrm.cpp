@@ -20,6 +20,7 @@
 #include "support/JsonText.h"
 #include "support/SyntheticCache.h"
 #include "support/TempFolder.h"
+#include "support/ThreadFaults.h"
 
 using namespace pc_preprocess;
 using pcp_test::errorText;
@@ -362,4 +363,11 @@ TEST(CacheCompression, FailedWorkersAreReportedTogether)
     for (const auto& [stem, points] : cache.points)
         if (stem != "0")
             expectSamePoints(readNode(cache.nodeFile(stem, ".pnz")), points, stem);
+
+    // A worker that cannot be started: the one already running stops after its file and is joined, and each
+    // node is left in one form.
+    EXPECT_EQ(errorText([&] { decompressor(toWide(cache.vrm), 3, pcp_test::threadStartFailingAt(2)); }),
+              "Could not start worker thread 2 of 3: thread start: Resource temporarily unavailable");
+    for (const auto& [stem, points] : cache.points)
+        EXPECT_NE(fs::exists(cache.nodeFile(stem, ".pnt")), fs::exists(cache.nodeFile(stem, ".pnz"))) << stem;
 }

@@ -35,7 +35,9 @@ std::vector<PtsSample> writePtsFile(const std::wstring& path, uint64_t count, co
         std::fprintf(file.get(), "%llu\n", static_cast<unsigned long long>(count));
     for (uint64_t k = 0; k < count; ++k)
     {
-        const PtsSample s = ptsSample(first + k);
+        PtsSample s = ptsSample(first + k);
+        for (int* value : {&s.intensity, &s.r, &s.g, &s.b})
+            *value *= layout.valueFactor;
         samples.push_back(s);
         std::fprintf(file.get(), "%.4f %.4f %.4f", s.x, s.y, s.z);
         if (layout.intensity)

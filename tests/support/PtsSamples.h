@@ -11,8 +11,8 @@ namespace pcp_test
 struct PtsSample
 {
     double x, y, z;
-    int intensity;  // 0..255
-    int r, g, b;    // 0..255
+    int intensity;  // 0..255 times the file's value factor
+    int r, g, b;    // 0..255 times the file's value factor
 };
 
 PtsSample ptsSample(uint64_t index);
@@ -23,6 +23,7 @@ struct PtsFileLayout
     bool colour = true;
     bool countLine = true;        // the usual first line holding the point count
     uint64_t malformedEvery = 0;  // a broken line after every n-th point; 0 for none
+    int valueFactor = 1;          // intensity and colours are written times this: above 1 they leave 8 bits
 };
 
 // Writes points first .. first + count - 1 of the sample sequence as a PTS file; returns the valid points.
