@@ -220,7 +220,9 @@ TEST(Ptx, SkipsMissingReturnsAndClampsBrightOnesWithAnyLineEnd)
                               : std::to_string(i) + " 20 -30 0.5" + end;
         const std::wstring file = writeFile(folder, L"grid.ptx", text + end);
         const Conversion c = convert(folder, file, 0.001);
-        EXPECT_EQ(c.probe.colorMode, ColorMode(kRgbFromIntensity, kIntensityUnit));
+        // The intensity stands in for the colour in the range as in the points: a file without colour
+        // hands a run the 8-bit mode, which keeps the colours of inputs that follow it.
+        EXPECT_EQ(c.probe.colorMode, ColorMode(kRgb8Bit, kIntensityUnit));
         ASSERT_EQ(c.scans.size(), 1u);
         const std::vector<IoLightPoint>& points = c.scans[0];
         ASSERT_EQ(points.size(), 99u);
@@ -236,7 +238,8 @@ TEST(Ptx, SkipsMissingReturnsAndClampsBrightOnesWithAnyLineEnd)
         // One warning for the file, at its first bright line.
         ASSERT_EQ(c.warnings.size(), 1u) << end.size();
         EXPECT_EQ(ws2s(c.warnings[0]),
-                  "PTX warning: " + ws2s(file) + "\n\tLine number 18\n\t" + formatText("7 0 0 1.5") + "\n");
+                  "PTX warning: " + ws2s(file) + "\n\tLine number 18\n\t" + formatText("7 0 0 1.5", true) +
+                      "\n");
     }
 }
 
@@ -267,12 +270,13 @@ TEST(Ptx, BrokenFilesFailWithTheirTextAndLine)
          R"(Expected "double double double" (scanner registered position/axes).)", 5},
         {badTranslation + points, R"(Expected "double double double 1.0" (translation))", 10},
         {badRotation + points, R"(Expected "double double double 0.0" (rotation matrix).)", 8},
-        {scan + "1 2 3 0.5 7\n", formatText("1 2 3 0.5 7"), 11},
-        {scan + "1 2 3 -0.5\n", formatText("1 2 3 -0.5"), 11},
-        {scan + "1 2 3 0.5 0 0 65536\r\n", formatText("1 2 3 0.5 0 0 65536"), 11},
+        {scan + "1 2 3 0.5 7\n", formatText("1 2 3 0.5 7", true), 11},
+        {scan + "1 2 3 -0.5\n", formatText("1 2 3 -0.5", true), 11},
+        {scan + "1 2 3 0.5 0 0 65536\r\n", formatText("1 2 3 0.5 0 0 65536", true), 11},
         {scan + "1 2 3 0.5 1 2 3\n4 5 6 0.5\n", "Less lines in file than indicated in header.", 12},
-        {scan + points.substr(0, 38), "Less lines in file than indicated in header.", 13},
-        {header(4000000000, 4000000000) + "1 2 3 0.5\n", "Less lines in file than indicated in header.", 12},
+        // The line number is that of the last line read.
+        {scan + points.substr(0, 38), "Less lines in file than indicated in header.", 12},
+        {header(4000000000, 4000000000) + "1 2 3 0.5\n", "Less lines in file than indicated in header.", 11},
         {scan + points + scan.substr(0, 18),
          R"(Expected "double double double" (scanner registered position/axes).)", 19},
     };
@@ -303,6 +307,14 @@ TEST(Ptx, BrokenFilesFailWithTheirTextAndLine)
                           .run(cache, sixteenBit.probe.transfo, false, {}, {});
                   }),
               ptxError(wide, formatText("1 2 3 0.5 256 0 0", true), 11));
+    // Only a run that reads 16-bit channels leaves the 8-bit range out of the text.
+    const std::wstring dark = writeFile(folder, L"dark.ptx", scan + "1 2 3 -0.5 256 0 0\n");
+    EXPECT_EQ(errorText(
+                  [&] {
+                      Ptx(dark, 1.0, ColorMode(kRgb16Bit, kIntensityUnit))
+                          .run(cache, sixteenBit.probe.transfo, false, {}, {});
+                  }),
+              ptxError(dark, formatText("1 2 3 -0.5 256 0 0"), 11));
 
     const std::wstring empty = writeFile(folder, L"empty.ptx", "");
     EXPECT_EQ(errorText([&] { Ptx(empty, 1.0, ColorMode()).probe(kStep, {}); }),
