@@ -4,6 +4,7 @@
 // the point files are read back.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstdio>
@@ -319,6 +320,52 @@ TEST(Ptx, BrokenFilesFailWithTheirTextAndLine)
     const std::wstring empty = writeFile(folder, L"empty.ptx", "");
     EXPECT_EQ(errorText([&] { Ptx(empty, 1.0, ColorMode()).probe(kStep, {}); }),
               ptxError(empty, "Could not open file."));
+}
+
+namespace
+{
+
+// A PTX importer that counts its work against half the file: a fault that the run must see, not hide.
+class HalfTotalPtx : public Ptx
+{
+public:
+    using Ptx::Ptx;
+    int64_t workTotal() const override { return Ptx::workTotal() / 2; }
+};
+
+// The fractions that a run of `importer` reports.
+std::vector<double> progressOf(Convertor& importer, const pcp_test::TempFolder& folder, const IoTransfo& grid)
+{
+    const std::wstring cache = toWide(folder.path() / "cache");
+    std::filesystem::create_directories(toPath(Convertor::getPointFolder(cache)));
+    std::vector<double> fractions;
+    importer.run(cache, grid, false, [&](double fraction) { fractions.push_back(fraction); }, {});
+    return fractions;
+}
+
+}  // namespace
+
+TEST(Ptx, ProgressIsTheImportersOwnCount)
+{
+    pcp_test::TempFolder folder;
+    std::string text = header(2, 2);
+    for (int i = 1; i <= 4; ++i)
+        text += std::to_string(i) + " 0 0 0.5\n";
+    const std::wstring file = writeFile(folder, L"progress.ptx", text);
+    const ProbeResult probe = Ptx(file, 1.0, ColorMode()).probe(kStep, {});
+
+    Ptx sound(file, 1.0, probe.colorMode);
+    const std::vector<double> fractions = progressOf(sound, folder, probe.transfo);
+    ASSERT_FALSE(fractions.empty());
+    EXPECT_TRUE(std::is_sorted(fractions.begin(), fractions.end()));
+    EXPECT_EQ(fractions.back(), 1.0);
+
+    // Counted past its total, the fraction goes out as it is: the conversion's check refuses it with "fraction
+    // should be in between 0.0 and 1.0.".
+    HalfTotalPtx overshooting(file, 1.0, probe.colorMode);
+    const std::vector<double> beyond = progressOf(overshooting, folder, probe.transfo);
+    ASSERT_FALSE(beyond.empty());
+    EXPECT_GT(beyond.back(), 1.9);
 }
 
 // Every input the fuzz target keeps, the ones that once failed among them, must pass its checks here too.
