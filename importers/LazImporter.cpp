@@ -22,6 +22,8 @@ namespace
 
 // The highest point format this importer reads.
 constexpr unsigned kLastPointFormat = 10;
+// The first of the LAS 1.4 formats, whose records hold the class in a byte of its own.
+constexpr unsigned kFirstExtendedFormat = 6;
 
 bool formatHasColor(unsigned format)
 {
@@ -148,6 +150,7 @@ void LazImporter::processBatch(std::vector<IoLightPoint>& batch, const Discretiz
     if (!projecting && !transfo.isDiagonal)
         throw std::runtime_error("Discretization should be diagonal for LAS.\n");
     const laszip_point& p = m_reader->point();
+    const bool extendedClasses = m_reader->header().point_data_format >= kFirstExtendedFormat;
     if (m_lazsFile && (p.num_extra_bytes != laz::kLazsExtraBytes || p.extra_bytes == nullptr))
         throw std::runtime_error("LAZ error: m_pPoint does not provide for extra bytes");
 
@@ -190,7 +193,9 @@ void LazImporter::processBatch(std::vector<IoLightPoint>& batch, const Discretiz
             point.r = point.g = point.b = p.intensity;
             colour.add(p.intensity);
         }
-        point.classification = p.classification;
+        // From format 6 on the class has a byte of its own; LASzip's legacy field holds only the classes below
+        // 32 and reads 0 for the others. The cache keeps the low 5 bits, as Las does.
+        point.classification = (extendedClasses ? p.extended_classification : p.classification) & 0x1F;
         if (m_lazsFile)
         {
             const geom::Vector3d normal = decodeNormal(p.extra_bytes);

@@ -21,6 +21,7 @@
 #include "scanview/NormalCodes.h"
 #include "support/ErrorText.h"
 #include "support/FileText.h"
+#include "support/LasSamples.h"
 #include "support/TempFolder.h"
 #include "support/TestData.h"
 
@@ -159,6 +160,28 @@ TEST(LazImporter, CompressedAndPlainTwinsGiveTheSamePoints)
     // The independent LAS reader agrees with LASzip on the plain file.
     Las independent(toWide(las), 1.0, kLasMode);
     expectSamePoints(readAll(independent), fromLas);
+}
+
+TEST(LazImporter, ExtendedClassesAreTheirLowFiveBitsAsInLas)
+{
+    // Format 6 keeps the class in a byte of its own, where classes of 32 and above exist; LASzip's legacy
+    // field reads 0 for them.
+    pcp_test::TempFolder folder;
+    pcp_test::LasLayout f6;
+    f6.versionMinor = 4;
+    f6.pointFormat = 6;
+    const std::wstring path = folder.file(L"f6.las");
+    pcp_test::writeBytes(toPath(path), pcp_test::lasFileBytes(f6, {{1, 2, 3, 9, 40}, {4, 5, 6, 9, 5},
+                                                                   {7, 8, 9, 9, 31}, {1, 1, 1, 9, 255}}));
+    LazImporter laz(path, 1.0, kLasMode);
+    Las las(path, 1.0, kLasMode);
+    const std::vector<IoLightPoint> fromLaz = readAll(laz);
+    expectSamePoints(fromLaz, readAll(las));
+    ASSERT_EQ(fromLaz.size(), 4u);
+    EXPECT_EQ(fromLaz[0].classification, 40 & 31);
+    EXPECT_EQ(fromLaz[1].classification, 5);
+    EXPECT_EQ(fromLaz[2].classification, 31);
+    EXPECT_EQ(fromLaz[3].classification, 31);
 }
 
 TEST(LazImporter, RealFilesGiveTheCountsAndBoxesOfTheirHeaders)
