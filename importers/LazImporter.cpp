@@ -74,6 +74,7 @@ SupportedAttributes LazImporter::getSupportedAttributes()
     attributes.classification = true;
     attributes.intensity = true;
     attributes.color = m_hasColor;
+    attributes.normals = m_hasNormals;
     return attributes;
 }
 
@@ -88,7 +89,8 @@ void LazImporter::openGroup()
     m_reader = std::make_unique<laz::LazReader>(toPath(m_path));
     const laszip_header& header = m_reader->header();
     m_compressed = m_reader->isCompressed() ? 1 : 0;
-    const std::array<double, 3> lasScale = {header.x_scale_factor, header.y_scale_factor, header.z_scale_factor};
+    const std::array<double, 3> lasScale = {header.x_scale_factor, header.y_scale_factor,
+                                            header.z_scale_factor};
     const std::array<double, 3> lasOffset = {header.x_offset, header.y_offset, header.z_offset};
 
     m_nrPoints = std::max<uint64_t>(header.number_of_point_records, header.extended_number_of_point_records);
@@ -124,6 +126,7 @@ void LazImporter::openGroup()
     m_pointsRemaining = m_nrPoints;
     m_pointsDone = 0;
     m_lazsFile = isLazsHeader(header);
+    m_hasNormals = m_lazsFile;
 }
 
 void LazImporter::closeGroup()
@@ -193,8 +196,8 @@ void LazImporter::processBatch(std::vector<IoLightPoint>& batch, const Discretiz
             point.r = point.g = point.b = p.intensity;
             colour.add(p.intensity);
         }
-        // From format 6 on the class has a byte of its own; LASzip's legacy field holds only the classes below
-        // 32 and reads 0 for the others. The cache keeps the low 5 bits, as Las does.
+        // From format 6 on the class has a byte of its own; LASzip's legacy field holds only the classes
+        // below 32 and reads 0 for the others. The cache keeps the low 5 bits, as Las does.
         point.classification = (extendedClasses ? p.extended_classification : p.classification) & 0x1F;
         if (m_lazsFile)
         {
