@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "core/CurrentExceptionName.h"
+#include "core/ErrorWithReason.h"
 #include "core/FileFormat.h"
 #include "core/ImporterFactory.h"
 #include "core/LibAccessor.h"
@@ -188,7 +189,7 @@ struct ReadStage
             catch (const std::exception& e)
             {
                 if (!cancelRequested())
-                    logger->error("ERROR reading " + file + " :\n\t" + e.what());
+                    logger->error("ERROR reading " + file + " :\n\t" + logText(e));
             }
             catch (...)
             {

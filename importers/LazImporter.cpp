@@ -9,6 +9,7 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "core/ErrorWithReason.h"
 #include "core/StringConversion.h"
 #include "importers/laz/LazReader.h"
 #include "importers/laz/LazsLayout.h"
@@ -255,9 +256,9 @@ void LazImporter::readFailed(size_t pointsOfBatch)
     // The scan ends here; the points of the batch go with the exception.
     m_pointsRemaining = 0;
     m_pointsDone += pointsOfBatch;
-    const std::string reason = m_reader->readFailure();
-    throw std::runtime_error("LAZ error: Fail to read point " + std::to_string(m_pointsDone) + " of " +
-                             std::to_string(m_nrPoints) + "!" + (reason.empty() ? "" : " " + reason));
+    throw ErrorWithReason("LAZ error: Fail to read point " + std::to_string(m_pointsDone) + " of " +
+                              std::to_string(m_nrPoints) + "!",
+                          m_reader->readFailure());
 }
 
 }  // namespace pc_preprocess
