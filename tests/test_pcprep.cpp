@@ -23,6 +23,7 @@
 #include "support/PtsSamples.h"
 #include "support/SyntheticCache.h"
 #include "support/TempFolder.h"
+#include "support/TestData.h"
 
 extern char** environ;
 
@@ -283,6 +284,31 @@ TEST(Pcprep, ExitStatusTellsUsageFailureAndCancel)
     EXPECT_EQ(run.wait(), 130) << run.err();
     EXPECT_EQ(entriesOf(temp.path() / "cancelled"), (std::set<std::string>{"cache.log", "cache.pct"}));
     EXPECT_EQ(readText(temp.path() / "cancelled" / "cache.pct"), "CANCEL");
+}
+
+TEST(Pcprep, FailureSummaryShowsWhyTheRunFailed)
+{
+    // A file that no reader opens: the summary shows the run's errors with the reasons of the library below,
+    // each on a line of its own, and not the disk figures that the cleaning adds at the end of the log.
+    pcp_test::TempFolder temp;
+    std::string out, err;
+    const fs::path noise = temp.path() / "noise.laz";
+    std::ofstream(noise) << std::string(3000, 'x');
+    EXPECT_EQ(
+        runPcprep(temp, {"run", "--cache", (temp.path() / "noise").string(), noise.string()}, &out, &err), 1);
+    EXPECT_NE(err.find("  errors in the log:\n    ERROR probe :\n    \tLAZ error: Could not create reader "
+                       "stream.\n    \tLASzip: wrong file_signature. not a LAS/LAZ file.\n"),
+              std::string::npos)
+        << err;
+    EXPECT_EQ(err.find("Disk capacity"), std::string::npos) << err;
+
+    // The probe's reason for a damaged E57 file, which before stood only in the log.
+    PCP_REQUIRE_TEST_DATA(badCrc, "e57/bad-crc.e57");
+    EXPECT_EQ(
+        runPcprep(temp, {"run", "--cache", (temp.path() / "crc").string(), badCrc.string()}, &out, &err), 1);
+    EXPECT_NE(err.find("\n    E57_ERROR_BAD_CHECKSUM"), std::string::npos) << err;
+    EXPECT_NE(err.find("page 0 of " + fs::absolute(badCrc).string() + ": checksum "), std::string::npos)
+        << err;
 }
 
 TEST(Pcprep, HelpAndNodeInfo)
