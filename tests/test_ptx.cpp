@@ -238,9 +238,8 @@ TEST(Ptx, SkipsMissingReturnsAndClampsBrightOnesWithAnyLineEnd)
         EXPECT_TRUE(c.attributes.intensity);
         // One warning for the file, at its first bright line.
         ASSERT_EQ(c.warnings.size(), 1u) << end.size();
-        EXPECT_EQ(ws2s(c.warnings[0]),
-                  "PTX warning: " + ws2s(file) + "\n\tLine number 18\n\t" + formatText("7 0 0 1.5", true) +
-                      "\n");
+        EXPECT_EQ(ws2s(c.warnings[0]), "PTX warning: " + ws2s(file) + "\n\tLine number 18\n\t" +
+                                           formatText("7 0 0 1.5", true) + "\n");
     }
 }
 
@@ -311,7 +310,8 @@ TEST(Ptx, BrokenFilesFailWithTheirTextAndLine)
     // Only a run that reads 16-bit channels leaves the 8-bit range out of the text.
     const std::wstring dark = writeFile(folder, L"dark.ptx", scan + "1 2 3 -0.5 256 0 0\n");
     EXPECT_EQ(errorText(
-                  [&] {
+                  [&]
+                  {
                       Ptx(dark, 1.0, ColorMode(kRgb16Bit, kIntensityUnit))
                           .run(cache, sixteenBit.probe.transfo, false, {}, {});
                   }),
@@ -360,8 +360,8 @@ TEST(Ptx, ProgressIsTheImportersOwnCount)
     EXPECT_TRUE(std::is_sorted(fractions.begin(), fractions.end()));
     EXPECT_EQ(fractions.back(), 1.0);
 
-    // Counted past its total, the fraction goes out as it is: the conversion's check refuses it with "fraction
-    // should be in between 0.0 and 1.0.".
+    // Counted past its total, the fraction goes out as it is: the conversion's check refuses it with
+    // "fraction should be in between 0.0 and 1.0.".
     HalfTotalPtx overshooting(file, 1.0, probe.colorMode);
     const std::vector<double> beyond = progressOf(overshooting, folder, probe.transfo);
     ASSERT_FALSE(beyond.empty());

@@ -164,7 +164,8 @@ private:
         for (uint32_t i = block.first; i < block.first + block.count; ++i)
         {
             const uint8_t role = attributes[i].role;
-            const bool colour = role == AttributeRole::R || role == AttributeRole::G || role == AttributeRole::B;
+            const bool colour =
+                role == AttributeRole::R || role == AttributeRole::G || role == AttributeRole::B;
             if (i == 0 || !colour || seen[role - AttributeRole::R] || !scalar(i) ||
                 attributes[i].type != attributes[block.first].type)
             {
@@ -239,8 +240,9 @@ private:
         }
         if (planes > target_.planeCount)
         {
-            return fail("block of attribute " + std::to_string(block.first) + " needs " + std::to_string(planes) +
-                        " planes, the reader has " + std::to_string(target_.planeCount));
+            return fail("block of attribute " + std::to_string(block.first) + " needs " +
+                        std::to_string(planes) + " planes, the reader has " +
+                        std::to_string(target_.planeCount));
         }
         ArithmeticDecoder decoder;
         if (!decoder.start(block.code))

@@ -176,8 +176,9 @@ bool writableAsPlanes(const std::vector<Attribute>& attributes)
         const uint32_t size = typeSize(type);
         if (isMortonType(type) || (size != 1 && size != 2 && size != 4 && size != 8))
         {
-            std::fprintf(stderr, "NodeCompressor: attribute %u (%s) of type %s cannot be stored as byte planes\n",
-                         i, attributes[i].name.c_str(), getTypeName(type).c_str());
+            std::fprintf(stderr,
+                         "NodeCompressor: attribute %u (%s) of type %s cannot be stored as byte planes\n", i,
+                         attributes[i].name.c_str(), getTypeName(type).c_str());
             return false;
         }
     }
