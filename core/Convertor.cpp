@@ -2,7 +2,6 @@
 
 #include <proj.h>
 
-#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
@@ -392,8 +391,8 @@ void Convertor::reportProgress(const std::function<void(double)>& progress) cons
     if (!progress)
         return;
     const int64_t total = workTotal();
-    const double fraction = total > 0 ? double(workDone()) / double(total) : 0.0;
-    progress(std::clamp(fraction, 0.0, 1.0));
+    // Not clamped: an importer that counts past its total is a fault that the caller's check must see.
+    progress(total > 0 ? double(workDone()) / double(total) : 0.0);
 }
 
 void Convertor::initializeProj()

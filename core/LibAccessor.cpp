@@ -16,6 +16,7 @@
 #include "cachefiles/RegionJson.h"
 #include "core/CacheCleaner.h"
 #include "core/CurrentExceptionName.h"
+#include "core/ErrorWithReason.h"
 #include "core/FileFormat.h"
 #include "core/ImporterFactory.h"
 #include "core/StringConversion.h"
@@ -198,7 +199,7 @@ std::vector<ScanFiles> LibAccessor::runSteps(const std::wstring& cacheFolder,
         }
         catch (const std::exception& e)
         {
-            logger->message(std::string("ERROR probe :\n\t") + e.what());
+            logger->message("ERROR probe :\n\t" + logText(e));
             importer.reset();
         }
         catch (...)
@@ -256,7 +257,7 @@ std::vector<ScanFiles> LibAccessor::runSteps(const std::wstring& cacheFolder,
     }
     catch (const std::exception& e)
     {
-        logger->error(std::string("ERROR reading :\n\t") + e.what());
+        logger->error("ERROR reading :\n\t" + logText(e));
     }
     logger->message("Finished reading : Elapsed time = " + readClock.elapsed() + " seconds");
     // Workers stop at a cancel without raising an error: what they left is incomplete, not failed.

@@ -6,6 +6,7 @@
 #include <stdexcept>
 
 #include "core/CurrentExceptionName.h"
+#include "core/ErrorWithReason.h"
 #include "core/FileFormat.h"
 #include "core/ImporterFactory.h"
 #include "core/LibAccessor.h"
@@ -220,7 +221,7 @@ struct ReadStage
         }
         catch (const std::exception& e)
         {
-            return "ERROR reading " + file + " :\n\t" + e.what();
+            return "ERROR reading " + file + " :\n\t" + logText(e);
         }
         catch (...)
         {

@@ -84,6 +84,12 @@ bool quantize(double value, double offset, double inverseScale, laszip_I32& out)
     return true;
 }
 
+// The class byte of a point: its class where the source has one (0 to 255), else 0, "never classified".
+laszip_U8 lasClass(int32_t classification)
+{
+    return classification >= 0 && classification <= 255 ? static_cast<laszip_U8>(classification) : 0;
+}
+
 void putLittleEndian(char* out, uint64_t value, size_t bytes)
 {
     for (size_t i = 0; i < bytes; ++i)
@@ -149,11 +155,11 @@ uint64_t LazExporter::run(const BatchSource& nextBatch)
     if (point->num_extra_bytes != laz::kLazsExtraBytes || point->extra_bytes == nullptr)
         throw std::runtime_error("LazExporter: laszip_point does not provide the required extra bytes.");
 
-    // What every record shares: a single return of source 1, no class, no time.
+    // What every record shares: a single return of source 1, no time. LASzip writes the class of format 7
+    // from its extended field and demands the legacy one be 0 or the same: it stays 0.
     point->point_source_ID = 1;
     point->extended_scanner_channel = 0;
     point->extended_classification_flags = 0;
-    point->extended_classification = 0;
     point->extended_return_number = 1;
     point->extended_number_of_returns = 1;
     point->return_number = 1;
@@ -196,6 +202,7 @@ uint64_t LazExporter::run(const BatchSource& nextBatch)
             point->rgb[0] = source.r;
             point->rgb[1] = source.g;
             point->rgb[2] = source.b;
+            point->extended_classification = lasClass(source.classification);
             laz::putNormalCode(point->extra_bytes, encodeNormal(source.normal));
             if (laszip_write_point(writer.get()) != 0)
                 throw writer.error("LazExporter: Unable to write point.");

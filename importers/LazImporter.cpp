@@ -9,6 +9,7 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "core/ErrorWithReason.h"
 #include "core/StringConversion.h"
 #include "importers/laz/LazReader.h"
 #include "importers/laz/LazsLayout.h"
@@ -22,6 +23,8 @@ namespace
 
 // The highest point format this importer reads.
 constexpr unsigned kLastPointFormat = 10;
+// The first of the LAS 1.4 formats, whose records hold the class in a byte of its own.
+constexpr unsigned kFirstExtendedFormat = 6;
 
 bool formatHasColor(unsigned format)
 {
@@ -72,6 +75,7 @@ SupportedAttributes LazImporter::getSupportedAttributes()
     attributes.classification = true;
     attributes.intensity = true;
     attributes.color = m_hasColor;
+    attributes.normals = m_hasNormals;
     return attributes;
 }
 
@@ -86,7 +90,8 @@ void LazImporter::openGroup()
     m_reader = std::make_unique<laz::LazReader>(toPath(m_path));
     const laszip_header& header = m_reader->header();
     m_compressed = m_reader->isCompressed() ? 1 : 0;
-    const std::array<double, 3> lasScale = {header.x_scale_factor, header.y_scale_factor, header.z_scale_factor};
+    const std::array<double, 3> lasScale = {header.x_scale_factor, header.y_scale_factor,
+                                            header.z_scale_factor};
     const std::array<double, 3> lasOffset = {header.x_offset, header.y_offset, header.z_offset};
 
     m_nrPoints = std::max<uint64_t>(header.number_of_point_records, header.extended_number_of_point_records);
@@ -122,6 +127,7 @@ void LazImporter::openGroup()
     m_pointsRemaining = m_nrPoints;
     m_pointsDone = 0;
     m_lazsFile = isLazsHeader(header);
+    m_hasNormals = m_lazsFile;
 }
 
 void LazImporter::closeGroup()
@@ -148,6 +154,7 @@ void LazImporter::processBatch(std::vector<IoLightPoint>& batch, const Discretiz
     if (!projecting && !transfo.isDiagonal)
         throw std::runtime_error("Discretization should be diagonal for LAS.\n");
     const laszip_point& p = m_reader->point();
+    const bool extendedClasses = m_reader->header().point_data_format >= kFirstExtendedFormat;
     if (m_lazsFile && (p.num_extra_bytes != laz::kLazsExtraBytes || p.extra_bytes == nullptr))
         throw std::runtime_error("LAZ error: m_pPoint does not provide for extra bytes");
 
@@ -190,7 +197,9 @@ void LazImporter::processBatch(std::vector<IoLightPoint>& batch, const Discretiz
             point.r = point.g = point.b = p.intensity;
             colour.add(p.intensity);
         }
-        point.classification = p.classification;
+        // From format 6 on the class has a byte of its own; LASzip's legacy field holds only the classes
+        // below 32 and reads 0 for the others. The cache keeps the low 5 bits, as Las does.
+        point.classification = (extendedClasses ? p.extended_classification : p.classification) & 0x1F;
         if (m_lazsFile)
         {
             const geom::Vector3d normal = decodeNormal(p.extra_bytes);
@@ -247,9 +256,9 @@ void LazImporter::readFailed(size_t pointsOfBatch)
     // The scan ends here; the points of the batch go with the exception.
     m_pointsRemaining = 0;
     m_pointsDone += pointsOfBatch;
-    const std::string reason = m_reader->readFailure();
-    throw std::runtime_error("LAZ error: Fail to read point " + std::to_string(m_pointsDone) + " of " +
-                             std::to_string(m_nrPoints) + "!" + (reason.empty() ? "" : " " + reason));
+    throw ErrorWithReason("LAZ error: Fail to read point " + std::to_string(m_pointsDone) + " of " +
+                              std::to_string(m_nrPoints) + "!",
+                          m_reader->readFailure());
 }
 
 }  // namespace pc_preprocess

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "importers/las/LasFamilyImporter.h"
 #include "core/Export.h"
+#include "importers/las/LasFamilyImporter.h"
 
 namespace pc_preprocess
 {
@@ -39,6 +39,9 @@ public:
     // LazExporter writes it. Valid after openGroup.
     bool lazsFile() const { return m_lazsFile; }
 
+    // A LAZS file brings the normals that LazExporter packed into it: that variant exists so that a round
+    // trip through LAZ keeps them. Other files have none. Valid after openGroup, and still after closeGroup.
+    bool hasNormals() const override { return m_hasNormals; }
     // True until a batch was read from a file that is not LAZS.
     bool validTandSize() const override { return m_validSize; }
     SupportedAttributes getSupportedAttributes() override;

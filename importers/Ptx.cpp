@@ -156,7 +156,7 @@ void Ptx::processBatch(std::vector<IoLightPoint>& batch, const Discretization& t
              ++lines)
         {
             if (!m_source.getLine(begin, end))
-                throw error(kLessLines, nextLineNumber());
+                throw error(kLessLines, m_source.linesRead());
             addLine(begin, end, batch, transfo, probing);
             --m_pointsRemaining;
         }
@@ -196,10 +196,12 @@ void Ptx::addLine(const char* begin, const char* end, std::vector<IoLightPoint>&
 
     const auto intensity = static_cast<uint16_t>(values.intensity * 65535.99999999999);
     const bool withColour = m_nrColumnsInLine == ptx::kColumnsWithColour;
+    // Without colour columns the colour range takes the intensity, as the point's channels do: the mode that
+    // such a file hands on to a run then still reads the colours of the inputs that follow.
     if (withColour)
         m_colorRange.updateAll(values.rgb[0], values.rgb[1], values.rgb[2], values.intensity);
     else
-        m_colorRange.updateIntensity(values.intensity);
+        m_colorRange.updateAll(values.intensity, values.intensity, values.intensity, values.intensity);
 
     IoLightPoint point;
     if (!transfo.apply(values.x, values.y, values.z, point.x, point.y, point.z))
@@ -236,8 +238,8 @@ double Ptx::channelLimit(bool probing) const
 
 std::string Ptx::formatText(const char* begin, const char* end) const
 {
-    // In 8-bit mode the text names the probe that chose it.
-    return ptx::formatText(getColorModeInit().rgb == kRgb8Bit, kProbeSize, begin, end);
+    // Unless the channels are read as 16-bit, the text names the 8-bit range and the probe that chose it.
+    return ptx::formatText(getColorModeInit().rgb != kRgb16Bit, kProbeSize, begin, end);
 }
 
 void Ptx::warnBrightIntensity(const char* begin, const char* end)

@@ -793,4 +793,29 @@ TEST(HspcNodeArithmetic, RefusesPayloadsThatDoNotAddUp)
     std::memcpy(body.data() + lastSizeAt, &lastSize, 4);
     body.resize(body.size() - 2);
     refused(good.blockOf(body), "ends early", actions);
+
+    // Blocks that would decode into more planes than their values have: the position inside a block of
+    // three, and a Morton code that is not the position.
+    Kind26Node triple = good;
+    triple.blockKinds = {3, 1, 1};
+    refused(triple.block(), "a block of three is R, G and B of one type", actions);
+    Kind26Node wide = good;
+    wide.attributes[4].type = AttributeType::M96;
+    refused(wide.block(), "block of attribute 4: type M96 is no value of at most eight bytes", {{0, 0, 10}});
+}
+
+TEST(HspcNodeBadInput, CompressorRefusesAttributesThatHaveNoPlanes)
+{
+    const Attribute second{AttributeType::M96, AttributeRole::CUSTOM, "second"};
+    EXPECT_EQ(NodeCompressor::create({position(), second}, 16), nullptr);
+    const std::vector<Attribute> mortonColour{position(),
+                                              {AttributeType::M192, AttributeRole::R, "R"},
+                                              {AttributeType::M192, AttributeRole::G, "G"},
+                                              {AttributeType::M192, AttributeRole::B, "B"}};
+    EXPECT_EQ(NodeCompressor::create(mortonColour, 16), nullptr);
+    const std::vector<Attribute> wideColour{position(AttributeType::M192),
+                                            {AttributeType::F64, AttributeRole::R, "R"},
+                                            {AttributeType::F64, AttributeRole::G, "G"},
+                                            {AttributeType::F64, AttributeRole::B, "B"}};
+    EXPECT_NE(NodeCompressor::create(wideColour, 16), nullptr);
 }

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "cachefiles/PntFiles.h"
+#include "core/ErrorWithReason.h"
 #include "core/StringConversion.h"
 #include "exporters/LazExporter.h"
 #include "importers/Las.h"
@@ -21,6 +22,7 @@
 #include "scanview/NormalCodes.h"
 #include "support/ErrorText.h"
 #include "support/FileText.h"
+#include "support/LasSamples.h"
 #include "support/TempFolder.h"
 #include "support/TestData.h"
 
@@ -159,6 +161,29 @@ TEST(LazImporter, CompressedAndPlainTwinsGiveTheSamePoints)
     // The independent LAS reader agrees with LASzip on the plain file.
     Las independent(toWide(las), 1.0, kLasMode);
     expectSamePoints(readAll(independent), fromLas);
+}
+
+TEST(LazImporter, ExtendedClassesAreTheirLowFiveBitsAsInLas)
+{
+    // Format 6 keeps the class in a byte of its own, where classes of 32 and above exist; LASzip's legacy
+    // field reads 0 for them.
+    pcp_test::TempFolder folder;
+    pcp_test::LasLayout f6;
+    f6.versionMinor = 4;
+    f6.pointFormat = 6;
+    const std::wstring path = folder.file(L"f6.las");
+    pcp_test::writeBytes(
+        toPath(path),
+        pcp_test::lasFileBytes(f6, {{1, 2, 3, 9, 40}, {4, 5, 6, 9, 5}, {7, 8, 9, 9, 31}, {1, 1, 1, 9, 255}}));
+    LazImporter laz(path, 1.0, kLasMode);
+    Las las(path, 1.0, kLasMode);
+    const std::vector<IoLightPoint> fromLaz = readAll(laz);
+    expectSamePoints(fromLaz, readAll(las));
+    ASSERT_EQ(fromLaz.size(), 4u);
+    EXPECT_EQ(fromLaz[0].classification, 40 & 31);
+    EXPECT_EQ(fromLaz[1].classification, 5);
+    EXPECT_EQ(fromLaz[2].classification, 31);
+    EXPECT_EQ(fromLaz[3].classification, 31);
 }
 
 TEST(LazImporter, RealFilesGiveTheCountsAndBoxesOfTheirHeaders)
@@ -373,13 +398,23 @@ TEST(LazImporter, BrokenFilesFailWithClearMessages)
     const std::string good = readText(autzen);
     const uint32_t pointData = at<uint32_t>(good, 96);
     const int64_t table = at<int64_t>(good, pointData);
+    // The message as the log shows it: the fixed text, and the reason on a line of its own.
     const auto firstBatchError = [&](const std::string& bytes, const std::wstring& name)
     {
         LazImporter importer(writeFile(folder, name, bytes), 1.0, kLasMode);
-        return errorText([&] { readAll(importer); });
+        try
+        {
+            readAll(importer);
+        }
+        catch (const std::exception& e)
+        {
+            return logText(e);
+        }
+        return std::string("(no exception)");
     };
 
-    const std::string atFirst = "LAZ error: Fail to read point 0 of 110000! The file is damaged: ";
+    const std::string atFirst = "LAZ error: Fail to read point 0 of 110000!\n\tThe file is damaged: ";
+    const std::string opening = "LAZ error: Could not create reader stream.";
     const std::string truncated =
         " before its chunk table, which would start at byte " + std::to_string(table) + ": it is truncated.";
     // Cut in the middle of a chunk, inside the count of the chunk table, inside the offset of the table:
@@ -395,11 +430,11 @@ TEST(LazImporter, BrokenFilesFailWithClearMessages)
     // Header counts larger than the points: LASzip would go on decoding the chunk table as points, or write
     // past the end of its own table.
     EXPECT_EQ(firstBatchError(with<uint32_t>(good, 107, 110100), L"more.laz"),
-              "LAZ error: Fail to read point 110000 of 110100! The point data end at byte " +
+              "LAZ error: Fail to read point 110000 of 110100!\n\tThe point data end at byte " +
                   std::to_string(table) + ": the header counts more points than the file holds.");
     EXPECT_EQ(
         firstBatchError(with<uint32_t>(good, static_cast<size_t>(table) + 4, 1), L"fewer.laz"),
-        "LAZ error: Fail to read point 50000 of 110000! Its chunk table covers 50000 points: the header "
+        "LAZ error: Fail to read point 50000 of 110000!\n\tIts chunk table covers 50000 points: the header "
         "counts more points than the file holds.");
     EXPECT_EQ(firstBatchError(with<uint32_t>(good, 107, 0), L"none.laz"),
               "LAZ error: Header does not specify (extended) number of point records.");
@@ -408,12 +443,13 @@ TEST(LazImporter, BrokenFilesFailWithClearMessages)
     std::string noise(5000, '\0');
     for (char& c : noise)
         c = static_cast<char>(random());
+    EXPECT_EQ(firstBatchError(noise, L"noise.laz"),
+              opening + "\n\tLASzip: wrong file_signature. not a LAS/LAZ file.");
+    EXPECT_EQ(firstBatchError("", L"empty.laz").rfind(opening + "\n\tLASzip: ", 0), 0u);
+    // The message alone is the fixed text.
     EXPECT_EQ(
-        firstBatchError(noise, L"noise.laz"),
-        "LAZ error: Could not create reader stream. (LASzip: wrong file_signature. not a LAS/LAZ file.)");
-    EXPECT_EQ(
-        firstBatchError("", L"empty.laz").rfind("LAZ error: Could not create reader stream. (LASzip: ", 0),
-        0u);
+        errorText([&] { LazImporter(writeFile(folder, L"noise.laz", noise), 1.0, kLasMode).openGroup(); }),
+        opening);
 
     // Sizes that LASzip would trust to allocate, to size or to index its tables.
     EXPECT_EQ(
@@ -421,16 +457,16 @@ TEST(LazImporter, BrokenFilesFailWithClearMessages)
         atFirst + "its chunk table lists 4294967295 chunks in " + std::to_string(table - pointData - 8) +
             " bytes of point data.");
     EXPECT_EQ(firstBatchError(with<uint32_t>(good, 100, 4000000000u), L"vlrs.laz"),
-              "LAZ error: The file is damaged: 4000000000 VLRs do not fit into the " +
+              opening + "\n\tThe file is damaged: 4000000000 VLRs do not fit into the " +
                   std::to_string(pointData - 227) + " bytes before the point data.");
     EXPECT_EQ(
         firstBatchError(with<uint16_t>(good, 94, 100), L"header.laz"),
-        "LAZ error: The file is damaged: the header size 100 is below the 227 bytes of its LAS version.");
-    EXPECT_EQ(
-        firstBatchError(with<uint32_t>(good, 96, 0xFFFFFF00), L"offset.laz"),
-        "LAZ error: The file is damaged: the point data would start at byte 4294967040, outside the file "
-        "of " +
-            std::to_string(good.size()) + " bytes after its 227-byte header.");
+        opening + "\n\tThe file is damaged: the header size 100 is below the 227 bytes of its LAS version.");
+    EXPECT_EQ(firstBatchError(with<uint32_t>(good, 96, 0xFFFFFF00), L"offset.laz"),
+              opening +
+                  "\n\tThe file is damaged: the point data would start at byte 4294967040, outside the file "
+                  "of " +
+                  std::to_string(good.size()) + " bytes after its 227-byte header.");
 }
 
 // Damage anywhere in a small file ends in a complete read or an exception, never in a crash or a hang.

@@ -15,9 +15,11 @@
 #include <thread>
 #include <tuple>
 
+#include "cachefiles/PntFiles.h"
 #include "cachefiles/PnzFiles.h"
 #include "cachefiles/VrmFile.h"
 #include "core/StringConversion.h"
+#include "scanview/NormalCodes.h"
 #include "support/FileText.h"
 #include "support/PtsSamples.h"
 #include "hspc/store/DiskArchive.h"
@@ -25,6 +27,7 @@
 #include "support/SyntheticCache.h"
 #include "support/SyntheticHspcDataSet.h"
 #include "support/TempFolder.h"
+#include "support/TestData.h"
 
 extern char** environ;
 
@@ -119,6 +122,29 @@ size_t mostRadiiInALeaf(const fs::path& data, const pc_preprocess::VrmNode& node
     for (const pc_preprocess::IoLightPoint& p : points)
         radii.insert(p.radius);
     return radii.size();
+}
+
+// Position, class and normal code of every point of a tree's leaves, or of one node file, sorted.
+using SidePoint = std::tuple<int32_t, int32_t, int32_t, int, uint16_t>;
+
+void addSidePoints(const std::vector<pc_preprocess::IoLightPoint>& points, std::vector<SidePoint>& out)
+{
+    for (const pc_preprocess::IoLightPoint& p : points)
+        out.emplace_back(p.x, p.y, p.z, p.classification, pc_preprocess::encodeNormal({p.nx, p.ny, p.nz}));
+}
+
+void leafSidePoints(const fs::path& data, const pc_preprocess::VrmNode& node, std::vector<SidePoint>& out)
+{
+    for (const pc_preprocess::VrmNode& child : node.children)
+        leafSidePoints(data, child, out);
+    if (!node.children.empty())
+        return;
+    pc_preprocess::IoTransfo transfo;
+    std::vector<pc_preprocess::IoLightPoint> points;
+    pc_preprocess::readPNZ(
+        pc_preprocess::toWide(data / pc_preprocess::toPath(node.file).replace_extension(".pnz")), transfo,
+        points);
+    addSidePoints(points, out);
 }
 
 // The line of `pcprep info` that sums up a cache's tree.
@@ -264,6 +290,31 @@ TEST(Pcprep, ExitStatusTellsUsageFailureAndCancel)
     EXPECT_EQ(readText(temp.path() / "cancelled" / "cache.pct"), "CANCEL");
 }
 
+TEST(Pcprep, FailureSummaryShowsWhyTheRunFailed)
+{
+    // A file that no reader opens: the summary shows the run's errors with the reasons of the library below,
+    // each on a line of its own, and not the disk figures that the cleaning adds at the end of the log.
+    pcp_test::TempFolder temp;
+    std::string out, err;
+    const fs::path noise = temp.path() / "noise.laz";
+    std::ofstream(noise) << std::string(3000, 'x');
+    EXPECT_EQ(
+        runPcprep(temp, {"run", "--cache", (temp.path() / "noise").string(), noise.string()}, &out, &err), 1);
+    EXPECT_NE(err.find("  errors in the log:\n    ERROR probe :\n    \tLAZ error: Could not create reader "
+                       "stream.\n    \tLASzip: wrong file_signature. not a LAS/LAZ file.\n"),
+              std::string::npos)
+        << err;
+    EXPECT_EQ(err.find("Disk capacity"), std::string::npos) << err;
+
+    // The probe's reason for a damaged E57 file, which before stood only in the log.
+    PCP_REQUIRE_TEST_DATA(badCrc, "e57/bad-crc.e57");
+    EXPECT_EQ(
+        runPcprep(temp, {"run", "--cache", (temp.path() / "crc").string(), badCrc.string()}, &out, &err), 1);
+    EXPECT_NE(err.find("\n    E57_ERROR_BAD_CHECKSUM"), std::string::npos) << err;
+    EXPECT_NE(err.find("page 0 of " + fs::absolute(badCrc).string() + ": checksum "), std::string::npos)
+        << err;
+}
+
 TEST(Pcprep, HelpAndNodeInfo)
 {
     pcp_test::TempFolder temp;
@@ -277,6 +328,42 @@ TEST(Pcprep, HelpAndNodeInfo)
     ASSERT_EQ(runPcprep(temp, {"info", (temp.path() / "s" / "sample-room.pnz").string()}, &out), 0);
     EXPECT_NE(out.find("Points        50000"), std::string::npos) << out;
     EXPECT_NE(out.find("class 2 x"), std::string::npos) << out;
+}
+
+TEST(Pcprep, LazRoundTripKeepsNormalsAndClasses)
+{
+    pcp_test::TempFolder temp;
+    ASSERT_EQ(runPcprep(temp, {"sample", (temp.path() / "s").string(), "--parts", "node"}), 0);
+    const fs::path node = temp.path() / "s" / "sample-room.pnt";
+    const fs::path laz = temp.path() / "room.laz";
+    const fs::path cache = temp.path() / "cache";
+    std::string out, err;
+    ASSERT_EQ(runPcprep(temp, {"export", node.string(), laz.string()}, &out, &err), 0) << err;
+    ASSERT_EQ(runPcprep(temp, {"run", "--cache", cache.string(), laz.string()}, &out, &err), 0) << err;
+
+    pc_preprocess::IoTransfo sourceGrid;
+    std::vector<pc_preprocess::IoLightPoint> source;
+    pc_preprocess::readPNT(pc_preprocess::toWide(node), sourceGrid, source);
+    ASSERT_EQ(source.size(), 50000u);
+    std::vector<SidePoint> expected;
+    addSidePoints(source, expected);
+    // The LAZ file keeps the node's grid, and the run takes it over: the integers stay as they were.
+    std::vector<SidePoint> kept;
+    leafSidePoints(cache / "Data", pc_preprocess::readVrm(pc_preprocess::toWide(cache / "cache.vrm")), kept);
+    std::sort(expected.begin(), expected.end());
+    std::sort(kept.begin(), kept.end());
+    ASSERT_EQ(kept.size(), expected.size());
+    for (size_t i = 0; i < kept.size(); ++i)
+        ASSERT_EQ(kept[i], expected[i]) << i;
+    // A sample with something to lose: more than one class, and normals that are not all the same.
+    std::set<int> classes;
+    for (const SidePoint& p : expected)
+        classes.insert(std::get<3>(p));
+    EXPECT_GE(classes.size(), 3u);
+    EXPECT_GT(
+        std::count_if(expected.begin(), expected.end(),
+                      [&](const SidePoint& p) { return std::get<4>(p) != std::get<4>(expected.front()); }),
+        1000);
 }
 
 TEST(Pcprep, SoundCacheVerifiesDescribesAndExports)

@@ -4,6 +4,7 @@
 // the point files are read back.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstdio>
@@ -220,7 +221,9 @@ TEST(Ptx, SkipsMissingReturnsAndClampsBrightOnesWithAnyLineEnd)
                               : std::to_string(i) + " 20 -30 0.5" + end;
         const std::wstring file = writeFile(folder, L"grid.ptx", text + end);
         const Conversion c = convert(folder, file, 0.001);
-        EXPECT_EQ(c.probe.colorMode, ColorMode(kRgbFromIntensity, kIntensityUnit));
+        // The intensity stands in for the colour in the range as in the points: a file without colour
+        // hands a run the 8-bit mode, which keeps the colours of inputs that follow it.
+        EXPECT_EQ(c.probe.colorMode, ColorMode(kRgb8Bit, kIntensityUnit));
         ASSERT_EQ(c.scans.size(), 1u);
         const std::vector<IoLightPoint>& points = c.scans[0];
         ASSERT_EQ(points.size(), 99u);
@@ -235,8 +238,8 @@ TEST(Ptx, SkipsMissingReturnsAndClampsBrightOnesWithAnyLineEnd)
         EXPECT_TRUE(c.attributes.intensity);
         // One warning for the file, at its first bright line.
         ASSERT_EQ(c.warnings.size(), 1u) << end.size();
-        EXPECT_EQ(ws2s(c.warnings[0]),
-                  "PTX warning: " + ws2s(file) + "\n\tLine number 18\n\t" + formatText("7 0 0 1.5") + "\n");
+        EXPECT_EQ(ws2s(c.warnings[0]), "PTX warning: " + ws2s(file) + "\n\tLine number 18\n\t" +
+                                           formatText("7 0 0 1.5", true) + "\n");
     }
 }
 
@@ -267,12 +270,13 @@ TEST(Ptx, BrokenFilesFailWithTheirTextAndLine)
          R"(Expected "double double double" (scanner registered position/axes).)", 5},
         {badTranslation + points, R"(Expected "double double double 1.0" (translation))", 10},
         {badRotation + points, R"(Expected "double double double 0.0" (rotation matrix).)", 8},
-        {scan + "1 2 3 0.5 7\n", formatText("1 2 3 0.5 7"), 11},
-        {scan + "1 2 3 -0.5\n", formatText("1 2 3 -0.5"), 11},
-        {scan + "1 2 3 0.5 0 0 65536\r\n", formatText("1 2 3 0.5 0 0 65536"), 11},
+        {scan + "1 2 3 0.5 7\n", formatText("1 2 3 0.5 7", true), 11},
+        {scan + "1 2 3 -0.5\n", formatText("1 2 3 -0.5", true), 11},
+        {scan + "1 2 3 0.5 0 0 65536\r\n", formatText("1 2 3 0.5 0 0 65536", true), 11},
         {scan + "1 2 3 0.5 1 2 3\n4 5 6 0.5\n", "Less lines in file than indicated in header.", 12},
-        {scan + points.substr(0, 38), "Less lines in file than indicated in header.", 13},
-        {header(4000000000, 4000000000) + "1 2 3 0.5\n", "Less lines in file than indicated in header.", 12},
+        // The line number is that of the last line read.
+        {scan + points.substr(0, 38), "Less lines in file than indicated in header.", 12},
+        {header(4000000000, 4000000000) + "1 2 3 0.5\n", "Less lines in file than indicated in header.", 11},
         {scan + points + scan.substr(0, 18),
          R"(Expected "double double double" (scanner registered position/axes).)", 19},
     };
@@ -303,10 +307,65 @@ TEST(Ptx, BrokenFilesFailWithTheirTextAndLine)
                           .run(cache, sixteenBit.probe.transfo, false, {}, {});
                   }),
               ptxError(wide, formatText("1 2 3 0.5 256 0 0", true), 11));
+    // Only a run that reads 16-bit channels leaves the 8-bit range out of the text.
+    const std::wstring dark = writeFile(folder, L"dark.ptx", scan + "1 2 3 -0.5 256 0 0\n");
+    EXPECT_EQ(errorText(
+                  [&]
+                  {
+                      Ptx(dark, 1.0, ColorMode(kRgb16Bit, kIntensityUnit))
+                          .run(cache, sixteenBit.probe.transfo, false, {}, {});
+                  }),
+              ptxError(dark, formatText("1 2 3 -0.5 256 0 0"), 11));
 
     const std::wstring empty = writeFile(folder, L"empty.ptx", "");
     EXPECT_EQ(errorText([&] { Ptx(empty, 1.0, ColorMode()).probe(kStep, {}); }),
               ptxError(empty, "Could not open file."));
+}
+
+namespace
+{
+
+// A PTX importer that counts its work against half the file: a fault that the run must see, not hide.
+class HalfTotalPtx : public Ptx
+{
+public:
+    using Ptx::Ptx;
+    int64_t workTotal() const override { return Ptx::workTotal() / 2; }
+};
+
+// The fractions that a run of `importer` reports.
+std::vector<double> progressOf(Convertor& importer, const pcp_test::TempFolder& folder, const IoTransfo& grid)
+{
+    const std::wstring cache = toWide(folder.path() / "cache");
+    std::filesystem::create_directories(toPath(Convertor::getPointFolder(cache)));
+    std::vector<double> fractions;
+    importer.run(cache, grid, false, [&](double fraction) { fractions.push_back(fraction); }, {});
+    return fractions;
+}
+
+}  // namespace
+
+TEST(Ptx, ProgressIsTheImportersOwnCount)
+{
+    pcp_test::TempFolder folder;
+    std::string text = header(2, 2);
+    for (int i = 1; i <= 4; ++i)
+        text += std::to_string(i) + " 0 0 0.5\n";
+    const std::wstring file = writeFile(folder, L"progress.ptx", text);
+    const ProbeResult probe = Ptx(file, 1.0, ColorMode()).probe(kStep, {});
+
+    Ptx sound(file, 1.0, probe.colorMode);
+    const std::vector<double> fractions = progressOf(sound, folder, probe.transfo);
+    ASSERT_FALSE(fractions.empty());
+    EXPECT_TRUE(std::is_sorted(fractions.begin(), fractions.end()));
+    EXPECT_EQ(fractions.back(), 1.0);
+
+    // Counted past its total, the fraction goes out as it is: the conversion's check refuses it with
+    // "fraction should be in between 0.0 and 1.0.".
+    HalfTotalPtx overshooting(file, 1.0, probe.colorMode);
+    const std::vector<double> beyond = progressOf(overshooting, folder, probe.transfo);
+    ASSERT_FALSE(beyond.empty());
+    EXPECT_GT(beyond.back(), 1.9);
 }
 
 // Every input the fuzz target keeps, the ones that once failed among them, must pass its checks here too.

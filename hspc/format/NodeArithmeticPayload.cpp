@@ -129,8 +129,49 @@ private:
         }
         for (size_t b = 0; b < blocks.size(); ++b)
         {
+            if (!checkBlockAttributes(blocks[b]))
+            {
+                return false;
+            }
             blocks[b].code = payload_.subspan(at, blockSizes_[b]);
             at += blockSizes_[b];
+        }
+        return true;
+    }
+
+    // What a block may hold: the position alone, one value of at most eight bytes (the width of its minimum
+    // and range fields), or the colour triple R, G, B of one such type. Anything else would decode into
+    // more planes than a value has, or than the plane buffer holds.
+    bool checkBlockAttributes(const Block& block)
+    {
+        const auto& attributes = header_.attributes;
+        const auto scalar = [&](uint32_t i)
+        {
+            const uint32_t size = typeSize(attributes[i].type);
+            return size > 0 && size <= kMaxValueBytes && !isMortonType(attributes[i].type);
+        };
+        const std::string which = "block of attribute " + std::to_string(block.first);
+        if (block.count == 1)
+        {
+            if (block.first != 0 && !scalar(block.first))
+            {
+                return fail(which + ": type " + getTypeName(attributes[block.first].type) +
+                            " is no value of at most eight bytes");
+            }
+            return true;
+        }
+        std::array<bool, 3> seen{};
+        for (uint32_t i = block.first; i < block.first + block.count; ++i)
+        {
+            const uint8_t role = attributes[i].role;
+            const bool colour =
+                role == AttributeRole::R || role == AttributeRole::G || role == AttributeRole::B;
+            if (i == 0 || !colour || seen[role - AttributeRole::R] || !scalar(i) ||
+                attributes[i].type != attributes[block.first].type)
+            {
+                return fail(which + ": a block of three is R, G and B of one type of at most eight bytes");
+            }
+            seen[role - AttributeRole::R] = true;
         }
         return true;
     }
@@ -196,6 +237,12 @@ private:
             }
             codings[a].firstPlane = planes;
             planes += codings[a].size;
+        }
+        if (planes > target_.planeCount)
+        {
+            return fail("block of attribute " + std::to_string(block.first) + " needs " +
+                        std::to_string(planes) + " planes, the reader has " +
+                        std::to_string(target_.planeCount));
         }
         ArithmeticDecoder decoder;
         if (!decoder.start(block.code))

@@ -33,14 +33,18 @@ struct ArithmeticPlanes
 {
     uint8_t* planes = nullptr;
     size_t planeStride = 0;
+    // How many planes of planeStride bytes the buffer holds: a block that needs more is refused.
+    size_t planeCount = 0;
     // Whether the output needs attribute i; blocks of unwanted attributes are skipped.
     std::function<bool(uint32_t)> wanted;
     // Called with attribute i and its planes once they hold its deltas.
     std::function<void(uint32_t, const uint8_t*)> decoded;
 };
 
-// False with the reason in `error` when the payload's sizes don't add up, a block kind is unknown, or a
-// block doesn't decode.
+// False with the reason in `error` when the payload's sizes don't add up, a block kind is unknown, a block
+// is not what its kind allows (kind 3: R, G and B of one type of at most 8 bytes; kind 1: the position, or
+// an attribute of at most 8 bytes), a block needs more planes than the buffer holds, or a block doesn't
+// decode.
 bool decodeArithmeticPayload(const NodeHeader& header, std::span<const uint8_t> payload,
                              const ArithmeticPlanes& target, std::string& error);
 

@@ -48,10 +48,8 @@ void deltaPlanesOfSize(uint32_t size, const uint8_t* records, size_t recordSize,
             return deltaPlanes<uint16_t>(records, recordSize, offset, count, planes, planeStride);
         case 4:
             return deltaPlanes<uint32_t>(records, recordSize, offset, count, planes, planeStride);
-        case 8:
+        default:  // 8: create admits no other size
             return deltaPlanes<uint64_t>(records, recordSize, offset, count, planes, planeStride);
-        default:
-            return;  // no value type: no planes
     }
 }
 
@@ -166,11 +164,35 @@ bool appendPlane(ZSTD_CCtx* context, int level, const uint8_t* plane, size_t cou
     return true;
 }
 
+// Every attribute but the position is delta coded as one integer of 1, 2, 4 or 8 bytes (the colour triple as
+// three of them); the position is the one Morton code. Anything else has no planes that compressNode could
+// fill, and its group would carry whatever the buffers held from the previous node.
+bool writableAsPlanes(const std::vector<Attribute>& attributes)
+{
+    for (uint32_t i = 1; i < attributes.size(); ++i)
+    {
+        const uint8_t type = attributes[i].type;
+        const uint32_t size = typeSize(type);
+        if (isMortonType(type) || (size != 1 && size != 2 && size != 4 && size != 8))
+        {
+            std::fprintf(stderr,
+                         "NodeCompressor: attribute %u (%s) of type %s cannot be stored as byte planes\n", i,
+                         attributes[i].name.c_str(), getTypeName(type).c_str());
+            return false;
+        }
+    }
+    return true;
+}
+
 }  // namespace
 
 std::unique_ptr<NodeCompressor> NodeCompressor::create(const std::vector<Attribute>& attributes,
                                                        size_t pointLimit, int level)
 {
+    if (!writableAsPlanes(attributes))
+    {
+        return nullptr;
+    }
     ZstdCompressionContext context(ZSTD_createCCtx());
     if (!context)
     {

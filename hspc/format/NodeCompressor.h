@@ -27,8 +27,10 @@ inline constexpr int kBatchCompressionLevel = 16;
 class NodeCompressor
 {
 public:
-    // Nothing, after "failed to create zstd compression context" on standard error, when zstd can't make
-    // its context. `level` is the zstd level of every plane; the layout is the same at any level.
+    // Nothing, with a message on standard error, for an attribute that cannot be stored as byte planes (a
+    // Morton code other than the position, a type of no size or of a size other than 1, 2, 4 or 8 bytes),
+    // and after "failed to create zstd compression context" when zstd can't make its context. `level` is the
+    // zstd level of every plane; the layout is the same at any level.
     static std::unique_ptr<NodeCompressor> create(const std::vector<Attribute>& attributes, size_t pointLimit,
                                                   int level = kNodeCompressionLevel);
 

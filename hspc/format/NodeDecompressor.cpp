@@ -138,6 +138,7 @@ private:
         ArithmeticPlanes target;
         target.planes = decompressor_.planes_.data();
         target.planeStride = planeStride_;
+        target.planeCount = planeStride_ == 0 ? 0 : decompressor_.planes_.size() / planeStride_;
         target.wanted = [&](uint32_t attribute)
         {
             return std::any_of(output_.actions.begin(), output_.actions.end(),

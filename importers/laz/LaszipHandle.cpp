@@ -51,10 +51,10 @@ std::string LaszipHandle::reason() const
     return text;
 }
 
-std::runtime_error LaszipHandle::error(const std::string& message) const
+ErrorWithReason LaszipHandle::error(const std::string& message) const
 {
     const std::string why = reason();
-    return std::runtime_error(why.empty() ? message : message + " (LASzip: " + why + ")");
+    return ErrorWithReason(message, why.empty() ? why : "LASzip: " + why);
 }
 
 }  // namespace pc_preprocess::laz

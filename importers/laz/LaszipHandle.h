@@ -1,7 +1,8 @@
 #pragma once
 
-#include <stdexcept>
 #include <string>
+
+#include "core/ErrorWithReason.h"
 
 namespace pc_preprocess::laz
 {
@@ -9,7 +10,7 @@ namespace pc_preprocess::laz
 // Owns one handle of the LASzip library, from laszip_create to laszip_destroy, and closes the reader or
 // writer opened on it. LASzip refuses to clean up a handle whose reader or writer is still open, and would
 // then leak them, so the destructor closes first. Failures of the explicit calls throw the caller's message
-// with LASzip's own reason appended; the destructor ignores them.
+// with LASzip's own reason beside it; the destructor ignores them.
 class LaszipHandle
 {
 public:
@@ -38,8 +39,8 @@ public:
 
     // LASzip's text for the last failed call on this handle; empty when it has none.
     std::string reason() const;
-    // message, followed by LASzip's reason when there is one.
-    std::runtime_error error(const std::string& message) const;
+    // message, with "LASzip: " and LASzip's text as the reason when there is one.
+    ErrorWithReason error(const std::string& message) const;
 
 private:
     void* m_handle = nullptr;

@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <vector>
 
+#include "core/ErrorWithReason.h"
 #include "importers/laz/LazFileStream.h"
 
 namespace pc_preprocess::laz
@@ -175,9 +176,11 @@ public:
     }
 
 private:
+    // The check stands in front of LASzip's opening of the reader, which is what fails.
     [[noreturn]] void fail(const std::string& what) const
     {
-        throw std::runtime_error("LAZ error: The file is damaged: " + what + ".");
+        throw ErrorWithReason("LAZ error: Could not create reader stream.",
+                              "The file is damaged: " + what + ".");
     }
 
     // The last LASzip record, none when there is no such record. VLRs that would reach into the point data

@@ -23,10 +23,10 @@ struct LazFileLayout
 // LASzip trusts the sizes in a file: a count of VLRs or chunks, a header size or an offset to the point data
 // that the file cannot hold makes it allocate what the count asks for, wrap an unsigned difference into a
 // size of gigabytes, or write past the end of its chunk table. These fields are checked here first, against
-// what the file really holds. A file that would harm LASzip's opening fails with a "LAZ error: " message; one
-// that would harm its reading of points comes back marked damaged. Everything else (a wrong signature, an
-// unknown version, a short header) is left to LASzip, which reports it safely. The stream's position is left
-// at the start.
+// what the file really holds. A file that would harm LASzip's opening fails with "LAZ error: Could not create
+// reader stream." and the damage found as the reason (ErrorWithReason); one that would harm its reading of
+// points comes back marked damaged. Everything else (a wrong signature, an unknown version, a short header)
+// is left to LASzip, which reports it safely. The stream's position is left at the start.
 LazFileLayout checkLazFile(LazFileStream& file);
 
 }  // namespace pc_preprocess::laz

@@ -17,8 +17,8 @@ namespace pc_preprocess::laz
 // A LAS or LAZ file open for reading through LASzip, point by point. The constructor does what opening takes,
 // each step with its own message: the LASzip handle ("LAZ error: Could not create reader."), the file ("LAZ
 // error: Could not open std::ifstream."), the check of the sizes that LASzip would trust (see checkLazFile),
-// the reader ("LAZ error: Could not create reader stream.", with LASzip's reason) and the header and point
-// pointers. Everything is released with the object.
+// the reader ("LAZ error: Could not create reader stream.", with LASzip's text or the damage found as the
+// exception's reason) and the header and point pointers. Everything is released with the object.
 class LazReader
 {
 public:

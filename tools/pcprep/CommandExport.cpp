@@ -11,6 +11,7 @@
 #include "cachefiles/PnzFiles.h"
 #include "core/ExportPoint.h"
 #include "core/FileSizeString.h"
+#include "core/NodePaths.h"
 #include "core/StringConversion.h"
 #include "exporters/LazExporter.h"
 #include "exporters/PtsExporter.h"
@@ -32,13 +33,14 @@ using pc_preprocess::IoTransfo;
 
 constexpr uint64_t kBatch = 65536;
 
-ExportPoint toExportPoint(const IoLightPoint& p, const IoTransfo& t)
+// `withClasses`: the source has a class side file; without one its points have no class to pass on.
+ExportPoint toExportPoint(const IoLightPoint& p, const IoTransfo& t, bool withClasses)
 {
     ExportPoint e;
     e.position = {p.x * t.scale[0] + t.offset[0], p.y * t.scale[1] + t.offset[1],
                   p.z * t.scale[2] + t.offset[2]};
     e.radius = p.radius;
-    e.classification = p.classification;
+    e.classification = withClasses ? p.classification : -1;
     e.scanId = p.scanId;
     e.r = p.r;
     e.g = p.g;
@@ -89,8 +91,10 @@ public:
                     m_start = 0;
                 }
             }
+            const bool withClasses =
+                fs::exists(pc_preprocess::toPath(pc_preprocess::getClassPathFromPnt(source)));
             for (const IoLightPoint& p : m_points)
-                batch.push_back(toExportPoint(p, transfo));
+                batch.push_back(toExportPoint(p, transfo, withClasses));
         }
         return !batch.empty();
     }

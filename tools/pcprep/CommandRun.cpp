@@ -23,6 +23,7 @@
 #include "core/StringConversion.h"
 #include "pcprep/Command.h"
 #include "pcprep/InterruptWatch.h"
+#include "pcprep/LogErrors.h"
 #include "pcprep/ProgressDisplay.h"
 #include "pcprep/RunOptions.h"
 #include "services/Logger.h"
@@ -59,24 +60,17 @@ std::vector<pc_preprocess::InputFileData> buildInputs(const RunOptions& options)
     return inputs;
 }
 
-// The lines the log holds after its last "After ERROR flag was raised:", which is what went wrong.
-std::string heldErrors(const std::wstring& logFile)
+// Every line of text behind `indent`.
+std::string indented(const std::string& text, const std::string& indent)
 {
-    std::ifstream in(toPath(logFile));
-    std::string line;
-    std::string errors;
-    bool inBlock = false;
-    while (std::getline(in, line))
+    std::string out = indent;
+    for (const char c : text)
     {
-        if (line == "After ERROR flag was raised:")
-        {
-            errors.clear();
-            inBlock = true;
-        }
-        else if (inBlock && !line.empty())
-            errors += "    " + line + "\n";
+        out += c;
+        if (c == '\n')
+            out += indent;
     }
-    return errors;
+    return out;
 }
 
 struct RunSummary
@@ -100,8 +94,8 @@ RunSummary summarise(const std::vector<pc_preprocess::ScanFiles>& scans)
     return summary;
 }
 
-// The panoramas a viewer shows, colour view and normal map per scan, then the pictures of camera images, which
-// have a colour view only.
+// The panoramas a viewer shows, colour view and normal map per scan, then the pictures of camera images,
+// which have a colour view only.
 void printPictures(const std::vector<pc_preprocess::ScanFiles>& scans)
 {
     std::vector<std::wstring> pictures;
@@ -273,9 +267,11 @@ int runRun(const Arguments& arguments)
         return kExitCancelled;
     }
     std::fprintf(stderr, "pcprep run: %s\n", message.c_str());
-    const std::string errors = heldErrors(files.getLogFile());
+    const std::vector<std::string> errors = errorEntries(toPath(files.getLogFile()));
     if (!errors.empty())
-        std::fprintf(stderr, "  from the log:\n%s", errors.c_str());
+        std::fprintf(stderr, "  errors in the log:\n");
+    for (const std::string& error : errors)
+        std::fprintf(stderr, "%s\n", indented(error, "    ").c_str());
     return 1;
 }
 

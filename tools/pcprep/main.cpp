@@ -5,6 +5,7 @@
 #include <exception>
 #include <string>
 
+#include "core/ErrorWithReason.h"
 #include "pcprep/Command.h"
 
 namespace
@@ -263,7 +264,7 @@ int main(int argc, char** argv)
     }
     catch (const std::exception& e)
     {
-        std::fprintf(stderr, "pcprep %s: %s\n", command->name, e.what());
+        std::fprintf(stderr, "pcprep %s: %s\n", command->name, pc_preprocess::logText(e, "\n    ").c_str());
         return 1;
     }
 }
