@@ -1,7 +1,7 @@
 // How each target attribute is made from the source: the rules that compute the action list.
 #include <bit>
-#include <cmath>
 #include <limits>
+#include <optional>
 #include <string>
 #include <utility>
 

@@ -6,7 +6,6 @@
 
 #include <array>
 #include <cstdint>
-#include <optional>
 #include <vector>
 
 #include "hspc/convert/BinaryImporterHelper.h"
@@ -51,7 +50,14 @@ struct ColorShift
 
     uint8_t shift() const { return sourceBits > targetBits ? uint8_t(sourceBits - targetBits) : 0; }
     // Source values above this are capped before the shift: the source's white when a shift is due.
-    uint32_t maxColor() const { return shift() != 0 ? (uint32_t(1) << sourceBits) - 1 : 65535; }
+    uint32_t maxColor() const
+    {
+        if (shift() == 0)
+        {
+            return 65535;
+        }
+        return sourceBits >= 32 ? 0xffffffffu : (uint32_t(1) << sourceBits) - 1;
+    }
 };
 
 ColorShift colorShift(const SourceAttribute& source, const EncodingAttribute& target);
