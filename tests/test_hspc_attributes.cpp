@@ -15,21 +15,14 @@
 #include "hspc/format/AttributeDescription.h"
 #include "hspc/format/AttributeRecord.h"
 #include "hspc/format/AttributeStatistics.h"
+#include "support/MessageLog.h"
 
 using namespace HSPC;
 
 namespace
 {
 
-// Collects everything a component reports, so that a test can compare exact texts.
-struct MessageLog
-{
-    std::vector<std::string> lines;
-    LogFunction logger()
-    {
-        return [this](const std::string& line) { lines.push_back(line); };
-    }
-};
+using pcp_test::MessageLog;
 
 // Bitwise reference CRC-32 (reflected, polynomial 0xEDB88320), independent of the library's table-driven one.
 uint32_t referenceCrc32(const std::vector<uint8_t>& bytes)

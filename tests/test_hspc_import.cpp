@@ -17,6 +17,7 @@
 #include "hspc/convert/RecordSource.h"
 #include "hspc/convert/SourceDescription.h"
 #include "hspc/format/MortonIndex3D.h"
+#include "support/MessageLog.h"
 #include "support/TempFolder.h"
 
 using namespace HSPC;
@@ -24,14 +25,7 @@ using namespace HSPC;
 namespace
 {
 
-struct Messages
-{
-    std::vector<std::string> lines;
-    LogFunction logger()
-    {
-        return [this](const std::string& line) { lines.push_back(line); };
-    }
-};
+using Messages = pcp_test::MessageLog;
 
 // Source records built value by value, in little-endian order.
 class Records

@@ -94,11 +94,6 @@ void writeNumber(uint8_t* target, double value, uint8_t type)
     std::memcpy(target, &bits, typeSize(type));
 }
 
-bool isSigned(uint8_t type)
-{
-    return type >= AttributeType::I8 && type <= AttributeType::I64;
-}
-
 uint64_t largestUnsigned(uint16_t size)
 {
     return size >= 8 ? std::numeric_limits<uint64_t>::max() : (uint64_t(1) << (8 * size)) - 1;
@@ -169,13 +164,13 @@ BinaryImporterHelper::BinaryImporterHelper(LogFunction errorLogger, double zScal
 bool BinaryImporterHelper::writeElevation(const ConversionAction& action, const uint8_t* record,
                                           uint8_t* target) const
 {
-    const uint8_t targetType = targetTypeOf(action.value);
+    const uint8_t targetType = uint8_t(TypePair::high(action.value));
     if (targetType != AttributeType::F32 && targetType != AttributeType::F64)
     {
         m_errorLogger("BinaryImporterHelper: convertPoints: unsupported type for height conversion.");
         return false;
     }
-    const double z = readNumber(record + action.sourceOffset, sourceTypeOf(action.value));
+    const double z = readNumber(record + action.sourceOffset, uint8_t(TypePair::low(action.value)));
     writeNumber(target, z * m_zScale + m_zOffset, targetType);
     return true;
 }
@@ -201,8 +196,8 @@ bool BinaryImporterHelper::convertPoints(std::span<const ConversionAction> actio
             case ActionKind::kColorDown8:
             {
                 const uint64_t capped = std::min<uint64_t>(loadUnsigned(source, action.sourceSize),
-                                                           maxColorOf(action.value));
-                const uint64_t shifted = capped >> colorShiftOf(action.value);
+                                                           ColorDown::high(action.value));
+                const uint64_t shifted = capped >> ColorDown::low(action.value);
                 storeLowBytes(cursor, std::min(shifted, largestUnsigned(action.targetSize)), action.targetSize);
                 break;
             }
@@ -221,15 +216,15 @@ bool BinaryImporterHelper::convertPoints(std::span<const ConversionAction> actio
             case ActionKind::kIntegerCast:
             {
                 // Widening only: the low bytes of the sign- or zero-extended value are the value.
-                const uint8_t sourceType = sourceTypeOf(action.value);
-                const uint64_t widened = isSigned(sourceType) ? uint64_t(loadSigned(source, sourceType))
+                const uint8_t sourceType = uint8_t(TypePair::low(action.value));
+                const uint64_t widened = isSignedInteger(sourceType) ? uint64_t(loadSigned(source, sourceType))
                                                               : loadUnsigned(source, action.sourceSize);
                 storeLowBytes(cursor, widened, action.targetSize);
                 break;
             }
             case ActionKind::kIntegerToFloat:
             case ActionKind::kFloatCast:
-                writeNumber(cursor, readNumber(source, sourceTypeOf(action.value)), targetTypeOf(action.value));
+                writeNumber(cursor, readNumber(source, uint8_t(TypePair::low(action.value))), uint8_t(TypePair::high(action.value)));
                 break;
             case ActionKind::kScanIndex:
             {

@@ -45,48 +45,21 @@ struct ConversionAction
 };
 static_assert(sizeof(ConversionAction) == 16);
 
-// The value field of the casts and of the elevation: the source type in its lowest byte, the target type in
-// the next.
-constexpr uint64_t packTypePair(uint8_t sourceType, uint8_t targetType)
+// The value field of several kinds holds two numbers: the first in its low `lowBits` bits, the second above.
+template <unsigned lowBits>
+struct ValuePair
 {
-    return uint64_t(sourceType) | uint64_t(targetType) << 8;
-}
-constexpr uint8_t sourceTypeOf(uint64_t value)
-{
-    return uint8_t(value);
-}
-constexpr uint8_t targetTypeOf(uint64_t value)
-{
-    return uint8_t(value >> 8);
-}
+    static constexpr uint64_t pack(uint64_t low, uint64_t high) { return low | high << lowBits; }
+    static constexpr uint64_t low(uint64_t value) { return value & ((uint64_t(1) << lowBits) - 1); }
+    static constexpr uint64_t high(uint64_t value) { return value >> lowBits; }
+};
 
-// The value field of the colour actions: the shift in its lowest byte, the largest colour a source value may
-// have above it; larger values are capped before the shift so that they cannot spill over the target.
-constexpr uint64_t packColorDown(uint8_t shift, uint32_t maxColor)
-{
-    return uint64_t(shift) | uint64_t(maxColor) << 8;
-}
-constexpr uint8_t colorShiftOf(uint64_t value)
-{
-    return uint8_t(value);
-}
-constexpr uint32_t maxColorOf(uint64_t value)
-{
-    return uint32_t(value >> 8);
-}
-
-// The value field of the position: the offsets of y and z in a source record (x is the action's own offset).
-constexpr uint64_t packAxisOffsets(uint16_t yOffset, uint16_t zOffset)
-{
-    return uint64_t(yOffset) | uint64_t(zOffset) << 16;
-}
-constexpr uint16_t yOffsetOf(uint64_t value)
-{
-    return uint16_t(value);
-}
-constexpr uint16_t zOffsetOf(uint64_t value)
-{
-    return uint16_t(value >> 16);
-}
+// Casts and the elevation: the source type, then the target type.
+using TypePair = ValuePair<8>;
+// Colours: the shift, then the largest source value; larger values are capped before the shift so that they
+// cannot spill over the target.
+using ColorDown = ValuePair<8>;
+// The position: the offsets of y and z in a source record (x is the action's own offset).
+using AxisOffsets = ValuePair<16>;
 
 }  // namespace HSPC

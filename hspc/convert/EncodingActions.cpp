@@ -41,18 +41,6 @@ std::optional<SourceField> findRole(const SourceDescription& source, const std::
     return findSource(source, offsets, Attribute{AttributeType::UNDEFINED, role, {}});
 }
 
-bool isUnsignedInteger(uint8_t type)
-{
-    return type <= AttributeType::U64;
-}
-bool isSignedInteger(uint8_t type)
-{
-    return type >= AttributeType::I8 && type <= AttributeType::I64;
-}
-bool isFloat(uint8_t type)
-{
-    return type == AttributeType::F32 || type == AttributeType::F64;
-}
 bool isInteger(uint8_t type)
 {
     return isUnsignedInteger(type) || isSignedInteger(type);
@@ -189,7 +177,7 @@ private:
         }
         m_plan.sourceScale[2] = z->attribute->scale;
         m_plan.sourceOffset[2] = z->attribute->offset;
-        add(ActionKind::kElevation, target, z, packTypePair(z->attribute->attribute.type, target.attribute.type));
+        add(ActionKind::kElevation, target, z, TypePair::pack(z->attribute->attribute.type, target.attribute.type));
         return true;
     }
 
@@ -234,7 +222,7 @@ private:
             m_plan.sourceOffset[axis] = axes[axis]->attribute->offset;
         }
         add(ActionKind::kPosition, target, axes[0],
-            packAxisOffsets(m_plan.axisOffsets[1], m_plan.axisOffsets[2]));
+            AxisOffsets::pack(m_plan.axisOffsets[1], m_plan.axisOffsets[2]));
         m_plan.actions.back().sourceSize = uint16_t(3 * typeSize(type));
         return true;
     }
@@ -255,7 +243,7 @@ private:
         }
         const ColorShift shift = colorShift(*source.attribute, target);
         add(sourceSize == 2 ? ActionKind::kColorDown8 : ActionKind::kColorDown16, target, source,
-            packColorDown(shift.shift(), shift.maxColor()));
+            ColorDown::pack(shift.shift(), shift.maxColor()));
         return true;
     }
 
@@ -286,7 +274,7 @@ private:
                           " bytes while target type is " + std::to_string(typeSize(targetType)) + " bytes)");
             return false;
         }
-        add(*cast, target, source, packTypePair(sourceType, targetType));
+        add(*cast, target, source, TypePair::pack(sourceType, targetType));
         return true;
     }
 
