@@ -55,8 +55,8 @@ T readAt(const std::vector<uint8_t>& bytes, size_t offset)
 
 MortonIndex3D<uint32_t> mortonAt(const std::vector<uint8_t>& bytes, size_t offset)
 {
-    return MortonIndex3D<uint32_t>{
-        {readAt<uint32_t>(bytes, offset), readAt<uint32_t>(bytes, offset + 4), readAt<uint32_t>(bytes, offset + 8)}};
+    return MortonIndex3D<uint32_t>{{readAt<uint32_t>(bytes, offset), readAt<uint32_t>(bytes, offset + 4),
+                                    readAt<uint32_t>(bytes, offset + 8)}};
 }
 
 MortonIndex3D<uint32_t> cell(int32_t x, int32_t y, int32_t z)
@@ -64,7 +64,8 @@ MortonIndex3D<uint32_t> cell(int32_t x, int32_t y, int32_t z)
     return encodeMortonSigned<uint32_t>(x, y, z);
 }
 
-EncodingAttribute target(uint8_t type, uint8_t role, std::string name, std::optional<double> defaultValue = {})
+EncodingAttribute target(uint8_t type, uint8_t role, std::string name,
+                         std::optional<double> defaultValue = {})
 {
     EncodingAttribute attribute;
     attribute.attribute = Attribute{type, role, std::move(name)};
@@ -98,7 +99,8 @@ SourceDescription with(SourceDescription description, const SourceAttribute& att
     return description;
 }
 
-std::vector<uint8_t> encode(const EncodingImporterHelper& helper, const Records& records, uint64_t firstPoint = 0)
+std::vector<uint8_t> encode(const EncodingImporterHelper& helper, const Records& records,
+                            uint64_t firstPoint = 0)
 {
     const uint64_t count = records.bytes().size() / helper.sourceRecordSize();
     std::vector<uint8_t> out(count * helper.targetRecordSize());
@@ -139,13 +141,14 @@ TEST(EncodingImporterHelper, RefusesUnusableTargetsBeforeComputingActions)
     std::vector<uint8_t> out(12);
     EXPECT_FALSE(helper.encodePoints(one.bytes().data(), 1, out.data()));
 
-    EXPECT_EQ(messages.lines,
-              (std::vector<std::string>{
-                  "setEncodingParameters: encoding attributes are empty.",
-                  "setEncodingParameters: first attribute not POSITION with MortonInteger96 type.",
-                  "setEncodingParameters: both transformation and transformAll functions set, only one or zero "
-                  "can be used simultaneously.",
-                  "EncodingImporterHelper::encodePoints: encoding parameters are not valid."}));
+    EXPECT_EQ(
+        messages.lines,
+        (std::vector<std::string>{
+            "setEncodingParameters: encoding attributes are empty.",
+            "setEncodingParameters: first attribute not POSITION with MortonInteger96 type.",
+            "setEncodingParameters: both transformation and transformAll functions set, only one or zero "
+            "can be used simultaneously.",
+            "EncodingImporterHelper::encodePoints: encoding parameters are not valid."}));
 
     // The same helper recovers with a usable target: just a position, one action.
     ASSERT_TRUE(helper.setEncodingParameters(unitGrid({position()}), {}));
@@ -156,7 +159,8 @@ TEST(EncodingImporterHelper, RefusesUnusableTargetsBeforeComputingActions)
 TEST(EncodingImporterHelper, ReportsEachSourceThatCannotBecomeTheTarget)
 {
     const std::string prefix = "EncodingImporterHelper::computeActions: ";
-    const SourceAttribute morton96 = makeSourceAttribute(AttributeType::M96, AttributeRole::POSITION, "POSITION");
+    const SourceAttribute morton96 =
+        makeSourceAttribute(AttributeType::M96, AttributeRole::POSITION, "POSITION");
     struct Case
     {
         SourceDescription source;
@@ -171,24 +175,32 @@ TEST(EncodingImporterHelper, ReportsEachSourceThatCannotBecomeTheTarget)
         {{makeSourceAttribute(AttributeType::M192, AttributeRole::POSITION, "POSITION")},
          {position()},
          prefix + "Cannot cast between different Morton integer types"},
-        {xyz(AttributeType::I16), {position()}, prefix + "Cannot perform casting operation for this coordinate type."},
-        {with(xyz(AttributeType::F64), makeSourceAttribute(AttributeType::F64, AttributeRole::ELEVATION, "H")),
+        {xyz(AttributeType::I16),
+         {position()},
+         prefix + "Cannot perform casting operation for this coordinate type."},
+        {with(xyz(AttributeType::F64),
+              makeSourceAttribute(AttributeType::F64, AttributeRole::ELEVATION, "H")),
          {position(), target(AttributeType::F32, AttributeRole::ELEVATION, "Elevation")},
          prefix + "Cannot convert height attribute."},
         {{morton96},
          {position(), target(AttributeType::F32, AttributeRole::ELEVATION, "Elevation")},
          prefix + "Could not extract z coordinate for height."},
-        {with(xyz(AttributeType::F64), makeSourceAttribute(AttributeType::U16, AttributeRole::INTENSITY, "I", 2.0)),
+        {with(xyz(AttributeType::F64),
+              makeSourceAttribute(AttributeType::U16, AttributeRole::INTENSITY, "I", 2.0)),
          {position(), target(AttributeType::U16, AttributeRole::INTENSITY, "Intensity")},
          prefix + "encoding parameters unit, offset or scale different for target and source attribute=."},
-        {with(xyz(AttributeType::F64), makeSourceAttribute(AttributeType::I16, AttributeRole::INTENSITY, "I")),
+        {with(xyz(AttributeType::F64),
+              makeSourceAttribute(AttributeType::I16, AttributeRole::INTENSITY, "I")),
          {position(), target(AttributeType::U16, AttributeRole::INTENSITY, "Intensity")},
-         prefix + "Cannot perform casting operation for this attribute=Intensity (source type is 2 bytes while "
-                  "target type is 2 bytes)"},
-        {with(xyz(AttributeType::F64), makeSourceAttribute(AttributeType::F64, AttributeRole::TIMESTAMP, "T")),
+         prefix +
+             "Cannot perform casting operation for this attribute=Intensity (source type is 2 bytes while "
+             "target type is 2 bytes)"},
+        {with(xyz(AttributeType::F64),
+              makeSourceAttribute(AttributeType::F64, AttributeRole::TIMESTAMP, "T")),
          {position(), target(AttributeType::U32, AttributeRole::TIMESTAMP, "Time")},
-         prefix + "Cannot perform casting operation for this attribute=Time (source type is 8 bytes while target "
-                  "type is 4 bytes)"},
+         prefix +
+             "Cannot perform casting operation for this attribute=Time (source type is 8 bytes while target "
+             "type is 4 bytes)"},
         {xyz(AttributeType::F64),
          {position(), target(AttributeType::U8, AttributeRole::CLASSIFICATION, "Classification")},
          prefix + "Unsupported attribute: Classification; and no default value specified."},
@@ -232,18 +244,30 @@ TEST(EncodingImporterHelper, EncodesEveryActionKindAsComputedByHand)
     Messages messages;
     EncodingImporterHelper helper(messages.logger(), source);
     ASSERT_TRUE(helper.setEncodingParameters(unitGrid(attributes), {true, true, 7})) << messages.lines.at(0);
-    EXPECT_EQ(kinds(helper), (std::vector<uint8_t>{ActionKind::kPosition, ActionKind::kScanIndex, ActionKind::kCopy,
-                                                   ActionKind::kIntegerCast, ActionKind::kIntegerToFloat,
-                                                   ActionKind::kFloatCast, ActionKind::kFloatCast,
-                                                   ActionKind::kIntegerCast, ActionKind::kConstant,
-                                                   ActionKind::kConstant, ActionKind::kCounter,
-                                                   ActionKind::kConstant}));
+    EXPECT_EQ(
+        kinds(helper),
+        (std::vector<uint8_t>{ActionKind::kPosition, ActionKind::kScanIndex, ActionKind::kCopy,
+                              ActionKind::kIntegerCast, ActionKind::kIntegerToFloat, ActionKind::kFloatCast,
+                              ActionKind::kFloatCast, ActionKind::kIntegerCast, ActionKind::kConstant,
+                              ActionKind::kConstant, ActionKind::kCounter, ActionKind::kConstant}));
     ASSERT_EQ(helper.targetRecordSize(), 12u + 2 + 2 + 4 + 4 + 8 + 4 + 4 + 1 + 4 + 4 + 2);
 
     Records records;
-    records.add(1.0).add(-2.0).add(3.0).add(uint8_t(9)).add(uint16_t(500)).add(uint16_t(65535)).add(int16_t(-300));
+    records.add(1.0)
+        .add(-2.0)
+        .add(3.0)
+        .add(uint8_t(9))
+        .add(uint16_t(500))
+        .add(uint16_t(65535))
+        .add(int16_t(-300));
     records.add(0.5f).add(-0.25).add(int8_t(-5));
-    records.add(2.5).add(-2.5).add(0.49).add(uint8_t(255)).add(uint16_t(0)).add(uint16_t(1)).add(int16_t(32767));
+    records.add(2.5)
+        .add(-2.5)
+        .add(0.49)
+        .add(uint8_t(255))
+        .add(uint16_t(0))
+        .add(uint16_t(1))
+        .add(int16_t(32767));
     records.add(-1.75f).add(1e300).add(int8_t(127));
     const std::vector<uint8_t> out = encode(helper, records, 41);
 
@@ -260,8 +284,9 @@ TEST(EncodingImporterHelper, EncodesEveryActionKindAsComputedByHand)
         uint32_t pointId;
     };
     // Half way between two cells rounds away from zero; a double beyond a float's range becomes infinity.
-    const Expected expected[] = {{cell(1, -2, 3), 9, 500, 65535, -300.0f, 0.5, -0.25f, -5, 41},
-                                 {cell(3, -3, 0), 255, 0, 1, 32767.0f, -1.75, std::numeric_limits<float>::infinity(), 127, 42}};
+    const Expected expected[] = {
+        {cell(1, -2, 3), 9, 500, 65535, -300.0f, 0.5, -0.25f, -5, 41},
+        {cell(3, -3, 0), 255, 0, 1, 32767.0f, -1.75, std::numeric_limits<float>::infinity(), 127, 42}};
     for (size_t point = 0; point < 2; ++point)
     {
         const size_t at = point * size;
@@ -296,15 +321,45 @@ TEST(EncodingImporterHelper, BringsColoursDownToTheTargetDepth)
     };
     const std::vector<Case> cases = {
         // 16-bit colours into 8 bits: the high byte.
-        {AttributeType::U16, {}, AttributeType::U8, 255.0, ActionKind::kColorDown8, {65535, 0x1234, 0}, {255, 0x12, 0}},
+        {AttributeType::U16,
+         {},
+         AttributeType::U8,
+         255.0,
+         ActionKind::kColorDown8,
+         {65535, 0x1234, 0},
+         {255, 0x12, 0}},
         // 12-bit colours in 16-bit values: shifted by 4, values above the source's white capped.
-        {AttributeType::U16, 4095.0, AttributeType::U8, {}, ActionKind::kColorDown8, {4095, 5000, 16}, {255, 255, 1}},
+        {AttributeType::U16,
+         4095.0,
+         AttributeType::U8,
+         {},
+         ActionKind::kColorDown8,
+         {4095, 5000, 16},
+         {255, 255, 1}},
         // 8-bit colours stored in 16 bits: no shift, and nothing spills over the target byte.
-        {AttributeType::U16, 255.0, AttributeType::U8, {}, ActionKind::kColorDown8, {255, 300, 7}, {255, 255, 7}},
+        {AttributeType::U16,
+         255.0,
+         AttributeType::U8,
+         {},
+         ActionKind::kColorDown8,
+         {255, 300, 7},
+         {255, 255, 7}},
         // 8-bit colours into a 16-bit target keep their values.
-        {AttributeType::U8, {}, AttributeType::U16, 65535.0, ActionKind::kColorDown16, {200, 0, 255}, {200, 0, 255}},
+        {AttributeType::U8,
+         {},
+         AttributeType::U16,
+         65535.0,
+         ActionKind::kColorDown16,
+         {200, 0, 255},
+         {200, 0, 255}},
         // Equal sizes are copied.
-        {AttributeType::U16, {}, AttributeType::U16, 65535.0, ActionKind::kCopy, {65535, 2, 0}, {65535, 2, 0}},
+        {AttributeType::U16,
+         {},
+         AttributeType::U16,
+         65535.0,
+         ActionKind::kCopy,
+         {65535, 2, 0},
+         {65535, 2, 0}},
     };
     for (const Case& c : cases)
     {
@@ -325,8 +380,9 @@ TEST(EncodingImporterHelper, BringsColoursDownToTheTargetDepth)
         const size_t size = helper.targetRecordSize();
         for (size_t point = 0; point < c.in.size(); ++point)
         {
-            const uint16_t value = c.targetType == AttributeType::U8 ? readAt<uint8_t>(out, point * size + 12)
-                                                                     : readAt<uint16_t>(out, point * size + 12);
+            const uint16_t value = c.targetType == AttributeType::U8
+                                       ? readAt<uint8_t>(out, point * size + 12)
+                                       : readAt<uint16_t>(out, point * size + 12);
             EXPECT_EQ(value, c.out[point]) << "input " << c.in[point] << ", kind " << int(c.kind);
         }
     }
@@ -357,24 +413,37 @@ TEST(EncodingImporterHelper, WritesElevationAsFloatOrDoubleAndRefusesOtherTypes)
     std::vector<uint8_t> out(helper.targetRecordSize());
     EXPECT_FALSE(helper.encodePoints(records.bytes().data(), 1, out.data()));
     EXPECT_EQ(messages.lines,
-              std::vector<std::string>{"BinaryImporterHelper: convertPoints: unsupported type for height conversion."});
+              std::vector<std::string>{
+                  "BinaryImporterHelper: convertPoints: unsupported type for height conversion."});
 }
 
 TEST(EncodingImporterHelper, PutsEveryCoordinateTypeOnTheTargetGrid)
 {
-    // Stored (100, 7, 0) on the source grid of 0.5 at -10 is (40, -6.5, -10) in real units; on the target grid
-    // of 0.25 at (1, 2, 3) that is the cell (156, -34, -52).
+    // Stored (100, 7, 0) on the source grid of 0.5 at -10 is (40, -6.5, -10) in real units; on the target
+    // grid of 0.25 at (1, 2, 3) that is the cell (156, -34, -52).
     auto recordsOf = [](uint8_t type)
     {
         Records records;
         switch (type)
         {
-            case AttributeType::U32: records.add(uint32_t(100)).add(uint32_t(7)).add(uint32_t(0)); break;
-            case AttributeType::U64: records.add(uint64_t(100)).add(uint64_t(7)).add(uint64_t(0)); break;
-            case AttributeType::I32: records.add(int32_t(100)).add(int32_t(7)).add(int32_t(0)); break;
-            case AttributeType::I64: records.add(int64_t(100)).add(int64_t(7)).add(int64_t(0)); break;
-            case AttributeType::F32: records.add(100.0f).add(7.0f).add(0.0f); break;
-            default: records.add(100.0).add(7.0).add(0.0); break;
+            case AttributeType::U32:
+                records.add(uint32_t(100)).add(uint32_t(7)).add(uint32_t(0));
+                break;
+            case AttributeType::U64:
+                records.add(uint64_t(100)).add(uint64_t(7)).add(uint64_t(0));
+                break;
+            case AttributeType::I32:
+                records.add(int32_t(100)).add(int32_t(7)).add(int32_t(0));
+                break;
+            case AttributeType::I64:
+                records.add(int64_t(100)).add(int64_t(7)).add(int64_t(0));
+                break;
+            case AttributeType::F32:
+                records.add(100.0f).add(7.0f).add(0.0f);
+                break;
+            default:
+                records.add(100.0).add(7.0).add(0.0);
+                break;
         }
         return records;
     };
@@ -437,8 +506,9 @@ TEST(EncodingImporterHelper, TransformsRealPositionsPointByPointOrAllAtOnce)
 
 TEST(EncodingImporterHelper, CopiesMortonPositionsButCannotTransformThem)
 {
-    const SourceDescription source = {makeSourceAttribute(AttributeType::M96, AttributeRole::POSITION, "POSITION"),
-                                      makeSourceAttribute(AttributeType::U8, AttributeRole::INTENSITY, "I")};
+    const SourceDescription source = {
+        makeSourceAttribute(AttributeType::M96, AttributeRole::POSITION, "POSITION"),
+        makeSourceAttribute(AttributeType::U8, AttributeRole::INTENSITY, "I")};
     const MortonIndex3D<uint32_t> code = cell(-5, 6, 7);
     Records records;
     records.add(code.words[0]).add(code.words[1]).add(code.words[2]).add(uint8_t(9));
@@ -458,7 +528,8 @@ TEST(EncodingImporterHelper, CopiesMortonPositionsButCannotTransformThem)
     std::vector<uint8_t> refused(helper.targetRecordSize());
     EXPECT_FALSE(helper.encodePoints(records.bytes().data(), 1, refused.data()));
     EXPECT_EQ(messages.lines,
-              std::vector<std::string>{"EncodingImporterHelper::encodePoints: Cannot convert for this position type."});
+              std::vector<std::string>{
+                  "EncodingImporterHelper::encodePoints: Cannot convert for this position type."});
 }
 
 namespace
@@ -522,7 +593,8 @@ EncodingTarget millimetreGrid()
 
 void expectEncodedRecord(const std::vector<uint8_t>& out, size_t at, uint64_t point)
 {
-    ASSERT_EQ(mortonAt(out, at), cell(rawCoordinate(point, 0), rawCoordinate(point, 1), rawCoordinate(point, 2)))
+    ASSERT_EQ(mortonAt(out, at),
+              cell(rawCoordinate(point, 0), rawCoordinate(point, 1), rawCoordinate(point, 2)))
         << "point " << point;
     for (unsigned channel = 0; channel < 3; ++channel)
     {
@@ -623,11 +695,10 @@ TEST(BinaryRecordImporter, RefusesBadDescriptionsSourcesAndRequests)
     EXPECT_EQ(BinaryRecordImporter::create(R"({"attribute-description": []})", makeMemorySource(bytes),
                                            millimetreGrid(), {}, messages.logger()),
               nullptr);
-    EXPECT_EQ(
-        BinaryRecordImporter::create(
-            R"({"attribute-description": [{"attribute": {"name": "X", "role": "XX", "type": "I32"}}]})",
-            makeMemorySource(bytes), millimetreGrid(), {}, messages.logger()),
-        nullptr);
+    EXPECT_EQ(BinaryRecordImporter::create(
+                  R"({"attribute-description": [{"attribute": {"name": "X", "role": "XX", "type": "I32"}}]})",
+                  makeMemorySource(bytes), millimetreGrid(), {}, messages.logger()),
+              nullptr);
     // A point id that the flags do not ask for has to come from the source, which has none.
     EXPECT_EQ(BinaryRecordImporter::create(kRawDescription, makeMemorySource(bytes), millimetreGrid(), {},
                                            messages.logger()),
@@ -639,11 +710,14 @@ TEST(BinaryRecordImporter, RefusesBadDescriptionsSourcesAndRequests)
               nullptr);
     EXPECT_EQ(openFileSource("/nonexistent/records.bin", messages.logger()), nullptr);
     ASSERT_EQ(messages.lines.size(), 6u);
-    EXPECT_EQ(messages.lines[1], "parseSourceDescription: no attribute-description entry describes the source records.");
+    EXPECT_EQ(messages.lines[1],
+              "parseSourceDescription: no attribute-description entry describes the source records.");
     EXPECT_EQ(messages.lines[2], "attribute-description: Failed to get valid role for XX");
     EXPECT_EQ(messages.lines[3],
-              "EncodingImporterHelper::computeActions: Unsupported attribute: PointId; and no default value specified.");
-    EXPECT_EQ(messages.lines[4], "BinaryRecordImporter: source of 199 bytes does not hold whole records of 20 bytes.");
+              "EncodingImporterHelper::computeActions: Unsupported attribute: PointId; and no default value "
+              "specified.");
+    EXPECT_EQ(messages.lines[4],
+              "BinaryRecordImporter: source of 199 bytes does not hold whole records of 20 bytes.");
     EXPECT_NE(messages.lines[5].find("/nonexistent/records.bin"), std::string::npos);
 
     // A request too small for one record, and a batch that is not whole records, fail with their reasons.
@@ -661,15 +735,16 @@ TEST(BinaryRecordImporter, RefusesBadDescriptionsSourcesAndRequests)
     EXPECT_EQ(messages.lines,
               (std::vector<std::string>{
                   "BinaryRecordImporter: a batch of 27 bytes cannot take one record of 20 bytes.",
-                  "BinaryRecordImporter: a batch of 27 bytes is not a batch header and whole records of 20 bytes."}));
+                  "BinaryRecordImporter: a batch of 27 bytes is not a batch header and whole records of 20 "
+                  "bytes."}));
 }
 
 TEST(BinaryRecordImporter, EndsAtOnceWhenEmptyAndFailsWhenTheFileShrinks)
 {
     Messages messages;
-    const std::shared_ptr<BinaryRecordImporter> empty =
-        BinaryRecordImporter::create(kRawDescription, makeMemorySource(std::make_shared<std::vector<uint8_t>>()),
-                                     millimetreGrid(), {true}, messages.logger());
+    const std::shared_ptr<BinaryRecordImporter> empty = BinaryRecordImporter::create(
+        kRawDescription, makeMemorySource(std::make_shared<std::vector<uint8_t>>()), millimetreGrid(), {true},
+        messages.logger());
     ASSERT_NE(empty, nullptr);
     std::vector<uint8_t> untouched = {1, 2, 3};
     EXPECT_EQ(empty->readPoints(untouched, 1 << 20), ReadResult::kEnd);
@@ -679,9 +754,9 @@ TEST(BinaryRecordImporter, EndsAtOnceWhenEmptyAndFailsWhenTheFileShrinks)
     const std::filesystem::path file = folder.path() / "records.bin";
     const std::shared_ptr<std::vector<uint8_t>> bytes = rawRecords(100);
     std::ofstream(file, std::ios::binary).write(reinterpret_cast<const char*>(bytes->data()), bytes->size());
-    const std::shared_ptr<BinaryRecordImporter> shrinking = BinaryRecordImporter::create(
-        kRawDescription, openFileSource(file.string(), messages.logger()), millimetreGrid(), {true},
-        messages.logger());
+    const std::shared_ptr<BinaryRecordImporter> shrinking =
+        BinaryRecordImporter::create(kRawDescription, openFileSource(file.string(), messages.logger()),
+                                     millimetreGrid(), {true}, messages.logger());
     ASSERT_NE(shrinking, nullptr);
     std::filesystem::resize_file(file, 60 * kRawRecordSize);
     HSPCBuffer<uint8_t> buffer;

@@ -18,19 +18,62 @@ using little_endian::load;
 using little_endian::store;
 
 // Writes the low `size` bytes of a 64-bit value and zeros beyond: a constant or counter wider than eight
-// bytes is the value zero-extended.
+// bytes is the value zero-extended. The usual sizes are stored whole: a copy of a variable size goes through
+// memory byte by byte, which costs more than the rest of a point's work.
 void storeLowBytes(uint8_t* target, uint64_t value, uint16_t size)
 {
-    const size_t fromValue = std::min<size_t>(size, sizeof(value));
-    std::memcpy(target, &value, fromValue);
-    std::memset(target + fromValue, 0, size - fromValue);
+    switch (size)
+    {
+        case 1:
+            store(target, uint8_t(value));
+            return;
+        case 2:
+            store(target, uint16_t(value));
+            return;
+        case 4:
+            store(target, uint32_t(value));
+            return;
+        case 8:
+            store(target, value);
+            return;
+        default:
+        {
+            const size_t fromValue = std::min<size_t>(size, sizeof(value));
+            std::memcpy(target, &value, fromValue);
+            std::memset(target + fromValue, 0, size - fromValue);
+        }
+    }
 }
 
+// An unsigned integer of 1, 2, 4 or 8 bytes.
 uint64_t loadUnsigned(const uint8_t* bytes, uint16_t size)
 {
-    uint64_t value = 0;
-    std::memcpy(&value, bytes, std::min<size_t>(size, sizeof(value)));
-    return value;
+    switch (size)
+    {
+        case 1:
+            return load<uint8_t>(bytes);
+        case 2:
+            return load<uint16_t>(bytes);
+        case 4:
+            return load<uint32_t>(bytes);
+        default:
+            return load<uint64_t>(bytes);
+    }
+}
+
+void copyBytes(uint8_t* target, const uint8_t* source, uint16_t size)
+{
+    switch (size)
+    {
+        case 1:
+        case 2:
+        case 4:
+        case 8:
+            storeLowBytes(target, loadUnsigned(source, size), size);
+            return;
+        default:
+            std::memcpy(target, source, size);
+    }
 }
 
 int64_t loadSigned(const uint8_t* bytes, uint8_t type)
@@ -184,7 +227,7 @@ bool BinaryImporterHelper::convertPoints(std::span<const ConversionAction> actio
         switch (action.kind)
         {
             case ActionKind::kCopy:
-                std::memcpy(cursor, source, action.targetSize);
+                copyBytes(cursor, source, action.targetSize);
                 break;
             case ActionKind::kConstant:
                 storeLowBytes(cursor, action.value, action.targetSize);
@@ -198,7 +241,8 @@ bool BinaryImporterHelper::convertPoints(std::span<const ConversionAction> actio
                 const uint64_t capped = std::min<uint64_t>(loadUnsigned(source, action.sourceSize),
                                                            ColorDown::high(action.value));
                 const uint64_t shifted = capped >> ColorDown::low(action.value);
-                storeLowBytes(cursor, std::min(shifted, largestUnsigned(action.targetSize)), action.targetSize);
+                storeLowBytes(cursor, std::min(shifted, largestUnsigned(action.targetSize)),
+                              action.targetSize);
                 break;
             }
             case ActionKind::kPosition:
@@ -217,14 +261,16 @@ bool BinaryImporterHelper::convertPoints(std::span<const ConversionAction> actio
             {
                 // Widening only: the low bytes of the sign- or zero-extended value are the value.
                 const uint8_t sourceType = uint8_t(TypePair::low(action.value));
-                const uint64_t widened = isSignedInteger(sourceType) ? uint64_t(loadSigned(source, sourceType))
-                                                              : loadUnsigned(source, action.sourceSize);
+                const uint64_t widened = isSignedInteger(sourceType)
+                                             ? uint64_t(loadSigned(source, sourceType))
+                                             : loadUnsigned(source, action.sourceSize);
                 storeLowBytes(cursor, widened, action.targetSize);
                 break;
             }
             case ActionKind::kIntegerToFloat:
             case ActionKind::kFloatCast:
-                writeNumber(cursor, readNumber(source, uint8_t(TypePair::low(action.value))), uint8_t(TypePair::high(action.value)));
+                writeNumber(cursor, readNumber(source, uint8_t(TypePair::low(action.value))),
+                            uint8_t(TypePair::high(action.value)));
                 break;
             case ActionKind::kScanIndex:
             {

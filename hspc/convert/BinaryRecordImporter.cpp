@@ -46,8 +46,9 @@ std::shared_ptr<BinaryRecordImporter> BinaryRecordImporter::create(const SourceD
         attributes.push_back(attribute.attribute);
     }
     const uint64_t pointCount = source->byteCount() / recordSize;
-    return std::shared_ptr<BinaryRecordImporter>(new BinaryRecordImporter(
-        std::move(attributes), target, pointCount, std::move(helper), std::move(source), std::move(errorLogger)));
+    return std::shared_ptr<BinaryRecordImporter>(
+        new BinaryRecordImporter(std::move(attributes), target, pointCount, std::move(helper),
+                                 std::move(source), std::move(errorLogger)));
 }
 
 BinaryRecordImporter::BinaryRecordImporter(std::vector<Attribute> attributes, const EncodingTarget& target,

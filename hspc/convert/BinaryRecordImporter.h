@@ -32,13 +32,13 @@ public:
     // hold whole records, or the records cannot be made into the target's.
     static std::shared_ptr<BinaryRecordImporter> create(const SourceDescription& description,
                                                         std::shared_ptr<RecordSource> source,
-                                                        const EncodingTarget& target, const EncodingFlags& flags,
-                                                        LogFunction errorLogger);
+                                                        const EncodingTarget& target,
+                                                        const EncodingFlags& flags, LogFunction errorLogger);
     // The same with the description as an "attribute-description" text.
     static std::shared_ptr<BinaryRecordImporter> create(const std::string& descriptionText,
                                                         std::shared_ptr<RecordSource> source,
-                                                        const EncodingTarget& target, const EncodingFlags& flags,
-                                                        LogFunction errorLogger);
+                                                        const EncodingTarget& target,
+                                                        const EncodingFlags& flags, LogFunction errorLogger);
 
     ReadResult readBatch(HSPCBuffer<uint8_t>& buffer, uint64_t maxBytes) override;
     bool convertBatch(HSPCBuffer<uint8_t>& input, HSPCBuffer<uint8_t>& output) const override;

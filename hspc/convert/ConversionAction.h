@@ -13,17 +13,17 @@ namespace ActionKind
 {
 enum Code : uint8_t
 {
-    kCopy = 0,          // target size bytes from the source offset
-    kConstant = 1,      // target size bytes of the value field
-    kCounter = 2,       // the running point number
-    kColorDown16 = 3,   // a colour, capped and shifted right by the value, as one or two bytes
-    kColorDown8 = 4,    // the same with a one-byte result
-    kPosition = 5,      // x, y, z of the source as one Morton code on the target grid
-    kElevation = 6,     // the source's z in real units, as a float or double
-    kIntegerCast = 7,   // an integer widened to a larger integer of the same signedness
+    kCopy = 0,         // target size bytes from the source offset
+    kConstant = 1,     // target size bytes of the value field
+    kCounter = 2,      // the running point number
+    kColorDown16 = 3,  // a colour, capped and shifted right by the value, as one or two bytes
+    kColorDown8 = 4,   // the same with a one-byte result
+    kPosition = 5,     // x, y, z of the source as one Morton code on the target grid
+    kElevation = 6,    // the source's z in real units, as a float or double
+    kIntegerCast = 7,  // an integer widened to a larger integer of the same signedness
     kIntegerToFloat = 8,
-    kScanIndex = 9,     // the point's scan index, saturated to the target size
-    kFloatCast = 10,    // a float to a float of the other width
+    kScanIndex = 9,   // the point's scan index, saturated to the target size
+    kFloatCast = 10,  // a float to a float of the other width
 };
 }  // namespace ActionKind
 

@@ -177,7 +177,8 @@ private:
         }
         m_plan.sourceScale[2] = z->attribute->scale;
         m_plan.sourceOffset[2] = z->attribute->offset;
-        add(ActionKind::kElevation, target, z, TypePair::pack(z->attribute->attribute.type, target.attribute.type));
+        add(ActionKind::kElevation, target, z,
+            TypePair::pack(z->attribute->attribute.type, target.attribute.type));
         return true;
     }
 
@@ -211,7 +212,8 @@ private:
                               target.attribute.type == AttributeType::M96;
         if (!readable)
         {
-            m_errorLogger(std::string(kPrefix) + "Cannot perform casting operation for this coordinate type.");
+            m_errorLogger(std::string(kPrefix) +
+                          "Cannot perform casting operation for this coordinate type.");
             return false;
         }
         m_plan.positionType = type;
@@ -253,8 +255,9 @@ private:
         const bool sameUnit = from.unit.empty() || from.unit == target.unit;
         if (!sameUnit || from.offset != target.offset || from.scale != target.scale)
         {
-            m_errorLogger(std::string(kPrefix) +
-                          "encoding parameters unit, offset or scale different for target and source attribute=.");
+            m_errorLogger(
+                std::string(kPrefix) +
+                "encoding parameters unit, offset or scale different for target and source attribute=.");
             return false;
         }
         const uint8_t sourceType = from.attribute.type;
@@ -286,7 +289,8 @@ private:
                           "; and no default value specified.");
             return false;
         }
-        add(ActionKind::kConstant, target, std::nullopt, numberBytes(*target.defaultValue, target.attribute.type));
+        add(ActionKind::kConstant, target, std::nullopt,
+            numberBytes(*target.defaultValue, target.attribute.type));
         return true;
     }
 

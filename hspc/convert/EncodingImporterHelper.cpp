@@ -60,7 +60,9 @@ bool runActions(const BinaryImporterHelper& interpreter, const ActionPlan& plan,
 }  // namespace
 
 EncodingImporterHelper::EncodingImporterHelper(LogFunction errorLogger, SourceDescription source)
-    : m_errorLogger(std::move(errorLogger)), m_source(std::move(source)), m_interpreter(m_errorLogger, 1.0, 0.0)
+    : m_errorLogger(std::move(errorLogger)),
+      m_source(std::move(source)),
+      m_interpreter(m_errorLogger, 1.0, 0.0)
 {
 }
 
@@ -90,7 +92,8 @@ bool EncodingImporterHelper::setEncodingParameters(const EncodingTarget& target,
     if (m_transformation && m_transformAll)
     {
         m_errorLogger(
-            "setEncodingParameters: both transformation and transformAll functions set, only one or zero can be "
+            "setEncodingParameters: both transformation and transformAll functions set, only one or zero can "
+            "be "
             "used simultaneously.");
         m_valid = false;
         return false;
@@ -128,7 +131,8 @@ bool EncodingImporterHelper::encodeRecords(const uint8_t* source, uint64_t point
     if (m_transformAll)
     {
         return runActions(m_interpreter, m_plan, source, pointCount, target, firstPointNumber,
-                          [&](uint64_t point, const uint8_t*) { return grid.encode(transformed.data() + 3 * point); });
+                          [&](uint64_t point, const uint8_t*)
+                          { return grid.encode(transformed.data() + 3 * point); });
     }
     return runActions(m_interpreter, m_plan, source, pointCount, target, firstPointNumber,
                       [&](uint64_t, const uint8_t* record)

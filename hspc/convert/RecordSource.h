@@ -17,8 +17,8 @@ class RecordSource
 public:
     virtual ~RecordSource();
     virtual uint64_t byteCount() const = 0;
-    // Reads `size` bytes from `offset` into `buffer`; false, with the reason on `errorLogger`, when they could
-    // not all be read.
+    // Reads `size` bytes from `offset` into `buffer`; false, with the reason on `errorLogger`, when they
+    // could not all be read.
     virtual bool read(uint64_t offset, uint64_t size, uint8_t* buffer, const LogFunction& errorLogger) = 0;
 };
 
