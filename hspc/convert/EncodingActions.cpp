@@ -154,7 +154,7 @@ private:
         {
             return true;
         }
-        return planAttribute(*source, target);
+        return planConversion(*source, target);
     }
 
     bool planElevation(const EncodingAttribute& target)
@@ -249,7 +249,8 @@ private:
         return true;
     }
 
-    bool planAttribute(const SourceField& source, const EncodingAttribute& target)
+    // Any other attribute the source has: copied when the types agree, widened when they can be.
+    bool planConversion(const SourceField& source, const EncodingAttribute& target)
     {
         const SourceAttribute& from = *source.attribute;
         const bool sameUnit = from.unit.empty() || from.unit == target.unit;
