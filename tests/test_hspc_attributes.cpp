@@ -22,6 +22,7 @@ using namespace HSPC;
 namespace
 {
 
+using pcp_test::MessageLog;
 
 // Bitwise reference CRC-32 (reflected, polynomial 0xEDB88320), independent of the library's table-driven one.
 uint32_t referenceCrc32(const std::vector<uint8_t>& bytes)

@@ -98,6 +98,8 @@ constexpr std::array<TypeInfo, AttributeType::UNDEFINED> kTypes = {{
     {"M192", 24},
 }};
 
+}  // namespace
+
 bool isUnsignedInteger(uint8_t type)
 {
     return type <= AttributeType::U64;
@@ -110,8 +112,6 @@ bool isFloat(uint8_t type)
 {
     return type == AttributeType::F32 || type == AttributeType::F64;
 }
-
-}  // namespace
 
 std::string getRoleName(uint8_t role)
 {

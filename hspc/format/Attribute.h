@@ -123,6 +123,9 @@ uint32_t typeSize(uint8_t type);
 // coordinates and colours stored as doubles are routinely requested as floats.
 bool canWiden(uint8_t from, uint8_t to);
 bool isMortonType(uint8_t type);
+bool isUnsignedInteger(uint8_t type);
+bool isSignedInteger(uint8_t type);
+bool isFloat(uint8_t type);
 
 // A point record packs its attributes in list order without padding.
 uint32_t recordSize(const std::vector<Attribute>& attributes);
