@@ -14,13 +14,21 @@
 #include "hspc/format/AttributeDescription.h"
 #include "hspc/format/AttributeRecord.h"
 #include "hspc/format/AttributeStatistics.h"
-#include "support/MessageLog.h"
 
 using namespace HSPC;
 
 namespace
 {
 
+// Collects everything a component reports, so that a test can compare exact texts.
+struct MessageLog
+{
+    std::vector<std::string> lines;
+    LogFunction logger()
+    {
+        return [this](const std::string& line) { lines.push_back(line); };
+    }
+};
 
 // Bitwise reference CRC-32 (reflected, polynomial 0xEDB88320), independent of the library's table-driven one.
 uint32_t referenceCrc32(const std::vector<uint8_t>& bytes)
@@ -210,7 +218,7 @@ TEST(AttributeDescriptionParsing, ReadsBoundsHistogramsEncodingAndMappings)
         {"no attribute": 1},
         42
     ]})";
-    pcp_test::MessageLog log;
+    MessageLog log;
     std::vector<AttributeDescription> descriptions;
     ASSERT_TRUE(parseAttributeDescription(json, log.logger(), descriptions));
     EXPECT_TRUE(log.lines.empty());
@@ -270,14 +278,14 @@ TEST(AttributeDescriptionParsing, MalformedEntriesAreReportedWithTheirRole)
     };
     for (const auto& [json, message] : cases)
     {
-        pcp_test::MessageLog log;
+        MessageLog log;
         std::vector<AttributeDescription> descriptions;
         EXPECT_FALSE(parseAttributeDescription(json, log.logger(), descriptions)) << json;
         EXPECT_EQ(log.lines, std::vector<std::string>{message}) << json;
     }
 
     // The first bad entry ends the parse; nothing half-parsed is handed back.
-    pcp_test::MessageLog log;
+    MessageLog log;
     std::vector<AttributeDescription> descriptions;
     EXPECT_FALSE(parseAttributeDescription(
         entry(R"({"attribute": {"role": "R", "type": "U8"}}, {"attribute": {"role": "?", "type": "U8"}})"),
@@ -315,7 +323,7 @@ TEST(AttributeStatistics, RangesOfEveryKindMergeAcrossWorkers)
         histogramOf(AttributeRole::CLASSIFICATION, AttributeType::U8, 0),
         // Not in the layout.
         histogramOf(AttributeRole::CUSTOM, AttributeType::F32, 1, "size")};
-    pcp_test::MessageLog log;
+    MessageLog log;
     AttributeStatistics whole;
     AttributeStatistics first;
     AttributeStatistics second;
@@ -363,7 +371,7 @@ TEST(AttributeStatistics, HistogramsOverDataBoundsAndFixedBounds)
     const std::vector<HistogramSpec> requests = {histogramOf(AttributeRole::INTENSITY, AttributeType::U16, 4),
                                                  time};
 
-    pcp_test::MessageLog log;
+    MessageLog log;
     AttributeStatistics first;
     AttributeStatistics second;
     ASSERT_TRUE(first.initialize(attributes, requests, log.logger()));
@@ -393,7 +401,7 @@ TEST(AttributeStatistics, RefusesWhatCannotBeMeasured)
 {
     const std::vector<Attribute> attributes = {{AttributeType::M96, AttributeRole::POSITION, "POSITION"},
                                                {AttributeType::I8, AttributeRole::USER_DATA, ""}};
-    pcp_test::MessageLog log;
+    MessageLog log;
     AttributeStatistics statistics;
     EXPECT_FALSE(statistics.initialize(
         attributes, {histogramOf(AttributeRole::POSITION, AttributeType::M96, 8)}, log.logger()));

@@ -15,14 +15,15 @@ namespace HSPC
 namespace
 {
 
-void resolveOutput(const BasicConfig& basic, const AdvancedConfig& advanced, RuntimeConfig& runtime)
+void resolveOutput(const AdvancedConfig& advanced, RuntimeConfig& runtime)
 {
     runtime.useArchive = advanced.useArchive;
     if (advanced.useArchive)
     {
-        runtime.rootWriter = advanced.archiveWriterFactory
-                                 ? advanced.archiveWriterFactory()
-                                 : makeDefaultArchiveWriter(basic.outputPath, advanced.treeName, advanced.errorLogger);
+        if (advanced.archiveWriterFactory)
+        {
+            runtime.rootWriter = advanced.archiveWriterFactory();
+        }
         runtime.writerThreadCount = 1;
     }
     else if (advanced.outputWriterByPath)
@@ -141,7 +142,12 @@ void initializeRuntimeConfig(const BasicConfig& basic, const AdvancedConfig& adv
 void initializeRuntimeConfig(const BasicConfig& basic, const AdvancedConfig& advanced, RuntimeConfig& runtime,
                              const MachineFigures& machine)
 {
-    resolveOutput(basic, advanced, runtime);
+    resolveOutput(advanced, runtime);
+    // Without a callback of the client's, an archive goes into the output folder under the tree's name.
+    if (advanced.useArchive && !advanced.archiveWriterFactory)
+    {
+        runtime.rootWriter = makeDefaultArchiveWriter(basic.outputPath, advanced.treeName, advanced.errorLogger);
+    }
 
     runtime.inputAttributes = basic.attributes;
     runtime.encodingAttributes = encodingAttributesFor(basic.attributes, advanced.positionType);
