@@ -489,7 +489,7 @@ std::vector<BrokenArchive> brokenArchives()
                       "a label runs past the label stream"});
     broken.push_back({"wrong first character", withParts([](PackParts& p) { p.tree[11] = 'u'; }),
                       "does not begin with the character its parent gives"});
-    broken.push_back({"record cut short", withParts([](PackParts& p) { p.tree.resize(p.tree.size() - 2); }),
+    broken.push_back({"record cut short", withParts([](PackParts& p) { p.tree.erase(p.tree.end() - 2, p.tree.end()); }),
                       "runs past the end of the tree stream"});
     broken.push_back({"entries that overlap", withParts([](PackParts& p) { p.tree[30] = 0x00; }),
                       "entry 0 is given to two names"});
@@ -500,7 +500,7 @@ std::vector<BrokenArchive> brokenArchives()
                           [](PackParts& p)
                           {
                               // 1 - 100 as a five-byte number: a leaf of 100 entries in a stream of one byte.
-                              p.tree.resize(29);
+                              p.tree.erase(p.tree.begin() + 29, p.tree.end());
                               p.tree.insert(p.tree.end(), {0x8F, 0xFF, 0xFF, 0xFF, 0x1D, 0x02});
                           }),
                       "a leaf lists more entries than its stream holds"});
