@@ -218,6 +218,14 @@ TEST(Pcprep, FullRunsOfEveryInputFormatEndInASoundCache)
     const fs::path pictures = temp.path() / "cache-e57" / "Bubbles" / "2DImages";
     EXPECT_GT(fs::file_size(pictures / "room-project-0000" / "image_0.jpg"), 0u);
     EXPECT_GT(fs::file_size(pictures / "room-project-0001" / "image_1.jpg"), 0u);
+    // With a pixel limit below the pictures' size, the run still succeeds and says which it left out.
+    const fs::path limited = temp.path() / "cache-e57-limited";
+    ASSERT_EQ(runPcprep(temp, {"run", "--cache", limited.string(), "--max-image-pixels", "1",
+                               (sample / "e57" / "room-project.e57").string()}),
+              0);
+    const std::string limitedLog = pcp_test::readText(limited / "cache.log");
+    EXPECT_NE(limitedLog.find("of scan 1 in "), std::string::npos) << limitedLog;
+    EXPECT_NE(limitedLog.find("is left out: "), std::string::npos) << limitedLog;
 
     // Nothing of the tile is lost on its way through the LAZ file.
     const std::string lasTree = treeLine(temp, temp.path() / "cache-las");

@@ -65,6 +65,7 @@ RunOptions parseRunOptions(const Arguments& arguments)
                                              {"--scale", true},
                                              {"--input-scale", true},
                                              {"--threads", true},
+                                             {"--max-image-pixels", true},
                                              {"--convert-only", false},
                                              {"--no-panorama-style", false},
                                              {"--hspc", false},
@@ -95,6 +96,7 @@ RunOptions parseRunOptions(const Arguments& arguments)
     if (parsed.has("--input-scale"))
         options.inputScale = positiveNumber("--input-scale", parsed.text("--input-scale", ""));
     options.threads = parsed.threadCount();
+    options.maxImagePixels = parsed.number("--max-image-pixels", options.maxImagePixels);
     options.convertOnly = parsed.has("--convert-only");
     options.noPanoramaStyle = parsed.has("--no-panorama-style");
     options.hspc = parsed.has("--hspc");

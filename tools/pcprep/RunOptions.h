@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "core/ColorMode.h"
+#include "core/InputFileData.h"
 #include "pcprep/Command.h"
 
 namespace pcprep
@@ -18,6 +19,7 @@ struct RunOptions
     double scale = 0.001;     // the cache's coordinate step
     double inputScale = 1.0;  // one input unit in the cache's units
     unsigned threads = 1;     // all hardware threads unless --threads says otherwise
+    uint64_t maxImagePixels = pc_preprocess::InputFileData::kDefaultMaxImagePixels;  // per camera image
     bool convertOnly = false;
     bool noPanoramaStyle = false;
     bool hspc = false;

@@ -31,6 +31,8 @@ const Command kCommands[] = {
      "                          files in a metre cache (default: 1); E57 files are metres whatever this "
      "says\n"
      "  --threads N             worker threads (default: all hardware threads)\n"
+     "  --max-image-pixels N    E57 camera images larger than N pixels are left out with a warning\n"
+     "                          (default: 100000000)\n"
      "  --convert-only          stop after the per-scan point files, meta files and VRP: no tree\n"
      "  --no-panorama-style     never thin the tree by scanner distance\n"
      "  --hspc                  build an HSPC data set instead of an octree\n"
