@@ -5,12 +5,11 @@
 #include <stdexcept>
 #include <vector>
 
-#include "cachefiles/PnzFiles.h"
+#include "cachefiles/TreeNodeFiles.h"
 #include "core/NodePaths.h"
 #include "core/StringConversion.h"
 #include "octree/NodeQueue.h"
 #include "octree/TreeWorkers.h"
-#include "octree/VxMap.h"
 #include "services/IntervalWriter.h"
 #include "services/Logger.h"
 
@@ -57,7 +56,7 @@ class MergePool
 public:
     MergePool(Node& root, size_t workers, const std::shared_ptr<Logger>& logger,
               const std::function<bool()>& cancel)
-        : m_queue(workers, cancel), m_logger(logger)
+        : m_queue(workers, cancel), m_workspaces(workers), m_logger(logger)
     {
         std::vector<Node*> ready;
         m_total = collectMergeWork(root, ready);
@@ -68,7 +67,8 @@ public:
     bool run()
     {
         return m_queue.run(
-            [this](Node& node) { mergeSingleNode(node, [this](Node& merged) { finished(merged); }); },
+            [this](Node& node, size_t worker)
+            { mergeSingleNode(node, m_workspaces[worker], [this](Node& merged) { finished(merged); }); },
             [this](const Node& node, const std::exception& e)
             { m_logger->error("ERROR merging threaded " + ws2s(node.pnzPath) + ":\n\t" + e.what()); });
     }
@@ -95,6 +95,7 @@ private:
     }
 
     NodeQueue m_queue;
+    std::vector<TreeWorkspace> m_workspaces;  // one per worker
     const std::shared_ptr<Logger> m_logger;
     std::mutex m_mutex;
     uint64_t m_total = 0;
@@ -104,7 +105,7 @@ private:
 
 }  // namespace
 
-void mergeSingleNode(Node& node, const std::function<void(Node&)>& merged)
+void mergeSingleNode(Node& node, TreeWorkspace& workspace, const std::function<void(Node&)>& merged)
 {
     if (node.children.empty())
         throw std::runtime_error("If no children: shouldn't be queued.\n");
@@ -112,14 +113,13 @@ void mergeSingleNode(Node& node, const std::function<void(Node&)>& merged)
     if (node.pointsOnDisk != 0 || std::filesystem::exists(toPath(node.pnzPath), ignored))
         throw std::runtime_error("File shouldn't exist!");
 
-    std::vector<IoLightPoint> points;
+    std::vector<IoLightPoint>& points = workspace.points;
+    points.clear();
     for (const Node& child : node.children)
     {
-        std::vector<IoLightPoint> childPoints;
-        IoTransfo transfo;
         try
         {
-            readPNZ(child.pnzPath, transfo, childPoints);
+            appendPnzPoints(child.pnzPath, child.pointsOnDisk, workspace.coder, points);
         }
         catch (const std::exception& e)
         {
@@ -130,9 +130,9 @@ void mergeSingleNode(Node& node, const std::function<void(Node&)>& merged)
         // Classes and normals survive only in a cache of one node.
         removeIfThere(getClassPathFromPnt(child.pnzPath));
         removeIfThere(getNormalPathFromPnt(child.pnzPath));
-        points.insert(points.end(), childPoints.begin(), childPoints.end());
     }
 
+    std::span<const IoLightPoint> result = points;
     if (allLeaves(node) && points.size() <= kMaxNodePoints)
     {
         for (const Node& child : node.children)
@@ -140,12 +140,15 @@ void mergeSingleNode(Node& node, const std::function<void(Node&)>& merged)
         node.children.clear();
     }
     else if (points.size() > kMaxNodePoints)
-        points = voxelizer::workerSimplify(points, node.transfo, kMaxNodePoints);
+    {
+        workspace.simplifier.simplify(points, node.transfo, kMaxNodePoints, workspace.thinned);
+        result = workspace.thinned;
+    }
 
-    writeTuncatePNZ(node.pnzPath, node.transfo, points);
-    node.pointsOnDisk = points.size();
+    writePnzPoints(node.pnzPath, node.transfo, result, workspace.coder);
+    node.pointsOnDisk = result.size();
     node.maxRadius = Node::kNoRadius;
-    for (const IoLightPoint& p : points)
+    for (const IoLightPoint& p : result)
         node.maxRadius = std::max(node.maxRadius, static_cast<double>(p.radius));
     merged(node);
 }

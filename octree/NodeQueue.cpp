@@ -11,16 +11,16 @@ NodeQueue::NodeQueue(size_t workers, std::function<bool()> cancel)
 {
 }
 
-bool NodeQueue::run(const std::function<void(Node&)>& work,
+bool NodeQueue::run(const std::function<void(Node&, size_t worker)>& work,
                     const std::function<void(const Node&, const std::exception&)>& failed)
 {
-    const auto worker = [&]
+    const auto worker = [&](size_t index)
     {
         while (Node* node = next())
         {
             try
             {
-                work(*node);
+                work(*node, index);
             }
             catch (const std::exception& e)
             {
@@ -33,7 +33,7 @@ bool NodeQueue::run(const std::function<void(Node&)>& work,
     std::vector<std::thread> threads;
     threads.reserve(m_workers);
     for (size_t index = 0; index < m_workers; ++index)
-        threads.emplace_back(worker);
+        threads.emplace_back(worker, index);
     for (std::thread& thread : threads)
         thread.join();
     const std::lock_guard lock(m_mutex);

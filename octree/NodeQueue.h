@@ -27,9 +27,10 @@ public:
     void push(Node& node);
 
     // Runs `work` on the queued nodes, and on those it queues, on the queue's worker threads until the work
-    // is over. Work that throws ends the work of every worker, after `failed` has reported the error. False
-    // after a failure or a cancel.
-    bool run(const std::function<void(Node&)>& work,
+    // is over; work learns the index of its worker, from 0 to workers - 1, so that each worker can keep
+    // buffers of its own. Work that throws ends the work of every worker, after `failed` has reported the
+    // error. False after a failure or a cancel.
+    bool run(const std::function<void(Node&, size_t worker)>& work,
              const std::function<void(const Node&, const std::exception&)>& failed);
 
 private:

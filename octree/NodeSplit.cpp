@@ -61,7 +61,7 @@ FilteredPoints filterNode(const Node& child, const SplitSettings& settings)
 }
 
 // Returns whether the child survives.
-bool finishNode(Node& child, const SplitSettings& settings, const ChildTally& tally)
+bool finishNode(Node& child, const SplitSettings& settings, const ChildTally& tally, PnzCoder& coder)
 {
     const uint64_t total = child.totalPoints();
     if (total < kMinChildPoints)
@@ -87,7 +87,7 @@ bool finishNode(Node& child, const SplitSettings& settings, const ChildTally& ta
         {
             if (tally.visited != tally.kept)
                 child.renameToIndex(tally.kept);
-            child.writeBuffersAsPnz();
+            child.writeBuffersAsPnz(coder);
         }
         // A finished tree holds thousands of nodes: none may keep its write buffers' memory.
         child.buffers.clear();
@@ -110,7 +110,7 @@ bool finishNode(Node& child, const SplitSettings& settings, const ChildTally& ta
         child.renameToIndex(tally.kept);
     child.buffers.add(result.points);
     if (result.points.size() <= kMaxNodePoints)
-        child.writeBuffersAsPnz();
+        child.writeBuffersAsPnz(coder);
     else
         child.flushAndClose();  // left as a PNT to be split further
     child.buffers.clear();
@@ -171,14 +171,14 @@ uint64_t distributePoints(Node& node, const std::array<ExtentsI32, 8>& boxes, co
     return read;
 }
 
-void finishChildren(Node& node, const SplitSettings& settings)
+void finishChildren(Node& node, const SplitSettings& settings, PnzCoder& coder)
 {
     ChildTally tally;
     std::vector<Node> survivors;
     survivors.reserve(node.children.size());
     for (Node& child : node.children)
     {
-        if (finishNode(child, settings, tally))
+        if (finishNode(child, settings, tally, coder))
         {
             ++tally.kept;
             survivors.push_back(std::move(child));
@@ -189,7 +189,7 @@ void finishChildren(Node& node, const SplitSettings& settings)
     node.children = std::move(survivors);
 }
 
-void splitNonRoot(Node& node, const SplitSettings& settings)
+void splitNonRoot(Node& node, const SplitSettings& settings, PnzCoder& coder)
 {
     if (node.numBuffered() > 0)
         throw std::runtime_error("splitNonRoot: node should be flushed before splitting");
@@ -198,7 +198,7 @@ void splitNonRoot(Node& node, const SplitSettings& settings)
     const std::array<ExtentsI32, 8> boxes = node.extents.split8(node.transfo);
     createChildren(node);
     distributePoints(node, boxes, node.pntPath, 1.0f, 0, *settings.counts);
-    finishChildren(node, settings);
+    finishChildren(node, settings, coder);
     node.deletePntFiles();
     node.pointsOnDisk = 0;
     node.filtered = false;

@@ -23,10 +23,10 @@ uint64_t distributePoints(Node& node, const std::array<ExtentsI32, 8>& boxes, co
                           float radiusFactor, uint16_t scanId, TreeCounts& counts);
 
 // Ends the distribution into the children of `node`: each is kept as it is, filtered, or dropped, and the
-// survivors are renumbered so that their digits stay contiguous.
-void finishChildren(Node& node, const SplitSettings& settings);
+// survivors are renumbered so that their digits stay contiguous. Leaves are written with the coder.
+void finishChildren(Node& node, const SplitSettings& settings, PnzCoder& coder);
 
 // Splits a node of more than 65536 points on disk into its children; a smaller node stays as it is.
-void splitNonRoot(Node& node, const SplitSettings& settings);
+void splitNonRoot(Node& node, const SplitSettings& settings, PnzCoder& coder);
 
 }  // namespace pc_preprocess

@@ -88,7 +88,8 @@ void fillSingleRoot(Node& root, const std::vector<ScanInput>& inputs, bool tandS
         counts.filteredAway += total - result.points.size();
         root.buffers.add(result.points);
     }
-    root.writeBuffersAsPnz();
+    PnzCoder coder;
+    root.writeBuffersAsPnz(coder);
 }
 
 }  // namespace
@@ -151,7 +152,8 @@ bool splitRoot(Node& root, const std::vector<ScanFiles>& scans, const std::share
         }
         deleteScanFiles(*scan.files);
     }
-    finishChildren(root, settings);
+    PnzCoder coder;
+    finishChildren(root, settings, coder);
     return tandStyle;
 }
 

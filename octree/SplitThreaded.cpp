@@ -28,7 +28,7 @@ class SplitPool
 public:
     SplitPool(size_t workers, const SplitSettings& settings, const std::shared_ptr<Logger>& logger,
               const std::function<bool()>& cancel)
-        : m_queue(workers, cancel), m_settings(settings), m_logger(logger)
+        : m_queue(workers, cancel), m_workspaces(workers), m_settings(settings), m_logger(logger)
     {
     }
 
@@ -44,10 +44,10 @@ public:
     bool run()
     {
         return m_queue.run(
-            [this](Node& node)
+            [this](Node& node, size_t worker)
             {
                 const uint64_t points = node.pointsOnDisk;
-                splitNonRoot(node, m_settings);
+                splitNonRoot(node, m_settings, m_workspaces[worker].coder);
                 for (Node& child : node.children)
                     if (child.pointsOnDisk > kMaxNodePoints)
                         enqueue(child);
@@ -73,6 +73,7 @@ private:
     }
 
     NodeQueue m_queue;
+    std::vector<TreeWorkspace> m_workspaces;  // one per worker
     const SplitSettings m_settings;
     const std::shared_ptr<Logger> m_logger;
     std::mutex m_progressMutex;

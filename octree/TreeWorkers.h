@@ -5,6 +5,7 @@
 
 #include "octree/Node.h"
 #include "octree/TreeCounts.h"
+#include "octree/TreeWorkspace.h"
 
 namespace pc_preprocess
 {
@@ -21,8 +22,9 @@ bool splitRootChildrenThreaded(Node& root, uint64_t threads, const SplitSettings
 bool mergeThreaded(Node& root, uint64_t threads, const std::shared_ptr<Logger>& logger,
                    const std::function<bool()>& cancel);
 
-// Merges the children's points into the node's PNZ; `merged` is called when the node is done. Children that
-// are all leaves with at most 65536 points together fold into the node, which becomes a leaf.
-void mergeSingleNode(Node& node, const std::function<void(Node&)>& merged);
+// Merges the children's points into the node's PNZ with the worker's buffers; `merged` is called when the
+// node is done. Children that are all leaves with at most 65536 points together fold into the node, which
+// becomes a leaf.
+void mergeSingleNode(Node& node, TreeWorkspace& workspace, const std::function<void(Node&)>& merged);
 
 }  // namespace pc_preprocess

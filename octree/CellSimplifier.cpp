@@ -2,6 +2,7 @@
 #include <bit>
 #include <cstring>
 
+#include "octree/CellSimplifier.h"
 #include "octree/VxMap.h"
 
 namespace voxelizer
@@ -9,13 +10,6 @@ namespace voxelizer
 
 using pc_preprocess::IoLightPoint;
 using pc_preprocess::IoTransfo;
-
-// The cell size of a simplification is the smallest whose grid leaves few enough occupied cells. Counting
-// the cells of every grid at once takes one sort: with the points in Morton order (the bits of x, y and z
-// interleaved, x lowest), the points of any one cell of any grid lie together, and two neighbours in that
-// order share the cells of all grids above their highest differing bit. So the cells of the grid 2^c wide
-// are 1 plus the neighbours that differ at level c or above. The points then merge cell by cell in the same
-// order: the map's rounds of doubling, each a rebuild of all cells, are not needed.
 
 namespace
 {
@@ -67,26 +61,19 @@ unsigned highestBit(Key differing)
     }
 }
 
-template <typename Key>
-struct KeyedPoint
-{
-    Key key;
-    uint32_t index;
-};
-
 // A stable least-significant-digit radix sort on the lowest `bits` bits; digits in which all keys agree are
 // skipped.
-template <typename Key>
-void sortByKey(std::vector<KeyedPoint<Key>>& items, unsigned bits)
+template <typename Item>
+void sortByKey(std::vector<Item>& items, std::vector<Item>& sorted, unsigned bits)
 {
     constexpr unsigned kDigitBits = 11;
     constexpr size_t kBuckets = size_t(1) << kDigitBits;
-    std::vector<KeyedPoint<Key>> sorted(items.size());
+    sorted.resize(items.size());
     std::array<uint32_t, kBuckets> starts{};
     for (unsigned shift = 0; shift < bits; shift += kDigitBits)
     {
         starts.fill(0);
-        for (const KeyedPoint<Key>& item : items)
+        for (const Item& item : items)
             ++starts[size_t(item.key >> shift) & (kBuckets - 1)];
         if (starts[size_t(items.front().key >> shift) & (kBuckets - 1)] == items.size())
             continue;
@@ -97,21 +84,25 @@ void sortByKey(std::vector<KeyedPoint<Key>>& items, unsigned bits)
             start = sum;
             sum += count;
         }
-        for (const KeyedPoint<Key>& item : items)
+        for (const Item& item : items)
             sorted[starts[size_t(item.key >> shift) & (kBuckets - 1)]++] = item;
         items.swap(sorted);
     }
 }
 
+}  // namespace
+
 template <typename Key>
-std::vector<IoLightPoint> simplifyInMortonOrder(const std::vector<IoLightPoint>& points,
-                                                const IoTransfo& transfo, size_t maxPoints, unsigned levels)
+void CellSimplifier::simplifyInMortonOrder(std::span<const IoLightPoint> points, const IoTransfo& transfo,
+                                           size_t maxPoints, unsigned levels, Buffers<Key>& buffers,
+                                           std::vector<IoLightPoint>& result)
 {
-    std::vector<KeyedPoint<Key>> items(points.size());
+    std::vector<KeyedPoint<Key>>& items = buffers.items;
+    items.resize(points.size());
     for (size_t i = 0; i < points.size(); ++i)
         items[i] = {mortonKey<Key>(biased(points[i].x), biased(points[i].y), biased(points[i].z)),
                     uint32_t(i)};
-    sortByKey(items, 3 * levels);
+    sortByKey(items, buffers.sorted, 3 * levels);
 
     // firstDiffering[c]: neighbours whose highest differing bit lies at level c.
     std::array<uint64_t, 33> firstDiffering{};
@@ -137,7 +128,7 @@ std::vector<IoLightPoint> simplifyInMortonOrder(const std::vector<IoLightPoint>&
 
     const float radius = combinedRadius(transfo, uint8_t(collapses));
     const unsigned cellShift = 3 * collapses;
-    std::vector<IoLightPoint> result;
+    result.clear();
     result.reserve(cells);
     vxSimplifyData cell = vxSimplifyData::fromPoint(points[items.front().index]);
     for (size_t i = 1; i < items.size(); ++i)
@@ -152,16 +143,16 @@ std::vector<IoLightPoint> simplifyInMortonOrder(const std::vector<IoLightPoint>&
             cell.merge(next);
     }
     result.push_back(cell.toPoint(radius));
-    return result;
 }
 
-}  // namespace
-
-std::vector<IoLightPoint> workerSimplify(std::vector<IoLightPoint>& points, const IoTransfo& transfo,
-                                         size_t maxPoints)
+void CellSimplifier::simplify(std::span<const IoLightPoint> points, const IoTransfo& transfo,
+                              size_t maxPoints, std::vector<IoLightPoint>& result)
 {
     if (maxPoints >= points.size())
-        return points;
+    {
+        result.assign(points.begin(), points.end());
+        return;
+    }
     // Above the highest bit in which any two points differ, all share every cell: only the levels below
     // need sorting.
     uint32_t differing = 0;
@@ -170,8 +161,18 @@ std::vector<IoLightPoint> workerSimplify(std::vector<IoLightPoint>& points, cons
         differing |= (biased(p.x) ^ biased(first.x)) | (biased(p.y) ^ biased(first.y)) |
                      (biased(p.z) ^ biased(first.z));
     const auto levels = unsigned(std::bit_width(differing));
-    return levels <= kNarrowLevels ? simplifyInMortonOrder<uint64_t>(points, transfo, maxPoints, levels)
-                                   : simplifyInMortonOrder<WideKey>(points, transfo, maxPoints, levels);
+    if (levels <= kNarrowLevels)
+        simplifyInMortonOrder(points, transfo, maxPoints, levels, m_narrow, result);
+    else
+        simplifyInMortonOrder(points, transfo, maxPoints, levels, m_wide, result);
+}
+
+std::vector<IoLightPoint> workerSimplify(std::vector<IoLightPoint>& points, const IoTransfo& transfo,
+                                         size_t maxPoints)
+{
+    std::vector<IoLightPoint> result;
+    CellSimplifier().simplify(points, transfo, maxPoints, result);
+    return result;
 }
 
 }  // namespace voxelizer
