@@ -30,4 +30,8 @@ uint64_t writePnzPoints(const std::wstring& pnz, const IoTransfo& transfo,
 uint64_t writePnzRecords(const std::wstring& pnz, const IoTransfo& transfo, std::span<const uint8_t> records,
                          const std::string& who, PnzCoder& coder);
 
+// All records of a PNT of extended records into `records` (resized to 26 bytes a point), without its side
+// files: the whole node at once, for a worker that splits it in memory. Errors are the PNT reader's.
+void readPntRecords(const std::wstring& pnt, std::vector<uint8_t>& records);
+
 }  // namespace pc_preprocess

@@ -35,18 +35,18 @@ bool allMerged(const Node& node)
     return std::all_of(node.children.begin(), node.children.end(), [](const Node& c) { return c.merged; });
 }
 
-// Marks the leaves merged, lists the inner nodes whose children are all leaves, and counts the inner nodes.
+// Marks the leaves merged, lists the inner nodes whose children are all merged, and counts the inner nodes
+// left to merge. Subtrees that the split stage built in memory are merged already.
 uint64_t collectMergeWork(Node& node, std::vector<Node*>& ready)
 {
     if (node.isLeaf())
-    {
         node.merged = true;
+    if (node.merged)
         return 0;
-    }
     uint64_t inner = 1;
     for (Node& child : node.children)
         inner += collectMergeWork(child, ready);
-    if (allLeaves(node))
+    if (allMerged(node))
         ready.push_back(&node);
     return inner;
 }

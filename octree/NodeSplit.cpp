@@ -39,20 +39,6 @@ void dropChild(Node& child, TreeCounts& counts)
     child.pointsOnDisk = 0;
 }
 
-// Without a radius from its scan, a point gets the drawing size of the node it first lands in.
-void giveBufferedPointsTheNodeSize(Node& child)
-{
-    float radius = 0.0f;
-    std::memcpy(&radius, child.buffers.m_buffer.data() + kPntRadiusOffset, sizeof radius);
-    if (radius > 0.0f)
-        return;
-    const float size = static_cast<float>(child.extents.pointSize(child.transfo));
-    for (uint64_t k = 0; k < child.numBuffered(); ++k)
-        std::memcpy(child.buffers.m_buffer.data() + k * kPntRecordSize + kPntRadiusOffset, &size,
-                    sizeof size);
-    child.maxRadius = size;
-}
-
 FilteredPoints filterNode(const Node& child, const SplitSettings& settings)
 {
     return settings.tandStyle
@@ -70,12 +56,9 @@ bool finishNode(Node& child, const SplitSettings& settings, const ChildTally& ta
         return false;
     }
     if (!settings.tandStyle && child.pointsOnDisk == 0 && child.numBuffered() > 0)
-        giveBufferedPointsTheNodeSize(child);
+        giveRecordsTheNodeSize(child, child.buffers.m_buffer);
 
-    const uint64_t volume = child.extents.discreteVolume();
-    const bool keep = (volume >= kFilterThreshold || total <= volume) &&
-                      (!settings.tandStyle || child.filtered || total > kFilterThreshold);
-    if (keep)
+    if (keptFromFilter(child, total, settings))
     {
         if (child.pointsOnDisk > 0)
         {
@@ -119,7 +102,26 @@ bool finishNode(Node& child, const SplitSettings& settings, const ChildTally& ta
 
 }  // namespace
 
-void createChildren(Node& node)
+void giveRecordsTheNodeSize(Node& child, std::span<uint8_t> records)
+{
+    float radius = 0.0f;
+    std::memcpy(&radius, records.data() + kPntRadiusOffset, sizeof radius);
+    if (radius > 0.0f)
+        return;
+    const float size = static_cast<float>(child.extents.pointSize(child.transfo));
+    for (size_t at = 0; at < records.size(); at += kPntRecordSize)
+        std::memcpy(records.data() + at + kPntRadiusOffset, &size, sizeof size);
+    child.maxRadius = size;
+}
+
+bool keptFromFilter(const Node& child, uint64_t total, const SplitSettings& settings)
+{
+    const uint64_t volume = child.extents.discreteVolume();
+    return (volume >= kFilterThreshold || total <= volume) &&
+           (!settings.tandStyle || child.filtered || total > kFilterThreshold);
+}
+
+void createChildren(Node& node, bool reserveBuffers)
 {
     node.children.clear();
     node.children.reserve(8);
@@ -127,11 +129,14 @@ void createChildren(Node& node)
     {
         Node child;
         child.buffers = SerializedPoints(node.hasClasses(), node.hasNormals());
-        child.buffers.m_buffer.reserve(kRecordBytes);
-        if (node.hasClasses())
-            child.buffers.m_classes.reserve(kClassBytes);
-        if (node.hasNormals())
-            child.buffers.m_normals.reserve(kNormalBytes);
+        if (reserveBuffers)
+        {
+            child.buffers.m_buffer.reserve(kRecordBytes);
+            if (node.hasClasses())
+                child.buffers.m_classes.reserve(kClassBytes);
+            if (node.hasNormals())
+                child.buffers.m_normals.reserve(kNormalBytes);
+        }
         child.pntPath = node.childPnt(index);
         child.pnzPath = child.pntPath.substr(0, child.pntPath.size() - 4) + L".pnz";
         child.transfo = node.transfo;

@@ -5,6 +5,7 @@
 
 #include "octree/NodeQueue.h"
 #include "octree/NodeSplit.h"
+#include "octree/SubtreeInMemory.h"
 #include "octree/TreeWorkers.h"
 #include "services/IntervalWriter.h"
 #include "services/Logger.h"
@@ -28,7 +29,11 @@ class SplitPool
 public:
     SplitPool(size_t workers, const SplitSettings& settings, const std::shared_ptr<Logger>& logger,
               const std::function<bool()>& cancel)
-        : m_queue(workers, cancel), m_workspaces(workers), m_settings(settings), m_logger(logger)
+        : m_queue(workers, cancel),
+          m_workspaces(workers),
+          m_settings(settings),
+          m_logger(logger),
+          m_cancel(cancel)
     {
     }
 
@@ -47,10 +52,18 @@ public:
             [this](Node& node, size_t worker)
             {
                 const uint64_t points = node.pointsOnDisk;
-                splitNonRoot(node, m_settings, m_workspaces[worker].coder);
-                for (Node& child : node.children)
-                    if (child.pointsOnDisk > kMaxNodePoints)
-                        enqueue(child);
+                if (points <= kSubtreePointBudget)
+                {
+                    if (!buildSubtreeInMemory(node, m_settings, m_workspaces[worker], m_cancel))
+                        return;  // cancelled: the queue stops the workers
+                }
+                else
+                {
+                    splitNonRoot(node, m_settings, m_workspaces[worker].coder);
+                    for (Node& child : node.children)
+                        if (child.pointsOnDisk > kMaxNodePoints)
+                            enqueue(child);
+                }
                 advance(points);
             },
             [this](const Node&, const std::exception& e)
@@ -76,6 +89,7 @@ private:
     std::vector<TreeWorkspace> m_workspaces;  // one per worker
     const SplitSettings m_settings;
     const std::shared_ptr<Logger> m_logger;
+    const std::function<bool()> m_cancel;
     std::mutex m_progressMutex;
     double m_done = 0.0;
     double m_remaining = 0.0;

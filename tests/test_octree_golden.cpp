@@ -15,11 +15,14 @@
 //   - a dense tile: a sparse cloud with a floor sampled far finer than the grid, which the second style
 //     filters, and whose filtered node is still too big and is split further; and two small dense clouds
 //     whose filtered children fold into their parent.
-// On a mismatch the test prints the table it got, in the form of the constants.
+// On a mismatch the test prints the table it got, in the form of the constants. A last test cancels a build
+// while a worker builds a subtree in memory.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <array>
+#include <atomic>
+#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -42,6 +45,7 @@
 #include "sample/AirborneSurvey.h"
 #include "sample/SampleScene.h"
 #include "services/Logger.h"
+#include "support/ErrorText.h"
 #include "support/FileText.h"
 #include "support/TempFolder.h"
 
@@ -185,10 +189,10 @@ struct GoldenBuild
         scans.push_back(scan);
     }
 
-    void run()
+    void run(const std::function<bool()>& cancel = nullptr)
     {
         buildTree(scans, folder, files, transfo, attributes, 2, logger, false, false, false, "",
-                  geom::UnitsValue::kUnitsMeters, nullptr);
+                  geom::UnitsValue::kUnitsMeters, cancel);
     }
 
     fs::path data() const { return toPath(folder) / "Data"; }
@@ -353,4 +357,46 @@ TEST(OctreeGolden, DenseTileFilteredInTheSecondStyle)
             add(corner + offset(random), corner + offset(random), corner + offset(random));
     build.addScan(points, 0.0);
     expectGoldenTree(build, kDenseTile);
+}
+
+TEST(OctreeInMemory, ACancelInsideASubtreeEndsTheBuild)
+{
+    // Children of the root of some 90000 points each: every one is split and merged in memory by a worker.
+    // The cancel comes once the first of them has taken its node's file, so that a worker is inside the
+    // subtree when it sees it.
+    pcp_test::TempFolder temp;
+    GoldenBuild build(temp, transfoOf(0.001, {0.0, 0.0, 0.0}), false);
+    std::mt19937 random(9);
+    std::uniform_int_distribution<int32_t> coordinate(0, 2'000'000);
+    std::vector<IoLightPoint> points(700000);
+    for (IoLightPoint& p : points)
+    {
+        p.x = coordinate(random);
+        p.y = coordinate(random);
+        p.z = coordinate(random);
+        p.r = p.g = p.b = 100;
+    }
+    build.addScan(points, 0.0);
+    std::atomic<bool> rootSplit = false;
+    std::atomic<bool> cancelled = false;
+    std::chrono::steady_clock::time_point cancelledAt;
+    const auto cancel = [&]
+    {
+        if (cancelled)
+            return true;
+        const fs::path firstChild = build.data() / "00.pnt";
+        rootSplit = rootSplit || fs::exists(firstChild);
+        if (!rootSplit || fs::exists(firstChild))
+            return false;
+        bool first = false;
+        if (cancelled.compare_exchange_strong(first, true))
+            cancelledAt = std::chrono::steady_clock::now();
+        return true;
+    };
+    EXPECT_EQ(pcp_test::errorText([&] { build.run(cancel); }), "Preprocessing cancelled by user.");
+    ASSERT_TRUE(cancelled);
+    EXPECT_LT(std::chrono::steady_clock::now() - cancelledAt, std::chrono::seconds(2));
+    EXPECT_FALSE(fs::exists(build.data() / "00.pnz"));
+    build.logger.reset();
+    EXPECT_EQ(pcp_test::readText(toPath(build.files.getLogFile()).replace_extension(".pct")), "CANCEL");
 }
