@@ -148,29 +148,35 @@ void createChildren(Node& node, bool reserveBuffers)
     }
 }
 
+bool distributePoint(Node& node, const std::array<ExtentsI32, 8>& boxes, IoLightPoint point,
+                     float radiusFactor, uint16_t scanId)
+{
+    if (radiusFactor == 0.0f)
+        point.radius = 0.0f;
+    else if (radiusFactor != 1.0f)
+        point.radius *= radiusFactor;
+    point.scanId = scanId;
+    for (size_t index = 0; index < boxes.size(); ++index)
+        if (boxes[index].contains(point))
+        {
+            node.children[index].addPoint(point);
+            return true;
+        }
+    // A point of a node lies in its box by construction: this is rounding or a damaged file.
+    return false;
+}
+
 uint64_t distributePoints(Node& node, const std::array<ExtentsI32, 8>& boxes, const std::wstring& pntFile,
                           float radiusFactor, uint16_t scanId, TreeCounts& counts)
 {
     uint64_t read = 0;
     uint64_t outside = 0;
     runPNT(pntFile,
-           [&](const IoLightPoint& original)
+           [&](const IoLightPoint& point)
            {
                ++read;
-               IoLightPoint point = original;
-               if (radiusFactor == 0.0f)
-                   point.radius = 0.0f;
-               else if (radiusFactor != 1.0f)
-                   point.radius *= radiusFactor;
-               point.scanId = scanId;
-               for (size_t index = 0; index < boxes.size(); ++index)
-                   if (boxes[index].contains(point))
-                   {
-                       node.children[index].addPoint(point);
-                       return;
-                   }
-               // A point of a node lies in its box by construction: this is rounding or a damaged file.
-               ++outside;
+               if (!distributePoint(node, boxes, point, radiusFactor, scanId))
+                   ++outside;
            });
     counts.outsideBoxes += outside;
     return read;

@@ -26,6 +26,11 @@ bool keptFromFilter(const Node& child, uint64_t total, const SplitSettings& sett
 // in one buffer gets the drawing size of the child's box, which becomes its largest radius.
 void giveRecordsTheNodeSize(Node& child, std::span<uint8_t> records);
 
+// Gives a point the radius and scan that distributePoints gives it and adds it to the first child whose box
+// holds it; false when no box does.
+bool distributePoint(Node& node, const std::array<ExtentsI32, 8>& boxes, IoLightPoint point,
+                     float radiusFactor, uint16_t scanId);
+
 // Streams the points of a PNT file into the children: each goes to the first child whose box holds it. A
 // radius factor of 1 keeps the radii, 0 clears them, any other value scales them; `scanId` replaces the
 // points' own. Returns the number of points read.
