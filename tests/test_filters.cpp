@@ -134,13 +134,20 @@ std::vector<IoLightPoint> filtered(const std::vector<IoLightPoint>& points, cons
 
 using CellKey = std::tuple<uint32_t, uint32_t, uint32_t>;
 
-// The cells of a grid 2^shift steps wide, aligned in biased coordinates, that hold at least one point.
+// The cell of a grid 2^shift steps wide, aligned in biased coordinates, that holds the point; shift goes up
+// to 32, one cell for everything.
+CellKey cellOf(const IoLightPoint& p, int shift)
+{
+    const auto at = [shift](int32_t c) { return uint32_t(uint64_t(voxelizer::biased(c)) >> shift); };
+    return {at(p.x), at(p.y), at(p.z)};
+}
+
+// The cells of a grid 2^shift steps wide that hold at least one point.
 std::set<CellKey> occupiedCells(const std::vector<IoLightPoint>& points, int shift)
 {
     std::set<CellKey> cells;
     for (const IoLightPoint& p : points)
-        cells.insert({voxelizer::biased(p.x) >> shift, voxelizer::biased(p.y) >> shift,
-                      voxelizer::biased(p.z) >> shift});
+        cells.insert(cellOf(p, shift));
     return cells;
 }
 
@@ -311,14 +318,7 @@ TEST(WorkerSimplify, GivesTheCellsThatTheMapReachesByDoubling)
             {
                 std::sort(result.begin(), result.end(),
                           [shift](const IoLightPoint& a, const IoLightPoint& b)
-                          {
-                              return std::make_tuple(voxelizer::biased(a.x) >> shift,
-                                                     voxelizer::biased(a.y) >> shift,
-                                                     voxelizer::biased(a.z) >> shift) <
-                                     std::make_tuple(voxelizer::biased(b.x) >> shift,
-                                                     voxelizer::biased(b.y) >> shift,
-                                                     voxelizer::biased(b.z) >> shift);
-                          });
+                          { return cellOf(a, shift) < cellOf(b, shift); });
                 return result;
             };
             const std::vector<IoLightPoint> expected = byCell(map.convert(millimetres()));
