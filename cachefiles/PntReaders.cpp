@@ -8,6 +8,7 @@
 #include "cachefiles/PntFiles.h"
 #include "cachefiles/RealPoints.h"
 #include "cachefiles/SideFiles.h"
+#include "cachefiles/TreeNodeFiles.h"
 #include "core/StringConversion.h"
 
 namespace pc_preprocess
@@ -128,6 +129,26 @@ PntFileInfo readPntHeader(const std::wstring& pnt)
 {
     requireExtension(pnt, ".pnt", kReaderExtension);
     return readInfo(openPnt(pnt));
+}
+
+void readPntRecords(const std::wstring& pnt, std::vector<uint8_t>& records)
+{
+    requireExtension(pnt, ".pnt", kReaderExtension);
+    const FileDescriptor file = openPnt(pnt);
+    const PntFileInfo info = readInfo(file);
+    if (!info.colourFlag)
+        throw std::runtime_error(kReader + ": Only colorful PNT are supported.");
+    if (!info.extended)
+        throw std::runtime_error(kReader + ": " + ws2s(pnt) + " holds short records.");
+    records.resize(info.numPoints * kPntRecordSize);
+    try
+    {
+        file.readExactly(kPntHeaderSize, records);
+    }
+    catch (const FileError& e)
+    {
+        throw readFailure(e);
+    }
 }
 
 void readPNT(const std::wstring& pnt, IoTransfo& transfo, std::vector<IoLightPoint>& points)

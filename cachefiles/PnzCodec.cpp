@@ -83,25 +83,6 @@ std::runtime_error tooLarge(uint64_t maxOutput)
 
 }  // namespace
 
-std::vector<uint8_t> deflatePnz(std::span<const uint8_t> input)
-{
-    // libdeflate compresses a whole buffer in one call, about twice as fast as zlib at the same level and
-    // a little smaller, and writes the same standard zlib stream that any inflater reads. A compressor per
-    // call keeps threads apart; its allocation is small beside the work of one node.
-    const std::unique_ptr<libdeflate_compressor, decltype(&libdeflate_free_compressor)> compressor(
-        libdeflate_alloc_compressor(kPnzLevel), &libdeflate_free_compressor);
-    if (!compressor)
-        throw std::runtime_error("ERROR PNZ COMPRESS: Cannot initiate deflate.");
-    // The bound holds even for incompressible input, so that the one call always finishes the stream.
-    std::vector<uint8_t> output(libdeflate_zlib_compress_bound(compressor.get(), input.size()));
-    const size_t written =
-        libdeflate_zlib_compress(compressor.get(), input.data(), input.size(), output.data(), output.size());
-    if (written == 0)
-        throw std::runtime_error("ERROR PNZ COMPRESS: ret != Z_STREAM_END.");
-    output.resize(written);
-    return output;
-}
-
 namespace
 {
 
@@ -162,35 +143,95 @@ std::vector<uint8_t> inflateWithZlib(std::span<const uint8_t> compressed, uint64
 
 }  // namespace
 
-std::vector<uint8_t> inflatePnz(std::span<const uint8_t> compressed, uint64_t maxOutput)
+// libdeflate compresses a whole buffer in one call, about twice as fast as zlib at the same level and a
+// little smaller, and writes the same standard zlib stream that any inflater reads; it inflates a whole
+// stream in one call, about three times as fast as zlib, into room for the whole result.
+struct PnzCoder::Libdeflate
 {
-    // libdeflate inflates a whole stream in one call, about three times as fast as zlib, but wants room for
-    // the whole result: a node's planes shrink to a quarter or more, so four times the input mostly fits, and
-    // the room doubles up to the cap when it does not. Damaged streams go to zlib, whose errors say more.
-    const std::unique_ptr<libdeflate_decompressor, decltype(&libdeflate_free_decompressor)> decompressor(
-        libdeflate_alloc_decompressor(), &libdeflate_free_decompressor);
-    if (!decompressor || maxOutput > std::numeric_limits<size_t>::max() / 2)
-        return inflateWithZlib(compressed, maxOutput);
+    struct FreeCompressor
+    {
+        void operator()(libdeflate_compressor* c) const { libdeflate_free_compressor(c); }
+    };
+    struct FreeDecompressor
+    {
+        void operator()(libdeflate_decompressor* d) const { libdeflate_free_decompressor(d); }
+    };
+    std::unique_ptr<libdeflate_compressor, FreeCompressor> compressor;
+    std::unique_ptr<libdeflate_decompressor, FreeDecompressor> decompressor;
+};
+
+PnzCoder::PnzCoder() : m_libdeflate(std::make_unique<Libdeflate>()) {}
+PnzCoder::~PnzCoder() = default;
+PnzCoder::PnzCoder(PnzCoder&&) noexcept = default;
+PnzCoder& PnzCoder::operator=(PnzCoder&&) noexcept = default;
+
+std::span<const uint8_t> PnzCoder::deflate(std::span<const uint8_t> input)
+{
+    if (!m_libdeflate->compressor)
+        m_libdeflate->compressor.reset(libdeflate_alloc_compressor(kPnzLevel));
+    libdeflate_compressor* compressor = m_libdeflate->compressor.get();
+    if (compressor == nullptr)
+        throw std::runtime_error("ERROR PNZ COMPRESS: Cannot initiate deflate.");
+    // The bound holds even for incompressible input, so that the one call always finishes the stream.
+    const size_t bound = libdeflate_zlib_compress_bound(compressor, input.size());
+    if (m_compressed.size() < bound)
+        m_compressed.resize(bound);
+    const size_t written =
+        libdeflate_zlib_compress(compressor, input.data(), input.size(), m_compressed.data(), bound);
+    if (written == 0)
+        throw std::runtime_error("ERROR PNZ COMPRESS: ret != Z_STREAM_END.");
+    return std::span(m_compressed).first(written);
+}
+
+std::span<const uint8_t> PnzCoder::inflate(std::span<const uint8_t> compressed, uint64_t maxOutput,
+                                           uint64_t expectedSize)
+{
+    if (!m_libdeflate->decompressor)
+        m_libdeflate->decompressor.reset(libdeflate_alloc_decompressor());
+    libdeflate_decompressor* decompressor = m_libdeflate->decompressor.get();
+    const auto unknownSize = [&]
+    {
+        m_inflated = inflateWithZlib(compressed, maxOutput);
+        return std::span<const uint8_t>(m_inflated);
+    };
+    if (decompressor == nullptr || maxOutput > std::numeric_limits<size_t>::max() / 2)
+        return unknownSize();
+    // Without a known size: a node's planes shrink to a quarter or more, so four times the input mostly
+    // fits, and the room doubles up to the cap when it does not. Damaged streams go to zlib, whose errors
+    // say more.
     const auto cap = static_cast<size_t>(maxOutput);
-    size_t room = std::min(cap, std::max<size_t>(compressed.size() * 4, kGrowthPerRound));
-    std::vector<uint8_t> output;
+    size_t room = expectedSize > 0 ? static_cast<size_t>(std::min<uint64_t>(expectedSize, cap))
+                                   : std::min(cap, std::max<size_t>(compressed.size() * 4, kGrowthPerRound));
     for (;;)
     {
-        output.resize(room);
+        // The buffer only grows: what it held before is overwritten, never cleared.
+        if (m_inflated.size() < room)
+            m_inflated.resize(room);
         size_t inflated = 0;
         const libdeflate_result result = libdeflate_zlib_decompress(
-            decompressor.get(), compressed.data(), compressed.size(), output.data(), room, &inflated);
+            decompressor, compressed.data(), compressed.size(), m_inflated.data(), room, &inflated);
         if (result == LIBDEFLATE_SUCCESS)
-        {
-            output.resize(inflated);
-            return output;
-        }
+            return std::span(m_inflated).first(inflated);
         if (result != LIBDEFLATE_INSUFFICIENT_SPACE)
-            return inflateWithZlib(compressed, maxOutput);
+            return unknownSize();
         if (room == cap)
             throw tooLarge(maxOutput);
         room = std::min(cap, room * 2);
     }
+}
+
+std::vector<uint8_t> deflatePnz(std::span<const uint8_t> input)
+{
+    PnzCoder coder;
+    const std::span<const uint8_t> compressed = coder.deflate(input);
+    return {compressed.begin(), compressed.end()};
+}
+
+std::vector<uint8_t> inflatePnz(std::span<const uint8_t> compressed, uint64_t maxOutput)
+{
+    PnzCoder coder;
+    const std::span<const uint8_t> inflated = coder.inflate(compressed, maxOutput);
+    return {inflated.begin(), inflated.end()};
 }
 
 uint64_t maxInflatedSize(uint64_t compressedSize)

@@ -1,5 +1,7 @@
 #include "cachefiles/PnzFiles.h"
 
+#include "cachefiles/TreeNodeFiles.h"
+
 #include <algorithm>
 #include <stdexcept>
 
@@ -28,11 +30,13 @@ constexpr uint64_t kBlockPoints = 65536;
 
 template <typename PointAt>
 uint64_t writePlanes(const std::wstring& pnz, const std::string& who, const IoTransfo& transfo, uint64_t n,
-                     PointAt&& pointAt)
+                     PointAt&& pointAt, PnzCoder& coder)
 {
-    std::vector<uint8_t> inflated(fileSizePNT(n, true));
+    // Every byte of the planes is written: a buffer kept from an earlier node needs no clearing.
+    std::vector<uint8_t>& inflated = coder.planes();
+    inflated.resize(fileSizePNT(n, true));
     encodePlaneBytes(transfo, n, pointAt, inflated);
-    return storePnz(pnz, inflated, who);
+    return storePnz(pnz, inflated, who, coder);
 }
 
 }  // namespace
@@ -40,7 +44,8 @@ uint64_t writePlanes(const std::wstring& pnz, const std::string& who, const IoTr
 void readPNZ(const std::wstring& pnz, IoTransfo& transfo, std::vector<IoLightPoint>& points)
 {
     requireExtension(pnz, ".pnz", kReaderExtension);
-    const std::vector<uint8_t> inflated = loadPnz(pnz, kReader);
+    PnzCoder coder;
+    const std::span<const uint8_t> inflated = loadPnz(pnz, kReader, coder);
     const NodeBytes node = parseNodeBytes(inflated, NodeLayout::kPlanes, kHeaderCheck);
     decodeWithSideFiles(pnz, node, kReader, points);
     transfo = node.header.transfo;
@@ -50,7 +55,8 @@ void readPNZ(const std::wstring& pnz, IoTransfo& transfo, std::vector<geom::Poin
              std::vector<float>& colours, std::vector<float>& intensities, std::vector<float>& radii)
 {
     requireExtension(pnz, ".pnz", kReaderExtension);
-    const std::vector<uint8_t> inflated = loadPnz(pnz, kReader);
+    PnzCoder coder;
+    const std::span<const uint8_t> inflated = loadPnz(pnz, kReader, coder);
     const NodeBytes node = parseNodeBytes(inflated, NodeLayout::kPlanes, kHeaderCheck);
     decodeIntoArrays(node, "ERROR PNZ READER: vector<OdGePoint3d> and/or vector<float> incompatible size!",
                      points, colours, intensities, radii);
@@ -60,14 +66,45 @@ void readPNZ(const std::wstring& pnz, IoTransfo& transfo, std::vector<geom::Poin
 uint64_t writeTuncatePNZ(const std::wstring& pnz, const IoTransfo& transfo,
                          const std::vector<IoLightPoint>& points)
 {
+    PnzCoder coder;
+    return writePnzPoints(pnz, transfo, points, coder);
+}
+
+uint64_t writePnzPoints(const std::wstring& pnz, const IoTransfo& transfo,
+                        std::span<const IoLightPoint> points, PnzCoder& coder)
+{
     requireExtension(pnz, ".pnz", kWriterExtension);
-    return writePlanes(pnz, "writeTuncatePNZ : ", transfo, points.size(),
-                       [&](uint64_t i)
-                       {
-                           IoLightPoint p = points[i];
-                           p.scanId = 0;
-                           return p;
-                       });
+    return writePlanes(
+        pnz, "writeTuncatePNZ : ", transfo, points.size(),
+        [&](uint64_t i)
+        {
+            IoLightPoint p = points[i];
+            p.scanId = 0;
+            return p;
+        },
+        coder);
+}
+
+uint64_t writePnzRecords(const std::wstring& pnz, const IoTransfo& transfo, std::span<const uint8_t> records,
+                         const std::string& who, PnzCoder& coder)
+{
+    const uint64_t n = records.size() / kPntRecordSize;
+    std::vector<uint8_t>& inflated = coder.planes();
+    inflated.resize(fileSizePNT(n, true));
+    encodePntHeader(transfo, inflated.data());
+    recordsToPlanes(records.data(), 0, n, n, kPntRecordSize, inflated.data() + kPntHeaderSize);
+    return storePnz(pnz, inflated, who, coder);
+}
+
+void appendPnzPoints(const std::wstring& pnz, uint64_t numPoints, PnzCoder& coder,
+                     std::vector<IoLightPoint>& points)
+{
+    requireExtension(pnz, ".pnz", kReaderExtension);
+    const NodeBytes node = parseNodeBytes(loadPnz(pnz, kReader, coder, fileSizePNT(numPoints, true)),
+                                          NodeLayout::kPlanes, kHeaderCheck);
+    const size_t first = points.size();
+    points.resize(first + node.numPoints);
+    forEachPoint(node, [&](uint64_t i, IoLightPoint& p) { points[first + i] = p; });
 }
 
 uint64_t overwritePNZ(const std::wstring& pnz, const IoTransfo& transfo,
@@ -76,8 +113,9 @@ uint64_t overwritePNZ(const std::wstring& pnz, const IoTransfo& transfo,
 {
     requireExtension(pnz, ".pnz", kWriterExtension);
     checkArraysForWriting(transfo, points, colours, intensities, radii, "ERROR PNZ WRITER");
+    PnzCoder coder;
     return writePlanes(pnz, "overwritePNZ : ", transfo, points.size(),
-                       GridPointsFromArrays(transfo, points, colours, intensities, radii));
+                       GridPointsFromArrays(transfo, points, colours, intensities, radii), coder);
 }
 
 uint64_t directPntToPnz(const std::wstring& pnt, const std::wstring& pnz)
@@ -98,20 +136,22 @@ uint64_t directPntToPnz(const std::wstring& pnt, const std::wstring& pnz)
     std::copy_n(source.bytes().data(), kPntHeaderSize, inflated.data());
     recordsToPlanes(node.body.data(), 0, node.numPoints, node.numPoints, node.header.recordSize(),
                     inflated.data() + kPntHeaderSize);
-    return storePnz(pnz, inflated, "directPntToPnz : ");
+    PnzCoder coder;
+    return storePnz(pnz, inflated, "directPntToPnz : ", coder);
 }
 
 uint64_t directPnzToPnt(const std::wstring& pnz, const std::wstring& pnt)
 {
     requireExtension(pnz, ".pnz", "ERROR PNZ 2 PNT: Extension PNZ file was ");
     requireExtension(pnt, ".pnt", "ERROR PNZ 2 PNT: Extension PNT file was ");
-    const std::vector<uint8_t> inflated = loadPnz(pnz, "ERROR PNZ 2 PNT");
+    PnzCoder coder;
+    const std::span<const uint8_t> inflated = loadPnz(pnz, "ERROR PNZ 2 PNT", coder);
     const NodeBytes node = parseNodeBytes(inflated, NodeLayout::kPlanes, "ERROR PNZ 2 PNT");
     reportWriteFailure("directPnzToPnt: ", pnt,
                        [&]
                        {
                            FileWriter out = FileWriter::create(toPath(pnt), inflated.size());
-                           out.write(std::span(inflated).first(kPntHeaderSize));
+                           out.write(inflated.first(kPntHeaderSize));
                            const uint64_t recordSize = node.header.recordSize();
                            writeInBlocks(out, node.numPoints, recordSize, kBlockPoints,
                                          [&](uint64_t first, uint64_t count, uint8_t* records) {

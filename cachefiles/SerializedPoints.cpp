@@ -5,8 +5,8 @@
 #include "cachefiles/FileWriter.h"
 #include "cachefiles/NodeCodec.h"
 #include "cachefiles/NodeFileErrors.h"
-#include "cachefiles/PnzStorage.h"
 #include "cachefiles/SideFiles.h"
+#include "cachefiles/TreeNodeFiles.h"
 #include "core/NodePaths.h"
 #include "core/StringConversion.h"
 
@@ -89,11 +89,13 @@ void SerializedPoints::flush(std::ostream& pnt, std::ostream& classes, std::ostr
 
 uint64_t SerializedPoints::writeDirectPnz(const std::wstring& pnz, const IoTransfo& transfo)
 {
-    std::vector<uint8_t> inflated(kPntHeaderSize + m_buffer.size());
-    encodePntHeader(transfo, inflated.data());
-    recordsToPlanes(m_buffer.data(), 0, m_numBuffered, m_numBuffered, kPntRecordSize,
-                    inflated.data() + kPntHeaderSize);
-    const uint64_t size = storePnz(pnz, inflated, "SerializedPoints: ");
+    PnzCoder coder;
+    return writeDirectPnz(pnz, transfo, coder);
+}
+
+uint64_t SerializedPoints::writeDirectPnz(const std::wstring& pnz, const IoTransfo& transfo, PnzCoder& coder)
+{
+    const uint64_t size = writePnzRecords(pnz, transfo, m_buffer, "SerializedPoints: ", coder);
     if (m_hasClasses)
         writeSideFile(getClassPathFromPnt(pnz), m_classes);
     if (m_hasNormals)

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "cachefiles/PnzCodec.h"
 #include "core/Export.h"
 #include "core/IoLightPoint.h"
 #include "core/IoTransfo.h"
@@ -32,6 +33,8 @@ public:
     // Writes the buffered records as one new PNZ file (header and planes) and the side buffers as plain side
     // files next to it, then empties the buffers. Returns the PNZ size. No records give a valid empty node.
     uint64_t writeDirectPnz(const std::wstring& pnz, const IoTransfo& transfo);
+    // The same with a coder that is kept from node to node.
+    uint64_t writeDirectPnz(const std::wstring& pnz, const IoTransfo& transfo, PnzCoder& coder);
 
     // Writes the 50-byte header; the stream must stand at its start.
     static void writeHeader(std::ostream& pnt, const IoTransfo& transfo);

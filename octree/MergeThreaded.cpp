@@ -4,12 +4,11 @@
 #include <stdexcept>
 #include <vector>
 
-#include "cachefiles/PnzFiles.h"
+#include "cachefiles/TreeNodeFiles.h"
 #include "core/NodePaths.h"
 #include "core/StringConversion.h"
 #include "octree/NodeQueue.h"
 #include "octree/TreeWorkers.h"
-#include "octree/VxMap.h"
 #include "services/IntervalWriter.h"
 #include "services/Logger.h"
 
@@ -35,18 +34,18 @@ bool allMerged(const Node& node)
     return std::all_of(node.children.begin(), node.children.end(), [](const Node& c) { return c.merged; });
 }
 
-// Marks the leaves merged, lists the inner nodes whose children are all leaves, and counts the inner nodes.
+// Marks the leaves merged, lists the inner nodes whose children are all merged, and counts the inner nodes
+// left to merge. Subtrees that the split stage built in memory are merged already.
 uint64_t collectMergeWork(Node& node, std::vector<Node*>& ready)
 {
     if (node.isLeaf())
-    {
         node.merged = true;
+    if (node.merged)
         return 0;
-    }
     uint64_t inner = 1;
     for (Node& child : node.children)
         inner += collectMergeWork(child, ready);
-    if (allLeaves(node))
+    if (allMerged(node))
         ready.push_back(&node);
     return inner;
 }
@@ -56,7 +55,7 @@ class MergePool
 public:
     MergePool(Node& root, size_t workers, const std::shared_ptr<Logger>& logger,
               const std::function<bool()>& cancel, const ThreadStarter& startWorker)
-        : m_queue(workers, cancel, startWorker), m_logger(logger)
+        : m_queue(workers, cancel, startWorker), m_workspaces(workers), m_logger(logger)
     {
         std::vector<Node*> ready;
         m_total = collectMergeWork(root, ready);
@@ -67,7 +66,8 @@ public:
     bool run()
     {
         return m_queue.run(
-            [this](Node& node) { mergeSingleNode(node, [this](Node& merged) { finished(merged); }); },
+            [this](Node& node, size_t worker)
+            { mergeSingleNode(node, m_workspaces[worker], [this](Node& merged) { finished(merged); }); },
             [this](const Node* node, const std::string& text)
             {
                 const std::string where = node != nullptr ? " " + ws2s(node->pnzPath) : std::string();
@@ -97,6 +97,7 @@ private:
     }
 
     NodeQueue m_queue;
+    std::vector<TreeWorkspace> m_workspaces;  // one per worker
     const std::shared_ptr<Logger> m_logger;
     std::mutex m_mutex;
     uint64_t m_total = 0;
@@ -106,7 +107,7 @@ private:
 
 }  // namespace
 
-void mergeSingleNode(Node& node, const std::function<void(Node&)>& merged)
+void mergeSingleNode(Node& node, TreeWorkspace& workspace, const std::function<void(Node&)>& merged)
 {
     if (node.children.empty())
         throw std::runtime_error("If no children: shouldn't be queued.\n");
@@ -114,14 +115,13 @@ void mergeSingleNode(Node& node, const std::function<void(Node&)>& merged)
     if (node.pointsOnDisk != 0 || std::filesystem::exists(toPath(node.pnzPath), ignored))
         throw std::runtime_error("File shouldn't exist!");
 
-    std::vector<IoLightPoint> points;
+    std::vector<IoLightPoint>& points = workspace.points;
+    points.clear();
     for (const Node& child : node.children)
     {
-        std::vector<IoLightPoint> childPoints;
-        IoTransfo transfo;
         try
         {
-            readPNZ(child.pnzPath, transfo, childPoints);
+            appendPnzPoints(child.pnzPath, child.pointsOnDisk, workspace.coder, points);
         }
         catch (const std::exception& e)
         {
@@ -132,9 +132,9 @@ void mergeSingleNode(Node& node, const std::function<void(Node&)>& merged)
         // Classes and normals survive only in a cache of one node.
         removeIfThere(getClassPathFromPnt(child.pnzPath));
         removeIfThere(getNormalPathFromPnt(child.pnzPath));
-        points.insert(points.end(), childPoints.begin(), childPoints.end());
     }
 
+    std::span<const IoLightPoint> result = points;
     if (allLeaves(node) && points.size() <= kMaxNodePoints)
     {
         for (const Node& child : node.children)
@@ -142,12 +142,15 @@ void mergeSingleNode(Node& node, const std::function<void(Node&)>& merged)
         node.children.clear();
     }
     else if (points.size() > kMaxNodePoints)
-        points = voxelizer::workerSimplify(points, node.transfo, kMaxNodePoints);
+    {
+        workspace.simplifier.simplify(points, node.transfo, kMaxNodePoints, workspace.thinned);
+        result = workspace.thinned;
+    }
 
-    writeTuncatePNZ(node.pnzPath, node.transfo, points);
-    node.pointsOnDisk = points.size();
+    writePnzPoints(node.pnzPath, node.transfo, result, workspace.coder);
+    node.pointsOnDisk = result.size();
     node.maxRadius = Node::kNoRadius;
-    for (const IoLightPoint& p : points)
+    for (const IoLightPoint& p : result)
         node.maxRadius = std::max(node.maxRadius, static_cast<double>(p.radius));
     merged(node);
 }

@@ -86,12 +86,12 @@ void Node::flushAndClose()
     streams.reset();
 }
 
-void Node::writeBuffersAsPnz()
+void Node::writeBuffersAsPnz(PnzCoder& coder)
 {
     if (pointsOnDisk > 0)
         throw std::runtime_error("Cannot append points to a *.pnz file: " + ws2s(pnzPath));
     const uint64_t records = numBuffered();
-    buffers.writeDirectPnz(pnzPath, transfo);
+    buffers.writeDirectPnz(pnzPath, transfo, coder);
     pointsOnDisk = records;
 }
 

@@ -46,7 +46,7 @@ struct Node
     void flushAndClose();
     // Writes the buffered points as the node's PNZ and empties the buffers; a node with points on disk
     // cannot take more in this form.
-    void writeBuffersAsPnz();
+    void writeBuffersAsPnz(PnzCoder& coder);
     // Removes the node's PNT with its side files.
     void deletePntFiles() const;
     // Gives the node the name of child `index` of its parent: the files it has on disk move along.

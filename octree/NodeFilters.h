@@ -1,5 +1,6 @@
 #pragma once
 
+#include <span>
 #include <string>
 #include <vector>
 
@@ -28,5 +29,11 @@ PCP_API FilteredPoints filterTandStyle(const std::wstring& pntFile, const Extent
 // position merge into one.
 PCP_API FilteredPoints filterFernalStyle(const std::wstring& pntFile, const ExtentsI32& extents,
                                          const IoTransfo& transfo);
+
+// The same two filters over the 26-byte records of a node held in memory, in their order.
+FilteredPoints filterTandStyle(std::span<const uint8_t> records, const ExtentsI32& extents,
+                               const IoTransfo& transfo, bool keepMultiple);
+FilteredPoints filterFernalStyle(std::span<const uint8_t> records, const ExtentsI32& extents,
+                                 const IoTransfo& transfo);
 
 }  // namespace pc_preprocess

@@ -1,5 +1,7 @@
 #include "octree/NodeQueue.h"
 
+#include <atomic>
+
 namespace pc_preprocess
 {
 
@@ -8,13 +10,14 @@ NodeQueue::NodeQueue(size_t workers, std::function<bool()> cancel, ThreadStarter
 {
 }
 
-bool NodeQueue::run(const std::function<void(Node&)>& work, const FailureReport& failed)
+bool NodeQueue::run(const std::function<void(Node&, size_t worker)>& work, const FailureReport& failed)
 {
+    std::atomic<size_t> nextWorker{0};
     try
     {
         // Workers that never started would count as busy for ever: the stop lets the others end.
         runOnThreads(
-            m_workers, [&] { workUntilDone(work, failed); }, [this] { fail(); }, m_start);
+            m_workers, [&] { workUntilDone(work, nextWorker++, failed); }, [this] { fail(); }, m_start);
     }
     catch (const std::exception& e)
     {
@@ -25,7 +28,8 @@ bool NodeQueue::run(const std::function<void(Node&)>& work, const FailureReport&
     return !m_stopped;
 }
 
-void NodeQueue::workUntilDone(const std::function<void(Node&)>& work, const FailureReport& failed)
+void NodeQueue::workUntilDone(const std::function<void(Node&, size_t worker)>& work, size_t worker,
+                              const FailureReport& failed)
 {
     Node* node = nullptr;
     runWithoutThrowing(
@@ -37,7 +41,7 @@ void NodeQueue::workUntilDone(const std::function<void(Node&)>& work, const Fail
                 node = next();
                 if (node == nullptr)
                     return;
-                work(*node);
+                work(*node, worker);
             }
         },
         [&](const std::string& text)

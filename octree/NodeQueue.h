@@ -33,12 +33,14 @@ public:
     void push(Node& node);
 
     // Runs `work` on the queued nodes, and on those it queues, on the queue's worker threads until the work
-    // is over. Any failure, of the work or of the queue itself, ends the work of every worker after `failed`
-    // has reported it; nothing leaves a worker thread. False after a failure or a cancel.
-    bool run(const std::function<void(Node&)>& work, const FailureReport& failed);
+    // is over; work learns the index of its worker, from 0 to workers - 1, so that each worker can keep
+    // buffers of its own. Any failure, of the work or of the queue itself, ends the work of every worker after
+    // `failed` has reported it; nothing leaves a worker thread. False after a failure or a cancel.
+    bool run(const std::function<void(Node&, size_t worker)>& work, const FailureReport& failed);
 
 private:
-    void workUntilDone(const std::function<void(Node&)>& work, const FailureReport& failed);
+    void workUntilDone(const std::function<void(Node&, size_t worker)>& work, size_t worker,
+                              const FailureReport& failed);
     // The next node for the calling worker, whose last node is done; null when the work is over, was
     // cancelled, or a worker failed.
     Node* next();

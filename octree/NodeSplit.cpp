@@ -39,20 +39,6 @@ void dropChild(Node& child, TreeCounts& counts)
     child.pointsOnDisk = 0;
 }
 
-// Without a radius from its scan, a point gets the drawing size of the node it first lands in.
-void giveBufferedPointsTheNodeSize(Node& child)
-{
-    float radius = 0.0f;
-    std::memcpy(&radius, child.buffers.m_buffer.data() + kPntRadiusOffset, sizeof radius);
-    if (radius > 0.0f)
-        return;
-    const float size = static_cast<float>(child.extents.pointSize(child.transfo));
-    for (uint64_t k = 0; k < child.numBuffered(); ++k)
-        std::memcpy(child.buffers.m_buffer.data() + k * kPntRecordSize + kPntRadiusOffset, &size,
-                    sizeof size);
-    child.maxRadius = size;
-}
-
 FilteredPoints filterNode(const Node& child, const SplitSettings& settings)
 {
     return settings.tandStyle
@@ -61,7 +47,7 @@ FilteredPoints filterNode(const Node& child, const SplitSettings& settings)
 }
 
 // Returns whether the child survives.
-bool finishNode(Node& child, const SplitSettings& settings, const ChildTally& tally)
+bool finishNode(Node& child, const SplitSettings& settings, const ChildTally& tally, PnzCoder& coder)
 {
     const uint64_t total = child.totalPoints();
     if (total < kMinChildPoints)
@@ -70,12 +56,9 @@ bool finishNode(Node& child, const SplitSettings& settings, const ChildTally& ta
         return false;
     }
     if (!settings.tandStyle && child.pointsOnDisk == 0 && child.numBuffered() > 0)
-        giveBufferedPointsTheNodeSize(child);
+        giveRecordsTheNodeSize(child, child.buffers.m_buffer);
 
-    const uint64_t volume = child.extents.discreteVolume();
-    const bool keep = (volume >= kFilterThreshold || total <= volume) &&
-                      (!settings.tandStyle || child.filtered || total > kFilterThreshold);
-    if (keep)
+    if (keptFromFilter(child, total, settings))
     {
         if (child.pointsOnDisk > 0)
         {
@@ -87,7 +70,7 @@ bool finishNode(Node& child, const SplitSettings& settings, const ChildTally& ta
         {
             if (tally.visited != tally.kept)
                 child.renameToIndex(tally.kept);
-            child.writeBuffersAsPnz();
+            child.writeBuffersAsPnz(coder);
         }
         // A finished tree holds thousands of nodes: none may keep its write buffers' memory.
         child.buffers.clear();
@@ -110,7 +93,7 @@ bool finishNode(Node& child, const SplitSettings& settings, const ChildTally& ta
         child.renameToIndex(tally.kept);
     child.buffers.add(result.points);
     if (result.points.size() <= kMaxNodePoints)
-        child.writeBuffersAsPnz();
+        child.writeBuffersAsPnz(coder);
     else
         child.flushAndClose();  // left as a PNT to be split further
     child.buffers.clear();
@@ -119,7 +102,26 @@ bool finishNode(Node& child, const SplitSettings& settings, const ChildTally& ta
 
 }  // namespace
 
-void createChildren(Node& node)
+void giveRecordsTheNodeSize(Node& child, std::span<uint8_t> records)
+{
+    float radius = 0.0f;
+    std::memcpy(&radius, records.data() + kPntRadiusOffset, sizeof radius);
+    if (radius > 0.0f)
+        return;
+    const float size = static_cast<float>(child.extents.pointSize(child.transfo));
+    for (size_t at = 0; at < records.size(); at += kPntRecordSize)
+        std::memcpy(records.data() + at + kPntRadiusOffset, &size, sizeof size);
+    child.maxRadius = size;
+}
+
+bool keptFromFilter(const Node& child, uint64_t total, const SplitSettings& settings)
+{
+    const uint64_t volume = child.extents.discreteVolume();
+    return (volume >= kFilterThreshold || total <= volume) &&
+           (!settings.tandStyle || child.filtered || total > kFilterThreshold);
+}
+
+void createChildren(Node& node, bool reserveBuffers)
 {
     node.children.clear();
     node.children.reserve(8);
@@ -127,11 +129,14 @@ void createChildren(Node& node)
     {
         Node child;
         child.buffers = SerializedPoints(node.hasClasses(), node.hasNormals());
-        child.buffers.m_buffer.reserve(kRecordBytes);
-        if (node.hasClasses())
-            child.buffers.m_classes.reserve(kClassBytes);
-        if (node.hasNormals())
-            child.buffers.m_normals.reserve(kNormalBytes);
+        if (reserveBuffers)
+        {
+            child.buffers.m_buffer.reserve(kRecordBytes);
+            if (node.hasClasses())
+                child.buffers.m_classes.reserve(kClassBytes);
+            if (node.hasNormals())
+                child.buffers.m_normals.reserve(kNormalBytes);
+        }
         child.pntPath = node.childPnt(index);
         child.pnzPath = child.pntPath.substr(0, child.pntPath.size() - 4) + L".pnz";
         child.transfo = node.transfo;
@@ -143,42 +148,48 @@ void createChildren(Node& node)
     }
 }
 
+bool distributePoint(Node& node, const std::array<ExtentsI32, 8>& boxes, IoLightPoint point,
+                     float radiusFactor, uint16_t scanId)
+{
+    if (radiusFactor == 0.0f)
+        point.radius = 0.0f;
+    else if (radiusFactor != 1.0f)
+        point.radius *= radiusFactor;
+    point.scanId = scanId;
+    for (size_t index = 0; index < boxes.size(); ++index)
+        if (boxes[index].contains(point))
+        {
+            node.children[index].addPoint(point);
+            return true;
+        }
+    // A point of a node lies in its box by construction: this is rounding or a damaged file.
+    return false;
+}
+
 uint64_t distributePoints(Node& node, const std::array<ExtentsI32, 8>& boxes, const std::wstring& pntFile,
                           float radiusFactor, uint16_t scanId, TreeCounts& counts)
 {
     uint64_t read = 0;
     uint64_t outside = 0;
     runPNT(pntFile,
-           [&](const IoLightPoint& original)
+           [&](const IoLightPoint& point)
            {
                ++read;
-               IoLightPoint point = original;
-               if (radiusFactor == 0.0f)
-                   point.radius = 0.0f;
-               else if (radiusFactor != 1.0f)
-                   point.radius *= radiusFactor;
-               point.scanId = scanId;
-               for (size_t index = 0; index < boxes.size(); ++index)
-                   if (boxes[index].contains(point))
-                   {
-                       node.children[index].addPoint(point);
-                       return;
-                   }
-               // A point of a node lies in its box by construction: this is rounding or a damaged file.
-               ++outside;
+               if (!distributePoint(node, boxes, point, radiusFactor, scanId))
+                   ++outside;
            });
     counts.outsideBoxes += outside;
     return read;
 }
 
-void finishChildren(Node& node, const SplitSettings& settings)
+void finishChildren(Node& node, const SplitSettings& settings, PnzCoder& coder)
 {
     ChildTally tally;
     std::vector<Node> survivors;
     survivors.reserve(node.children.size());
     for (Node& child : node.children)
     {
-        if (finishNode(child, settings, tally))
+        if (finishNode(child, settings, tally, coder))
         {
             ++tally.kept;
             survivors.push_back(std::move(child));
@@ -189,7 +200,7 @@ void finishChildren(Node& node, const SplitSettings& settings)
     node.children = std::move(survivors);
 }
 
-void splitNonRoot(Node& node, const SplitSettings& settings)
+void splitNonRoot(Node& node, const SplitSettings& settings, PnzCoder& coder)
 {
     if (node.numBuffered() > 0)
         throw std::runtime_error("splitNonRoot: node should be flushed before splitting");
@@ -198,7 +209,7 @@ void splitNonRoot(Node& node, const SplitSettings& settings)
     const std::array<ExtentsI32, 8> boxes = node.extents.split8(node.transfo);
     createChildren(node);
     distributePoints(node, boxes, node.pntPath, 1.0f, 0, *settings.counts);
-    finishChildren(node, settings);
+    finishChildren(node, settings, coder);
     node.deletePntFiles();
     node.pointsOnDisk = 0;
     node.filtered = false;

@@ -11,6 +11,7 @@
 #include "core/StringConversion.h"
 #include "octree/NodeFilters.h"
 #include "octree/NodeSplit.h"
+#include "octree/ScanPointStream.h"
 #include "services/IntervalWriter.h"
 #include "services/Logger.h"
 
@@ -88,7 +89,8 @@ void fillSingleRoot(Node& root, const std::vector<ScanInput>& inputs, bool tandS
         counts.filteredAway += total - result.points.size();
         root.buffers.add(result.points);
     }
-    root.writeBuffersAsPnz();
+    PnzCoder coder;
+    root.writeBuffersAsPnz(coder);
 }
 
 }  // namespace
@@ -128,30 +130,41 @@ bool splitRoot(Node& root, const std::vector<ScanFiles>& scans, const std::share
     const IntervalWriter repeater(logger);
     const std::array<ExtentsI32, 8> boxes = root.extents.split8(root.transfo);
     createChildren(root);
+    std::vector<ScanPointStream::Scan> files;
+    for (const ScanInput& scan : inputs)
+        files.push_back({scan.files->pntFile, scan.numPoints});
+    ScanPointStream stream(std::move(files));
+    ScanPointStream::Block block;
     uint64_t done = 0;
+    uint64_t outside = 0;
     unsigned int reported = 0;
-    for (size_t index = 0; index < inputs.size(); ++index)
+    while (stream.next(block))
     {
+        // Asked before every block, not only every scan: a scan can hold hundreds of millions of points.
         if (cancel && cancel())
             return tandStyle;
-        const ScanInput& scan = inputs[index];
-        if (scan.numPoints == 0)
+        const ScanInput& scan = inputs[block.scan];
+        if (!block.points.empty())
         {
+            const float factor = tandStyle ? tandFactor(scan) : allValid ? 1.0f : 0.0f;
+            const auto scanId = static_cast<uint16_t>(keepScanIds ? block.scan : 0);
+            for (const IoLightPoint& point : block.points)
+                if (!distributePoint(root, boxes, point, factor, scanId))
+                    ++outside;
+            done += block.points.size();
+            const auto percent = static_cast<unsigned int>(50 * done / total);
+            if (percent > reported)
+            {
+                reported = percent;
+                logger->updateProgress(2 * percent);
+            }
+        }
+        if (block.lastOfScan)
             deleteScanFiles(*scan.files);
-            continue;
-        }
-        const float factor = tandStyle ? tandFactor(scan) : allValid ? 1.0f : 0.0f;
-        const auto scanId = static_cast<uint16_t>(keepScanIds ? index : 0);
-        done += distributePoints(root, boxes, scan.files->pntFile, factor, scanId, counts);
-        const auto percent = static_cast<unsigned int>(50 * done / total);
-        if (percent > reported)
-        {
-            reported = percent;
-            logger->updateProgress(2 * percent);
-        }
-        deleteScanFiles(*scan.files);
     }
-    finishChildren(root, settings);
+    counts.outsideBoxes += outside;
+    PnzCoder coder;
+    finishChildren(root, settings, coder);
     return tandStyle;
 }
 

@@ -4,6 +4,7 @@
 
 #include "octree/NodeQueue.h"
 #include "octree/NodeSplit.h"
+#include "octree/SubtreeInMemory.h"
 #include "octree/TreeWorkers.h"
 #include "services/IntervalWriter.h"
 #include "services/Logger.h"
@@ -27,7 +28,11 @@ class SplitPool
 public:
     SplitPool(size_t workers, const SplitSettings& settings, const std::shared_ptr<Logger>& logger,
               const std::function<bool()>& cancel, const ThreadStarter& startWorker)
-        : m_queue(workers, cancel, startWorker), m_settings(settings), m_logger(logger)
+        : m_queue(workers, cancel, startWorker),
+          m_workspaces(workers),
+          m_settings(settings),
+          m_logger(logger),
+          m_cancel(cancel)
     {
     }
 
@@ -43,13 +48,21 @@ public:
     bool run()
     {
         return m_queue.run(
-            [this](Node& node)
+            [this](Node& node, size_t worker)
             {
                 const uint64_t points = node.pointsOnDisk;
-                splitNonRoot(node, m_settings);
-                for (Node& child : node.children)
-                    if (child.pointsOnDisk > kMaxNodePoints)
-                        enqueue(child);
+                if (points <= kSubtreePointBudget)
+                {
+                    if (!buildSubtreeInMemory(node, m_settings, m_workspaces[worker], m_cancel))
+                        return;  // cancelled: the queue stops the workers
+                }
+                else
+                {
+                    splitNonRoot(node, m_settings, m_workspaces[worker].coder);
+                    for (Node& child : node.children)
+                        if (child.pointsOnDisk > kMaxNodePoints)
+                            enqueue(child);
+                }
                 advance(points);
             },
             [this](const Node*, const std::string& text)
@@ -72,8 +85,10 @@ private:
     }
 
     NodeQueue m_queue;
+    std::vector<TreeWorkspace> m_workspaces;  // one per worker
     const SplitSettings m_settings;
     const std::shared_ptr<Logger> m_logger;
+    const std::function<bool()> m_cancel;
     std::mutex m_progressMutex;
     double m_done = 0.0;
     double m_remaining = 0.0;

@@ -6,6 +6,7 @@
 #include "core/WorkerThreads.h"
 #include "octree/Node.h"
 #include "octree/TreeCounts.h"
+#include "octree/TreeWorkspace.h"
 
 namespace pc_preprocess
 {
@@ -23,8 +24,9 @@ bool splitRootChildrenThreaded(Node& root, uint64_t threads, const SplitSettings
 bool mergeThreaded(Node& root, uint64_t threads, const std::shared_ptr<Logger>& logger,
                    const std::function<bool()>& cancel, const ThreadStarter& startWorker = startThread);
 
-// Merges the children's points into the node's PNZ; `merged` is called when the node is done. Children that
-// are all leaves with at most 65536 points together fold into the node, which becomes a leaf.
-void mergeSingleNode(Node& node, const std::function<void(Node&)>& merged);
+// Merges the children's points into the node's PNZ with the worker's buffers; `merged` is called when the
+// node is done. Children that are all leaves with at most 65536 points together fold into the node, which
+// becomes a leaf.
+void mergeSingleNode(Node& node, TreeWorkspace& workspace, const std::function<void(Node&)>& merged);
 
 }  // namespace pc_preprocess

@@ -51,23 +51,4 @@ IoLightPoint vxSimplifyData::toPoint(float combinedRadius) const
     return p;
 }
 
-std::vector<IoLightPoint> workerSimplify(std::vector<IoLightPoint>& points, const IoTransfo& transfo,
-                                         size_t maxPoints)
-{
-    if (maxPoints >= points.size())
-        return points;
-    vxMap<vxSimplifyData> map;
-    map.reserve(points.size());
-    uint64_t live = 0;
-    for (const IoLightPoint& p : points)
-        live = map.add(p);
-    // Once all points share one cell no doubling can merge more.
-    while (live > maxPoints && live > 1)
-    {
-        map.collapse();
-        live = map.liveCount();
-    }
-    return map.convert(transfo);
-}
-
 }  // namespace voxelizer

@@ -102,6 +102,16 @@ private:
     }
 };
 
+// The radius of a point merged from a cell 2^collapses steps wide: half the cell's diagonal.
+inline float combinedRadius(const pc_preprocess::IoTransfo& transfo, uint8_t collapses)
+{
+    const double sx = transfo.scale[0];
+    const double sy = transfo.scale[1];
+    const double sz = transfo.scale[2];
+    return static_cast<float>(std::sqrt((sx * sx + sy * sy + sz * sz) * (2.0 / 3.0)) * 0.5 *
+                              std::ldexp(1.0, collapses));
+}
+
 // Which slots of a pool are in use, one bit each, with a lower bound of the first free one: a freed slot is
 // found again without a scan from the start.
 class SlotBitmap
@@ -219,18 +229,14 @@ public:
     // freed.
     std::vector<pc_preprocess::IoLightPoint> convert(const pc_preprocess::IoTransfo& transfo)
     {
-        const double sx = transfo.scale[0];
-        const double sy = transfo.scale[1];
-        const double sz = transfo.scale[2];
-        const float combinedRadius = static_cast<float>(
-            std::sqrt((sx * sx + sy * sy + sz * sz) * (2.0 / 3.0)) * 0.5 * std::ldexp(1.0, m_numCollapses));
+        const float radius = combinedRadius(transfo, m_numCollapses);
         m_order.clear();
         if (!m_tree.empty())
             collect(0, m_order);
         std::vector<pc_preprocess::IoLightPoint> points;
         points.reserve(m_order.size());
         for (const uint32_t slot : m_order)
-            points.push_back(m_cells[slot].data.toPoint(combinedRadius));
+            points.push_back(m_cells[slot].data.toPoint(radius));
         free();
         return points;
     }
@@ -404,8 +410,9 @@ private:
     uint32_t m_lastKey[3] = {};
 };
 
-// The points reduced to at most maxPoints (at least one) by doubling the cells until few enough remain; a
-// copy when they are few enough already. One doubling can leave far fewer points than asked for.
+// The points reduced to at most maxPoints (at least one) on the finest grid of cells 2^c wide that leaves few
+// enough, the cells that a map of them would reach by doubling; a copy when they are few enough already. The
+// next coarser grid can leave far fewer points than asked for. The merged points come in Morton order.
 PCP_API std::vector<pc_preprocess::IoLightPoint> workerSimplify(
     std::vector<pc_preprocess::IoLightPoint>& points, const pc_preprocess::IoTransfo& transfo,
     size_t maxPoints);

@@ -134,13 +134,20 @@ std::vector<IoLightPoint> filtered(const std::vector<IoLightPoint>& points, cons
 
 using CellKey = std::tuple<uint32_t, uint32_t, uint32_t>;
 
-// The cells of a grid 2^shift steps wide, aligned in biased coordinates, that hold at least one point.
+// The cell of a grid 2^shift steps wide, aligned in biased coordinates, that holds the point; shift goes up
+// to 32, one cell for everything.
+CellKey cellOf(const IoLightPoint& p, int shift)
+{
+    const auto at = [shift](int32_t c) { return uint32_t(uint64_t(voxelizer::biased(c)) >> shift); };
+    return {at(p.x), at(p.y), at(p.z)};
+}
+
+// The cells of a grid 2^shift steps wide that hold at least one point.
 std::set<CellKey> occupiedCells(const std::vector<IoLightPoint>& points, int shift)
 {
     std::set<CellKey> cells;
     for (const IoLightPoint& p : points)
-        cells.insert({voxelizer::biased(p.x) >> shift, voxelizer::biased(p.y) >> shift,
-                      voxelizer::biased(p.z) >> shift});
+        cells.insert(cellOf(p, shift));
     return cells;
 }
 
@@ -282,6 +289,51 @@ TEST(WorkerSimplify, EvenTheWidestCloudEndsInOnePoint)
     ASSERT_EQ(result.size(), 1u);
     EXPECT_EQ(result[0].x, 0);  // (-2^31 + 2^31 - 1) / 2 = -0.5, in biased terms 2^31 - 0.5, rounded up
     EXPECT_EQ(result[0].radius, mergedRadius(millimetres(), 32));
+}
+
+TEST(WorkerSimplify, GivesTheCellsThatTheMapReachesByDoubling)
+{
+    // The simplifier finds the grid at once; the map doubles its cells until few enough remain. Both must
+    // leave the same cells, with the same radii, and each cell's mean within one step (the sums may be added
+    // in another order). Clouds narrow enough for 64-bit keys and wide ones that need more.
+    std::vector<IoLightPoint> narrow;
+    for (const IoLightPoint& p : clusteredCloud(40000, 23))
+        narrow.push_back(pointAt(p.x / 8 + 900000, p.y / 8 + 900000, p.z / 8 + 900000, p.radius, p.r));
+    for (const std::vector<IoLightPoint>& cloud : {clusteredCloud(40000, 21), narrow})
+        for (const size_t maxPoints : {size_t(20000), size_t(3000), size_t(7)})
+        {
+            SCOPED_TRACE(maxPoints);
+            std::vector<IoLightPoint> points = cloud;
+            vxMap<vxSimplifyData> map;
+            uint64_t live = 0;
+            for (const IoLightPoint& p : points)
+                live = map.add(p);
+            while (live > maxPoints)
+            {
+                map.collapse();
+                live = map.liveCount();
+            }
+            const int shift = map.getNumCollapses();
+            const auto byCell = [shift](std::vector<IoLightPoint> result)
+            {
+                std::sort(result.begin(), result.end(),
+                          [shift](const IoLightPoint& a, const IoLightPoint& b)
+                          { return cellOf(a, shift) < cellOf(b, shift); });
+                return result;
+            };
+            const std::vector<IoLightPoint> expected = byCell(map.convert(millimetres()));
+            const std::vector<IoLightPoint> result = byCell(workerSimplify(points, millimetres(), maxPoints));
+            ASSERT_EQ(result.size(), expected.size());
+            EXPECT_EQ(occupiedCells(result, shift), occupiedCells(expected, shift));
+            for (size_t i = 0; i < result.size(); ++i)
+            {
+                ASSERT_EQ(result[i].radius, expected[i].radius) << i;
+                ASSERT_LE(std::abs(result[i].x - expected[i].x), 1) << i;
+                ASSERT_LE(std::abs(result[i].y - expected[i].y), 1) << i;
+                ASSERT_LE(std::abs(result[i].z - expected[i].z), 1) << i;
+                ASSERT_LE(std::abs(result[i].r - expected[i].r), 1) << i;
+            }
+        }
 }
 
 TEST(VxMap, CellsAreTheOccupiedCellsOfEachGridAndTheMapEmptiesOnConvert)

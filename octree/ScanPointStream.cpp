@@ -1,0 +1,101 @@
+#include "octree/ScanPointStream.h"
+
+#include <algorithm>
+
+#include "cachefiles/PntFiles.h"
+#include "octree/Node.h"
+
+namespace pc_preprocess
+{
+
+ScanPointStream::ScanPointStream(std::vector<Scan> scans)
+    : m_scans(std::move(scans)), m_reader([this] { read(); })
+{
+}
+
+ScanPointStream::~ScanPointStream()
+{
+    {
+        const std::lock_guard lock(m_mutex);
+        m_stopped = true;
+    }
+    m_changed.notify_all();
+    m_reader.join();
+}
+
+bool ScanPointStream::next(Block& block)
+{
+    std::unique_lock lock(m_mutex);
+    if (block.points.capacity() > 0)
+        m_spare.push_back(std::move(block.points));
+    m_changed.notify_all();
+    m_changed.wait(lock, [this] { return !m_ready.empty() || m_finished; });
+    if (m_ready.empty())
+    {
+        if (m_error)
+            std::rethrow_exception(m_error);
+        return false;
+    }
+    block = std::move(m_ready.front());
+    m_ready.pop_front();
+    m_changed.notify_all();
+    return true;
+}
+
+bool ScanPointStream::push(Block block)
+{
+    std::unique_lock lock(m_mutex);
+    m_changed.wait(lock, [this] { return m_ready.size() < kWaitingBlocks || m_stopped; });
+    if (m_stopped)
+        return false;
+    m_ready.push_back(std::move(block));
+    m_changed.notify_all();
+    return true;
+}
+
+void ScanPointStream::read()
+{
+    try
+    {
+        for (size_t scan = 0; scan < m_scans.size(); ++scan)
+        {
+            const uint64_t total = m_scans[scan].numPoints;
+            uint64_t done = 0;
+            do
+            {
+                Block block;
+                block.scan = scan;
+                {
+                    const std::lock_guard lock(m_mutex);
+                    if (!m_spare.empty())
+                    {
+                        block.points = std::move(m_spare.back());
+                        m_spare.pop_back();
+                    }
+                }
+                const uint64_t count = std::min(kMaxNodePoints, total - done);
+                IoTransfo transfo;
+                if (count > 0)
+                    readPartialPNT(m_scans[scan].pntFile, done, count, transfo, block.points);
+                else
+                    block.points.clear();
+                done += count;
+                block.lastOfScan = done == total;
+                if (!push(std::move(block)))
+                    return;
+            } while (done < total);
+        }
+    }
+    catch (...)
+    {
+        const std::lock_guard lock(m_mutex);
+        m_error = std::current_exception();
+    }
+    {
+        const std::lock_guard lock(m_mutex);
+        m_finished = true;
+    }
+    m_changed.notify_all();
+}
+
+}  // namespace pc_preprocess
