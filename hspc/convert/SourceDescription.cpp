@@ -33,12 +33,12 @@ bool parseSourceDescription(const std::string& jsonText, const LogFunction& erro
     }
     for (const AttributeDescription& entry : entries)
     {
-        const HistogramSpec& spec = entry.histogram;
-        SourceAttribute source = makeSourceAttribute(spec.type, spec.role, spec.name,
+        const HistogramSpec& histogram = entry.histogram;
+        SourceAttribute source = makeSourceAttribute(histogram.type, histogram.role, histogram.name,
                                                      entry.scale.value_or(1.0), entry.offset.value_or(0.0));
-        if (spec.hasMax)
+        if (histogram.hasMax)
         {
-            source.max = spec.max;
+            source.max = histogram.max;
         }
         description.push_back(std::move(source));
     }
