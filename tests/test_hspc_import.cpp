@@ -17,6 +17,7 @@
 #include "hspc/convert/RecordSource.h"
 #include "hspc/convert/SourceDescription.h"
 #include "hspc/format/MortonIndex3D.h"
+#include "support/LittleEndianBytes.h"
 #include "support/MessageLog.h"
 #include "support/TempFolder.h"
 
@@ -26,6 +27,7 @@ namespace
 {
 
 using Messages = pcp_test::MessageLog;
+using pcp_test::get;
 
 // Source records built value by value, in little-endian order.
 class Records
@@ -34,9 +36,7 @@ public:
     template <typename T>
     Records& add(T value)
     {
-        const size_t at = m_bytes.size();
-        m_bytes.resize(at + sizeof(T));
-        std::memcpy(m_bytes.data() + at, &value, sizeof(T));
+        pcp_test::put(m_bytes, value);
         return *this;
     }
     const std::vector<uint8_t>& bytes() const { return m_bytes; }
@@ -45,18 +45,10 @@ private:
     std::vector<uint8_t> m_bytes;
 };
 
-template <typename T>
-T readAt(const std::vector<uint8_t>& bytes, size_t offset)
-{
-    T value;
-    std::memcpy(&value, bytes.data() + offset, sizeof(T));
-    return value;
-}
-
 MortonIndex3D<uint32_t> mortonAt(const std::vector<uint8_t>& bytes, size_t offset)
 {
-    return MortonIndex3D<uint32_t>{{readAt<uint32_t>(bytes, offset), readAt<uint32_t>(bytes, offset + 4),
-                                    readAt<uint32_t>(bytes, offset + 8)}};
+    return MortonIndex3D<uint32_t>{
+        {get<uint32_t>(bytes, offset), get<uint32_t>(bytes, offset + 4), get<uint32_t>(bytes, offset + 8)}};
 }
 
 MortonIndex3D<uint32_t> cell(int32_t x, int32_t y, int32_t z)
@@ -290,17 +282,17 @@ TEST(EncodingImporterHelper, EncodesEveryActionKindAsComputedByHand)
         const size_t at = point * size;
         const Expected& e = expected[point];
         EXPECT_EQ(mortonAt(out, at), e.position);
-        EXPECT_EQ(readAt<uint16_t>(out, at + 12), e.scan);
-        EXPECT_EQ(readAt<uint16_t>(out, at + 14), e.intensity);
-        EXPECT_EQ(readAt<uint32_t>(out, at + 16), e.nir);
-        EXPECT_EQ(readAt<float>(out, at + 20), e.amplitude);
-        EXPECT_EQ(readAt<double>(out, at + 24), e.time);
-        EXPECT_EQ(readAt<float>(out, at + 32), e.angle);
-        EXPECT_EQ(readAt<int32_t>(out, at + 36), e.user);
-        EXPECT_EQ(readAt<uint8_t>(out, at + 40), 2);
-        EXPECT_EQ(readAt<float>(out, at + 41), 1.5f);
-        EXPECT_EQ(readAt<uint32_t>(out, at + 45), e.pointId);
-        EXPECT_EQ(readAt<uint16_t>(out, at + 49), 7);
+        EXPECT_EQ(get<uint16_t>(out, at + 12), e.scan);
+        EXPECT_EQ(get<uint16_t>(out, at + 14), e.intensity);
+        EXPECT_EQ(get<uint32_t>(out, at + 16), e.nir);
+        EXPECT_EQ(get<float>(out, at + 20), e.amplitude);
+        EXPECT_EQ(get<double>(out, at + 24), e.time);
+        EXPECT_EQ(get<float>(out, at + 32), e.angle);
+        EXPECT_EQ(get<int32_t>(out, at + 36), e.user);
+        EXPECT_EQ(get<uint8_t>(out, at + 40), 2);
+        EXPECT_EQ(get<float>(out, at + 41), 1.5f);
+        EXPECT_EQ(get<uint32_t>(out, at + 45), e.pointId);
+        EXPECT_EQ(get<uint16_t>(out, at + 49), 7);
     }
     EXPECT_TRUE(messages.lines.empty());
 }
@@ -348,9 +340,8 @@ TEST(EncodingImporterHelper, BringsColoursDownToTheTargetDepth)
         const size_t size = helper.targetRecordSize();
         for (size_t point = 0; point < c.in.size(); ++point)
         {
-            const uint16_t value = c.targetType == AttributeType::U8
-                                       ? readAt<uint8_t>(out, point * size + 12)
-                                       : readAt<uint16_t>(out, point * size + 12);
+            const uint16_t value = c.targetType == AttributeType::U8 ? get<uint8_t>(out, point * size + 12)
+                                                                     : get<uint16_t>(out, point * size + 12);
             EXPECT_EQ(value, c.out[point]) << "input " << c.in[point] << ", kind " << int(c.kind);
         }
     }
@@ -370,7 +361,7 @@ TEST(EncodingImporterHelper, WritesElevationAsFloatOrDoubleAndRefusesOtherTypes)
             unitGrid({position(), target(type, AttributeRole::ELEVATION, "Elevation")}), {}));
         EXPECT_EQ(kinds(helper), (std::vector<uint8_t>{ActionKind::kPosition, ActionKind::kElevation}));
         const std::vector<uint8_t> out = encode(helper, records);
-        EXPECT_EQ(type == AttributeType::F32 ? readAt<float>(out, 12) : readAt<double>(out, 12), 3186.25);
+        EXPECT_EQ(type == AttributeType::F32 ? get<float>(out, 12) : get<double>(out, 12), 3186.25);
         EXPECT_EQ(mortonAt(out, 0), cell(100, 100, 3186));
     }
 
@@ -449,9 +440,9 @@ TEST(EncodingImporterHelper, TransformsRealPositionsPointByPointOrAllAtOnce)
         ASSERT_TRUE(helper.setEncodingParameters(grid, {}));
         const std::vector<uint8_t> out = encode(helper, records);
         EXPECT_EQ(mortonAt(out, 0), cell(13, 2, 12));
-        EXPECT_EQ(readAt<double>(out, 12), 6.0);
+        EXPECT_EQ(get<double>(out, 12), 6.0);
         EXPECT_EQ(mortonAt(out, 20), cell(11, -1, 2));
-        EXPECT_EQ(readAt<double>(out, 32), 1.0);
+        EXPECT_EQ(get<double>(out, 32), 1.0);
     }
     EXPECT_EQ(buffers, 1u);
 }
@@ -472,7 +463,7 @@ TEST(EncodingImporterHelper, CopiesMortonPositionsButCannotTransformThem)
     ASSERT_TRUE(helper.setEncodingParameters(unitGrid(attributes), {}));
     const std::vector<uint8_t> out = encode(helper, records);
     EXPECT_EQ(mortonAt(out, 0), code);
-    EXPECT_EQ(readAt<uint16_t>(out, 12), 9);
+    EXPECT_EQ(get<uint16_t>(out, 12), 9);
 
     EncodingTarget moved = unitGrid(attributes);
     moved.transformation = [](double*) {};
@@ -546,8 +537,8 @@ void expectEncodedRecord(const std::vector<uint8_t>& out, size_t at, uint64_t po
         << "point " << point;
     for (unsigned channel = 0; channel < 3; ++channel)
         ASSERT_EQ(out[at + 12 + channel], rawColour(point, channel) >> 8) << "point " << point;
-    ASSERT_EQ(readAt<uint16_t>(out, at + 15), rawColour(point, 3));
-    ASSERT_EQ(readAt<uint64_t>(out, at + 17), point);
+    ASSERT_EQ(get<uint16_t>(out, at + 15), rawColour(point, 3));
+    ASSERT_EQ(get<uint64_t>(out, at + 17), point);
 }
 
 std::vector<std::vector<uint8_t>> readAllBatches(Importer& importer, uint64_t maxBytes)
