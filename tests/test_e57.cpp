@@ -3,6 +3,7 @@
 // and how the reader's failures reach the user.
 #include <gtest/gtest.h>
 
+#include <zlib.h>
 #include <opencv2/core.hpp>
 #include <opencv2/imgcodecs.hpp>
 
@@ -360,6 +361,22 @@ std::vector<uint8_t> plainPicture(int width, int height, const cv::Scalar& bgr, 
     return bytes;
 }
 
+pcp_sample::E57Image sphericalImage(const std::string& scanGuid, std::vector<uint8_t> picture, int width,
+                                    int height)
+{
+    pcp_sample::E57Image image;
+    image.associatedData3DGuid = scanGuid;
+    image.projection = pcp_sample::E57ImageProjection::Spherical;
+    image.png = true;
+    image.width = width;
+    image.height = height;
+    image.pixelWidth = 2.0 * std::numbers::pi / width;
+    image.pixelHeight = std::numbers::pi / height;
+    image.picture = std::move(picture);
+    image.pose = pcp_sample::E57Pose{{1.0, 0.0, 0.0, 0.0}, {1.0, 1.0, 1.5}};
+    return image;
+}
+
 }  // namespace
 
 TEST(E57, CameraImagesAreKeptBesideThePanoramasAndPaintWhatTheLaserLeftEmpty)
@@ -367,16 +384,8 @@ TEST(E57, CameraImagesAreKeptBesideThePanoramasAndPaintWhatTheLaserLeftEmpty)
     pcp_test::TempFolder folder;
     // Scan 0 with a spherical camera all around, in blue; scan 1 with a pinhole camera looking down, in
     // green; an image for no scan, which a file of several scans ignores.
-    pcp_sample::E57Image spherical;
-    spherical.associatedData3DGuid = "scan-a";
-    spherical.projection = pcp_sample::E57ImageProjection::Spherical;
-    spherical.png = true;
-    spherical.width = 512;
-    spherical.height = 256;
-    spherical.pixelWidth = 2.0 * std::numbers::pi / 512;
-    spherical.pixelHeight = std::numbers::pi / 256;
-    spherical.picture = plainPicture(512, 256, cv::Scalar(255, 0, 0), ".png");
-    spherical.pose = pcp_sample::E57Pose{{1.0, 0.0, 0.0, 0.0}, {1.0, 1.0, 1.5}};
+    const pcp_sample::E57Image spherical =
+        sphericalImage("scan-a", plainPicture(512, 256, cv::Scalar(255, 0, 0), ".png"), 512, 256);
     pcp_sample::E57Image pinhole;
     pinhole.associatedData3DGuid = "scan-b";
     pinhole.projection = pcp_sample::E57ImageProjection::Pinhole;
@@ -566,19 +575,6 @@ TEST(E57, NeededNumbersAndOtherMajorVersionsFailWithTheirPlace)
 namespace
 {
 
-// The CRC-32 of PNG chunks.
-uint32_t pngCrc(const uint8_t* bytes, size_t size)
-{
-    uint32_t crc = 0xFFFFFFFFu;
-    for (size_t i = 0; i < size; ++i)
-    {
-        crc ^= bytes[i];
-        for (int bit = 0; bit < 8; ++bit)
-            crc = (crc >> 1) ^ (0xEDB88320u & (0u - (crc & 1u)));
-    }
-    return ~crc;
-}
-
 void putBigEndian(std::vector<uint8_t>& bytes, size_t at, uint32_t value)
 {
     for (int i = 0; i < 4; ++i)
@@ -591,7 +587,7 @@ std::vector<uint8_t> pngClaiming(uint32_t width, uint32_t height)
     std::vector<uint8_t> png = plainPicture(8, 8, cv::Scalar(0, 0, 255), ".png");
     putBigEndian(png, 16, width);
     putBigEndian(png, 20, height);
-    putBigEndian(png, 29, pngCrc(png.data() + 12, 17));
+    putBigEndian(png, 29, uint32_t(crc32(0, png.data() + 12, 17)));  // PNG chunks use zlib's CRC-32
     return png;
 }
 
@@ -602,22 +598,6 @@ std::vector<uint8_t> corruptPng()
     for (size_t i = 41; i + 12 < png.size(); ++i)
         png[i] ^= 0x5A;
     return png;
-}
-
-pcp_sample::E57Image sphericalImage(const std::string& scanGuid, std::vector<uint8_t> picture, int width,
-                                    int height)
-{
-    pcp_sample::E57Image image;
-    image.associatedData3DGuid = scanGuid;
-    image.projection = pcp_sample::E57ImageProjection::Spherical;
-    image.png = true;
-    image.width = width;
-    image.height = height;
-    image.pixelWidth = 2.0 * std::numbers::pi / width;
-    image.pixelHeight = std::numbers::pi / height;
-    image.picture = std::move(picture);
-    image.pose = pcp_sample::E57Pose{{1.0, 0.0, 0.0, 0.0}, {1.0, 1.0, 1.5}};
-    return image;
 }
 
 }  // namespace
@@ -691,7 +671,6 @@ TEST(E57, HostSetsTheLargestPictureOfAnInput)
         file, {sphereScan("scan-a", {1.0, 1.0, 1.5})},
         {sphericalImage("scan-a", plainPicture(64, 64, cv::Scalar(255, 0, 0), ".png"), 64, 64)});
     InputFileData input(toWide(file), 1.0);
-    EXPECT_EQ(input.maxImagePixels, 100000000u);
     input.maxImagePixels = 4095;
     const std::shared_ptr<Convertor> importer = createImporter(input);
     const ProbeResult probe = importer->probe(kStep, {});

@@ -86,27 +86,19 @@ TEST(TrackedMemory, BuffersMadeOnOneThreadAndFreedOnAnother)
                     // Some grow and die here, every fourth lives on in the queue.
                     HSPCBuffer<uint8_t> buffer;
                     for (int k = 0; k < 50 + t * 10 + i; ++k)
-                    {
                         buffer.push_back(uint8_t(k));
-                    }
                     if (i % 4 == 0)
-                    {
                         handedOver.push(std::move(buffer));
-                    }
                 }
             });
     }
     for (std::thread& thread : threads)
-    {
         thread.join();
-    }
     handedOver.close();
 
     std::vector<HSPCBuffer<uint8_t>> survivors;
     while (std::optional<HSPCBuffer<uint8_t>> buffer = handedOver.pop())
-    {
         survivors.push_back(std::move(*buffer));
-    }
     ASSERT_EQ(survivors.size(), size_t(kThreads * kBuffersPerThread / 4));
     const uint64_t held = std::accumulate(survivors.begin(), survivors.end(), uint64_t{0},
                                           [](uint64_t sum, const auto& b) { return sum + heldBytes(b); });
@@ -131,15 +123,11 @@ TEST(ConcurrentQueue, FirstInFirstOutOrOrderedByTheComparingFunction)
     ConcurrentQueue<int> fifo;
     EXPECT_FALSE(fifo.tryPop());
     for (int value : {5, 3, 9, 1})
-    {
         fifo.push(int(value));
-    }
     EXPECT_EQ(fifo.size(), 4u);
     std::vector<int> popped;
     while (std::optional<int> value = fifo.tryPop())
-    {
         popped.push_back(*value);
-    }
     EXPECT_EQ(popped, (std::vector<int>{5, 3, 9, 1}));
     EXPECT_TRUE(fifo.empty());
 
@@ -147,9 +135,7 @@ TEST(ConcurrentQueue, FirstInFirstOutOrOrderedByTheComparingFunction)
     using Item = std::unique_ptr<int>;
     ConcurrentQueue<Item> ordered([](const Item& a, const Item& b) { return *a < *b; });
     for (int value : {50, 30, 90, 10, 30})
-    {
         ordered.push(std::make_unique<int>(value));
-    }
     popped.clear();
     popped.push_back(**ordered.tryPop());
     popped.push_back(**ordered.pop());
@@ -157,9 +143,7 @@ TEST(ConcurrentQueue, FirstInFirstOutOrOrderedByTheComparingFunction)
     ordered.push(std::make_unique<int>(95));
     ordered.close();
     while (std::optional<Item> item = ordered.pop())
-    {
         popped.push_back(**item);
-    }
     EXPECT_EQ(popped, (std::vector<int>{10, 30, 20, 30, 50, 90, 95}));
 
     // A buffer passes through without being copied: same block, same count.
@@ -190,9 +174,7 @@ TEST(ConcurrentQueue, SeveralProducersAndConsumersSeeEveryItemOnceInEachProducer
             [&queue, &mine = received[c]]
             {
                 while (std::optional<Item> item = queue.pop())
-                {
                     mine.push_back(**item);
-                }
             });
     }
     std::vector<std::thread> producers;
@@ -202,20 +184,14 @@ TEST(ConcurrentQueue, SeveralProducersAndConsumersSeeEveryItemOnceInEachProducer
             [&queue, p]
             {
                 for (uint32_t i = 0; i < kItemsEach; ++i)
-                {
                     queue.push(std::make_unique<uint32_t>(p * kItemsEach + i));
-                }
             });
     }
     for (std::thread& producer : producers)
-    {
         producer.join();
-    }
     queue.close();
     for (std::thread& consumer : consumers)
-    {
         consumer.join();
-    }
 
     std::vector<uint32_t> all;
     for (const std::vector<uint32_t>& mine : received)
@@ -256,9 +232,7 @@ TEST(ConcurrentQueue, ClosingEndsTheWaitOfEveryConsumer)
     started.wait();
     queue.close();
     for (std::thread& consumer : consumers)
-    {
         consumer.join();
-    }
     EXPECT_EQ(ended, 3);
     EXPECT_TRUE(queue.closed());
     // Once closed, pop no longer waits, but still hands out what is queued.
@@ -290,25 +264,19 @@ TEST(ConcurrentQueue, AStopPredicateEndsTheWaitOnceTheQueueIsEmpty)
             {
                 started.count_down();
                 while (std::optional<std::unique_ptr<int>> item = queue.pop(stop))
-                {
                     mine.push_back(**item);
-                }
             });
     }
     started.wait();
     {
         std::lock_guard lock(stateMutex);
         for (int value = 0; value < 1000; ++value)
-        {
             queue.push(std::make_unique<int>(value));
-        }
         failed = true;
     }
     queue.wakeWaiters();
     for (std::thread& consumer : consumers)
-    {
         consumer.join();
-    }
     // Items queued before the stop are still handed out: the predicate only ends waiting on an empty queue.
     EXPECT_EQ(received[0].size() + received[1].size(), 1000u);
     EXPECT_TRUE(queue.empty());

@@ -17,6 +17,7 @@
 #include "hspc/convert/RecordSource.h"
 #include "hspc/convert/SourceDescription.h"
 #include "hspc/format/MortonIndex3D.h"
+#include "support/LittleEndianBytes.h"
 #include "support/MessageLog.h"
 #include "support/TempFolder.h"
 
@@ -26,6 +27,7 @@ namespace
 {
 
 using Messages = pcp_test::MessageLog;
+using pcp_test::get;
 
 // Source records built value by value, in little-endian order.
 class Records
@@ -34,9 +36,7 @@ public:
     template <typename T>
     Records& add(T value)
     {
-        const size_t at = m_bytes.size();
-        m_bytes.resize(at + sizeof(T));
-        std::memcpy(m_bytes.data() + at, &value, sizeof(T));
+        pcp_test::put(m_bytes, value);
         return *this;
     }
     const std::vector<uint8_t>& bytes() const { return m_bytes; }
@@ -45,18 +45,10 @@ private:
     std::vector<uint8_t> m_bytes;
 };
 
-template <typename T>
-T readAt(const std::vector<uint8_t>& bytes, size_t offset)
-{
-    T value;
-    std::memcpy(&value, bytes.data() + offset, sizeof(T));
-    return value;
-}
-
 MortonIndex3D<uint32_t> mortonAt(const std::vector<uint8_t>& bytes, size_t offset)
 {
-    return MortonIndex3D<uint32_t>{{readAt<uint32_t>(bytes, offset), readAt<uint32_t>(bytes, offset + 4),
-                                    readAt<uint32_t>(bytes, offset + 8)}};
+    return MortonIndex3D<uint32_t>{
+        {get<uint32_t>(bytes, offset), get<uint32_t>(bytes, offset + 4), get<uint32_t>(bytes, offset + 8)}};
 }
 
 MortonIndex3D<uint32_t> cell(int32_t x, int32_t y, int32_t z)
@@ -112,9 +104,7 @@ std::vector<uint8_t> kinds(const EncodingImporterHelper& helper)
 {
     std::vector<uint8_t> result;
     for (const ConversionAction& action : helper.actions())
-    {
         result.push_back(action.kind);
-    }
     return result;
 }
 
@@ -292,17 +282,17 @@ TEST(EncodingImporterHelper, EncodesEveryActionKindAsComputedByHand)
         const size_t at = point * size;
         const Expected& e = expected[point];
         EXPECT_EQ(mortonAt(out, at), e.position);
-        EXPECT_EQ(readAt<uint16_t>(out, at + 12), e.scan);
-        EXPECT_EQ(readAt<uint16_t>(out, at + 14), e.intensity);
-        EXPECT_EQ(readAt<uint32_t>(out, at + 16), e.nir);
-        EXPECT_EQ(readAt<float>(out, at + 20), e.amplitude);
-        EXPECT_EQ(readAt<double>(out, at + 24), e.time);
-        EXPECT_EQ(readAt<float>(out, at + 32), e.angle);
-        EXPECT_EQ(readAt<int32_t>(out, at + 36), e.user);
-        EXPECT_EQ(readAt<uint8_t>(out, at + 40), 2);
-        EXPECT_EQ(readAt<float>(out, at + 41), 1.5f);
-        EXPECT_EQ(readAt<uint32_t>(out, at + 45), e.pointId);
-        EXPECT_EQ(readAt<uint16_t>(out, at + 49), 7);
+        EXPECT_EQ(get<uint16_t>(out, at + 12), e.scan);
+        EXPECT_EQ(get<uint16_t>(out, at + 14), e.intensity);
+        EXPECT_EQ(get<uint32_t>(out, at + 16), e.nir);
+        EXPECT_EQ(get<float>(out, at + 20), e.amplitude);
+        EXPECT_EQ(get<double>(out, at + 24), e.time);
+        EXPECT_EQ(get<float>(out, at + 32), e.angle);
+        EXPECT_EQ(get<int32_t>(out, at + 36), e.user);
+        EXPECT_EQ(get<uint8_t>(out, at + 40), 2);
+        EXPECT_EQ(get<float>(out, at + 41), 1.5f);
+        EXPECT_EQ(get<uint32_t>(out, at + 45), e.pointId);
+        EXPECT_EQ(get<uint16_t>(out, at + 49), 7);
     }
     EXPECT_TRUE(messages.lines.empty());
 }
@@ -319,47 +309,17 @@ TEST(EncodingImporterHelper, BringsColoursDownToTheTargetDepth)
         std::vector<uint16_t> in;
         std::vector<uint16_t> out;
     };
+    namespace T = AttributeType;
     const std::vector<Case> cases = {
         // 16-bit colours into 8 bits: the high byte.
-        {AttributeType::U16,
-         {},
-         AttributeType::U8,
-         255.0,
-         ActionKind::kColorDown8,
-         {65535, 0x1234, 0},
-         {255, 0x12, 0}},
+        {T::U16, {}, T::U8, 255.0, ActionKind::kColorDown8, {65535, 0x1234, 0}, {255, 0x12, 0}},
         // 12-bit colours in 16-bit values: shifted by 4, values above the source's white capped.
-        {AttributeType::U16,
-         4095.0,
-         AttributeType::U8,
-         {},
-         ActionKind::kColorDown8,
-         {4095, 5000, 16},
-         {255, 255, 1}},
+        {T::U16, 4095.0, T::U8, {}, ActionKind::kColorDown8, {4095, 5000, 16}, {255, 255, 1}},
         // 8-bit colours stored in 16 bits: no shift, and nothing spills over the target byte.
-        {AttributeType::U16,
-         255.0,
-         AttributeType::U8,
-         {},
-         ActionKind::kColorDown8,
-         {255, 300, 7},
-         {255, 255, 7}},
-        // 8-bit colours into a 16-bit target keep their values.
-        {AttributeType::U8,
-         {},
-         AttributeType::U16,
-         65535.0,
-         ActionKind::kColorDown16,
-         {200, 0, 255},
-         {200, 0, 255}},
-        // Equal sizes are copied.
-        {AttributeType::U16,
-         {},
-         AttributeType::U16,
-         65535.0,
-         ActionKind::kCopy,
-         {65535, 2, 0},
-         {65535, 2, 0}},
+        {T::U16, 255.0, T::U8, {}, ActionKind::kColorDown8, {255, 300, 7}, {255, 255, 7}},
+        // 8-bit colours into a 16-bit target keep their values; equal sizes are copied.
+        {T::U8, {}, T::U16, 65535.0, ActionKind::kColorDown16, {200, 0, 255}, {200, 0, 255}},
+        {T::U16, {}, T::U16, 65535.0, ActionKind::kCopy, {65535, 2, 0}, {65535, 2, 0}},
     };
     for (const Case& c : cases)
     {
@@ -380,9 +340,8 @@ TEST(EncodingImporterHelper, BringsColoursDownToTheTargetDepth)
         const size_t size = helper.targetRecordSize();
         for (size_t point = 0; point < c.in.size(); ++point)
         {
-            const uint16_t value = c.targetType == AttributeType::U8
-                                       ? readAt<uint8_t>(out, point * size + 12)
-                                       : readAt<uint16_t>(out, point * size + 12);
+            const uint16_t value = c.targetType == AttributeType::U8 ? get<uint8_t>(out, point * size + 12)
+                                                                     : get<uint16_t>(out, point * size + 12);
             EXPECT_EQ(value, c.out[point]) << "input " << c.in[point] << ", kind " << int(c.kind);
         }
     }
@@ -402,7 +361,7 @@ TEST(EncodingImporterHelper, WritesElevationAsFloatOrDoubleAndRefusesOtherTypes)
             unitGrid({position(), target(type, AttributeRole::ELEVATION, "Elevation")}), {}));
         EXPECT_EQ(kinds(helper), (std::vector<uint8_t>{ActionKind::kPosition, ActionKind::kElevation}));
         const std::vector<uint8_t> out = encode(helper, records);
-        EXPECT_EQ(type == AttributeType::F32 ? readAt<float>(out, 12) : readAt<double>(out, 12), 3186.25);
+        EXPECT_EQ(type == AttributeType::F32 ? get<float>(out, 12) : get<double>(out, 12), 3186.25);
         EXPECT_EQ(mortonAt(out, 0), cell(100, 100, 3186));
     }
 
@@ -417,38 +376,24 @@ TEST(EncodingImporterHelper, WritesElevationAsFloatOrDoubleAndRefusesOtherTypes)
                   "BinaryImporterHelper: convertPoints: unsupported type for height conversion."});
 }
 
+namespace
+{
+template <typename T>
+Records stored()
+{
+    return Records().add(T(100)).add(T(7)).add(T(0));
+}
+}  // namespace
+
 TEST(EncodingImporterHelper, PutsEveryCoordinateTypeOnTheTargetGrid)
 {
     // Stored (100, 7, 0) on the source grid of 0.5 at -10 is (40, -6.5, -10) in real units; on the target
     // grid of 0.25 at (1, 2, 3) that is the cell (156, -34, -52).
-    auto recordsOf = [](uint8_t type)
-    {
-        Records records;
-        switch (type)
-        {
-            case AttributeType::U32:
-                records.add(uint32_t(100)).add(uint32_t(7)).add(uint32_t(0));
-                break;
-            case AttributeType::U64:
-                records.add(uint64_t(100)).add(uint64_t(7)).add(uint64_t(0));
-                break;
-            case AttributeType::I32:
-                records.add(int32_t(100)).add(int32_t(7)).add(int32_t(0));
-                break;
-            case AttributeType::I64:
-                records.add(int64_t(100)).add(int64_t(7)).add(int64_t(0));
-                break;
-            case AttributeType::F32:
-                records.add(100.0f).add(7.0f).add(0.0f);
-                break;
-            default:
-                records.add(100.0).add(7.0).add(0.0);
-                break;
-        }
-        return records;
-    };
-    for (uint8_t type : {AttributeType::U32, AttributeType::U64, AttributeType::I32, AttributeType::I64,
-                         AttributeType::F32, AttributeType::F64})
+    const std::pair<uint8_t, Records> cases[] = {
+        {AttributeType::U32, stored<uint32_t>()}, {AttributeType::U64, stored<uint64_t>()},
+        {AttributeType::I32, stored<int32_t>()},  {AttributeType::I64, stored<int64_t>()},
+        {AttributeType::F32, stored<float>()},    {AttributeType::F64, stored<double>()}};
+    for (const auto& [type, records] : cases)
     {
         Messages messages;
         EncodingImporterHelper helper(messages.logger(), xyz(type, 0.5, -10.0));
@@ -456,7 +401,7 @@ TEST(EncodingImporterHelper, PutsEveryCoordinateTypeOnTheTargetGrid)
         grid.origin = {1.0, 2.0, 3.0};
         grid.scale = {0.25, 0.25, 0.25};
         ASSERT_TRUE(helper.setEncodingParameters(grid, {}));
-        EXPECT_EQ(mortonAt(encode(helper, recordsOf(type)), 0), cell(156, -34, -52)) << "type " << int(type);
+        EXPECT_EQ(mortonAt(encode(helper, records), 0), cell(156, -34, -52)) << "type " << int(type);
     }
 }
 
@@ -486,9 +431,7 @@ TEST(EncodingImporterHelper, TransformsRealPositionsPointByPointOrAllAtOnce)
         ++buffers;
         EXPECT_EQ(count, 2u);
         for (size_t point = 0; point < count; ++point)
-        {
             move(xyz + 3 * point);
-        }
     };
     for (const EncodingTarget& grid : {onePoint, wholeBuffer})
     {
@@ -497,9 +440,9 @@ TEST(EncodingImporterHelper, TransformsRealPositionsPointByPointOrAllAtOnce)
         ASSERT_TRUE(helper.setEncodingParameters(grid, {}));
         const std::vector<uint8_t> out = encode(helper, records);
         EXPECT_EQ(mortonAt(out, 0), cell(13, 2, 12));
-        EXPECT_EQ(readAt<double>(out, 12), 6.0);
+        EXPECT_EQ(get<double>(out, 12), 6.0);
         EXPECT_EQ(mortonAt(out, 20), cell(11, -1, 2));
-        EXPECT_EQ(readAt<double>(out, 32), 1.0);
+        EXPECT_EQ(get<double>(out, 32), 1.0);
     }
     EXPECT_EQ(buffers, 1u);
 }
@@ -520,7 +463,7 @@ TEST(EncodingImporterHelper, CopiesMortonPositionsButCannotTransformThem)
     ASSERT_TRUE(helper.setEncodingParameters(unitGrid(attributes), {}));
     const std::vector<uint8_t> out = encode(helper, records);
     EXPECT_EQ(mortonAt(out, 0), code);
-    EXPECT_EQ(readAt<uint16_t>(out, 12), 9);
+    EXPECT_EQ(get<uint16_t>(out, 12), 9);
 
     EncodingTarget moved = unitGrid(attributes);
     moved.transformation = [](double*) {};
@@ -563,13 +506,9 @@ std::shared_ptr<std::vector<uint8_t>> rawRecords(uint64_t count)
     for (uint64_t point = 0; point < count; ++point)
     {
         for (unsigned axis = 0; axis < 3; ++axis)
-        {
             records.add(rawCoordinate(point, axis));
-        }
         for (unsigned channel = 0; channel < 4; ++channel)
-        {
             records.add(rawColour(point, channel));
-        }
     }
     return std::make_shared<std::vector<uint8_t>>(records.bytes());
 }
@@ -597,11 +536,9 @@ void expectEncodedRecord(const std::vector<uint8_t>& out, size_t at, uint64_t po
               cell(rawCoordinate(point, 0), rawCoordinate(point, 1), rawCoordinate(point, 2)))
         << "point " << point;
     for (unsigned channel = 0; channel < 3; ++channel)
-    {
         ASSERT_EQ(out[at + 12 + channel], rawColour(point, channel) >> 8) << "point " << point;
-    }
-    ASSERT_EQ(readAt<uint16_t>(out, at + 15), rawColour(point, 3));
-    ASSERT_EQ(readAt<uint64_t>(out, at + 17), point);
+    ASSERT_EQ(get<uint16_t>(out, at + 15), rawColour(point, 3));
+    ASSERT_EQ(get<uint64_t>(out, at + 17), point);
 }
 
 std::vector<std::vector<uint8_t>> readAllBatches(Importer& importer, uint64_t maxBytes)
@@ -610,9 +547,7 @@ std::vector<std::vector<uint8_t>> readAllBatches(Importer& importer, uint64_t ma
     std::vector<uint8_t> batch;
     ReadResult result;
     while ((result = importer.readPoints(batch, maxBytes)) == ReadResult::kData)
-    {
         batches.push_back(batch);
-    }
     EXPECT_EQ(result, ReadResult::kEnd);
     return batches;
 }
@@ -657,23 +592,17 @@ TEST(BinaryRecordImporter, EncodesEveryRecordOfMemoryAndFileSourcesInAnyOrder)
                 [&, worker]
                 {
                     for (size_t batch = batches.size() - 1 - worker; batch < batches.size(); batch -= 2)
-                    {
                         EXPECT_TRUE(importer->convertPoints(batches[batch], encoded[batch]));
-                    }
                 });
         }
         for (std::thread& worker : workers)
-        {
             worker.join();
-        }
         uint64_t point = 0;
         for (const std::vector<uint8_t>& batch : encoded)
         {
             ASSERT_EQ(batch.size() % kEncodedRecordSize, 0u);
             for (size_t at = 0; at < batch.size(); at += kEncodedRecordSize, ++point)
-            {
                 expectEncodedRecord(batch, at, point);
-            }
         }
         EXPECT_EQ(point, kPoints);
 
@@ -688,37 +617,53 @@ TEST(BinaryRecordImporter, EncodesEveryRecordOfMemoryAndFileSourcesInAnyOrder)
 TEST(BinaryRecordImporter, RefusesBadDescriptionsSourcesAndRequests)
 {
     const std::shared_ptr<std::vector<uint8_t>> bytes = rawRecords(10);
-    Messages messages;
-    EXPECT_EQ(BinaryRecordImporter::create(R"({"attribute-description": [)", makeMemorySource(bytes),
-                                           millimetreGrid(), {}, messages.logger()),
-              nullptr);
-    EXPECT_EQ(BinaryRecordImporter::create(R"({"attribute-description": []})", makeMemorySource(bytes),
-                                           millimetreGrid(), {}, messages.logger()),
-              nullptr);
-    EXPECT_EQ(BinaryRecordImporter::create(
-                  R"({"attribute-description": [{"attribute": {"name": "X", "role": "XX", "type": "I32"}}]})",
-                  makeMemorySource(bytes), millimetreGrid(), {}, messages.logger()),
-              nullptr);
-    // A point id that the flags do not ask for has to come from the source, which has none.
-    EXPECT_EQ(BinaryRecordImporter::create(kRawDescription, makeMemorySource(bytes), millimetreGrid(), {},
-                                           messages.logger()),
-              nullptr);
     auto torn = std::make_shared<std::vector<uint8_t>>(*bytes);
     torn->pop_back();
-    EXPECT_EQ(BinaryRecordImporter::create(kRawDescription, makeMemorySource(torn), millimetreGrid(), {true},
-                                           messages.logger()),
-              nullptr);
+    struct Refusal
+    {
+        std::string description;
+        std::shared_ptr<std::vector<uint8_t>> records;
+        EncodingFlags flags;
+        std::string message;  // empty: the JSON reader's own words
+    };
+    const Refusal refusals[] = {
+        {R"({"attribute-description": [)", bytes, {}, ""},
+        {R"({"attribute-description": []})",
+         bytes,
+         {},
+         "parseSourceDescription: no attribute-description entry describes the source records."},
+        {R"({"attribute-description": [{"attribute": {"name": "X", "role": "XX", "type": "I32"}}]})",
+         bytes,
+         {},
+         "attribute-description: Failed to get valid role for XX"},
+        // A point id that the flags do not ask for has to come from the source, which has none.
+        {kRawDescription,
+         bytes,
+         {},
+         "EncodingImporterHelper::computeActions: Unsupported attribute: PointId; and no default value "
+         "specified."},
+        {kRawDescription,
+         torn,
+         {true},
+         "BinaryRecordImporter: source of 199 bytes does not hold whole records of 20 bytes."},
+    };
+    for (const Refusal& refusal : refusals)
+    {
+        SCOPED_TRACE(refusal.description);
+        Messages messages;
+        EXPECT_EQ(BinaryRecordImporter::create(refusal.description, makeMemorySource(refusal.records),
+                                               millimetreGrid(), refusal.flags, messages.logger()),
+                  nullptr);
+        ASSERT_EQ(messages.lines.size(), 1u);
+        if (!refusal.message.empty())
+        {
+            EXPECT_EQ(messages.lines[0], refusal.message);
+        }
+    }
+    Messages messages;
     EXPECT_EQ(openFileSource("/nonexistent/records.bin", messages.logger()), nullptr);
-    ASSERT_EQ(messages.lines.size(), 6u);
-    EXPECT_EQ(messages.lines[1],
-              "parseSourceDescription: no attribute-description entry describes the source records.");
-    EXPECT_EQ(messages.lines[2], "attribute-description: Failed to get valid role for XX");
-    EXPECT_EQ(messages.lines[3],
-              "EncodingImporterHelper::computeActions: Unsupported attribute: PointId; and no default value "
-              "specified.");
-    EXPECT_EQ(messages.lines[4],
-              "BinaryRecordImporter: source of 199 bytes does not hold whole records of 20 bytes.");
-    EXPECT_NE(messages.lines[5].find("/nonexistent/records.bin"), std::string::npos);
+    ASSERT_EQ(messages.lines.size(), 1u);
+    EXPECT_NE(messages.lines[0].find("/nonexistent/records.bin"), std::string::npos);
 
     // A request too small for one record, and a batch that is not whole records, fail with their reasons.
     messages.lines.clear();
@@ -791,6 +736,4 @@ TEST(Importer, BaseConversionHandsTheInputBackAndFails)
     HSPCBuffer<uint8_t> output;
     EXPECT_FALSE(importer.convertBatch(input, output));
     EXPECT_EQ(output, (HSPCBuffer<uint8_t>{7, 8}));
-    EXPECT_EQ(importer.scale()[1], 0.5);
-    EXPECT_EQ(importer.pointCount(), 3u);
 }

@@ -66,13 +66,6 @@ Bytes zstdFrame(const Bytes& input)
     return frame;
 }
 
-Bytes zstdInflate(const uint8_t* frame, size_t size, size_t declared)
-{
-    Bytes out(declared);
-    EXPECT_EQ(ZSTD_decompress(out.data(), out.size(), frame, size), declared);
-    return out;
-}
-
 Bytes asBytes(const std::string& text)
 {
     return Bytes(text.begin(), text.end());
@@ -81,39 +74,41 @@ Bytes asBytes(const std::string& text)
 const std::vector<Attribute> kAttributes{{AttributeType::M96, AttributeRole::POSITION, "POSITION"},
                                          {AttributeType::U16, AttributeRole::INTENSITY, "I"}};
 
-// The header fields that every test tree shares, each distinct so that a swapped field shows.
-struct HeaderFields
+// The header that every test tree shares, each field distinct so that a swapped field shows.
+TreeHeader sampleHeader()
 {
-    uint8_t minLod = 3;
-    uint8_t maxLod = 5;
-    uint32_t nodeSize = 1000;
-    uint32_t maxNodeSize = 1200;
-    int64_t root[3] = {int64_t(0x80000000), int64_t(0x80000020), int64_t(0x7FFFFFE0)};
-    double box[6] = {-1.5, -2.5, -3.5, 10.25, 20.25, 30.25};
-    double scale[3] = {0.001, 0.002, 0.004};
-    uint32_t attributeId = 0;
-    uint64_t timeStamp = 1700000123456;
-    std::string name = "site";
-    std::string basePath = "/data/site";
-    std::string comment = R"({"project":"bridge"})";
-    std::string author = "surveyor";
-    std::string wkt = "PROJCS[a]";
-    std::string sourceWkt = "GEOGCS[b]";
-    uint32_t epsg = 25832;
-    uint32_t sourceEpsg = 4326;
-    double center[3] = {500.5, 600.5, 70.5};
-    uint8_t flag = 1;
-    uint64_t pointCount = 0x1'0000'0005;
-    std::string metaUrl = "https://example.invalid/meta";
-    uint64_t filtered = 17;
-    uint32_t revision = 4;
-    uint8_t progressive = 1;
-    double origin[3] = {100.0, 200.0, 300.0};
-    uint32_t densityBase = 1020;
-};
+    TreeHeader h;
+    h.minLod = 3;
+    h.maxLod = 5;
+    h.nodeSize = 1000;
+    h.maxNodeSize = 1200;
+    h.rootOffset = {int64_t(0x80000000), int64_t(0x80000020), int64_t(0x7FFFFFE0)};
+    h.boxMin = {-1.5, -2.5, -3.5};
+    h.boxMax = {10.25, 20.25, 30.25};
+    h.scale = {0.001, 0.002, 0.004};
+    h.timeStamp = 1700000123456;
+    h.name = "site";
+    h.basePath = "/data/site";
+    h.comment = R"({"project":"bridge"})";
+    h.author = "surveyor";
+    h.projectionWkt = "PROJCS[a]";
+    h.sourceProjectionWkt = "GEOGCS[b]";
+    h.projectionEpsg = 25832;
+    h.sourceProjectionEpsg = 4326;
+    h.centerProjected = {500.5, 600.5, 70.5};
+    h.flag = 1;
+    h.pointCount = 0x1'0000'0005;
+    h.metaUrl = "https://example.invalid/meta";
+    h.filteredPointCount = 17;
+    h.revision = 4;
+    h.progressive = 1;
+    h.origin = {100.0, 200.0, 300.0};
+    h.densityBase = 1020;
+    return h;
+}
 
 // An "APRT" chunk of `version`, field by field from the table; the comment in the form of that version.
-Bytes handHeader(uint32_t version, const HeaderFields& f)
+Bytes handHeader(uint32_t version, const TreeHeader& f)
 {
     Bytes bytes;
     putTag(bytes, "APRT");
@@ -123,9 +118,9 @@ Bytes handHeader(uint32_t version, const HeaderFields& f)
     put<uint8_t>(bytes, f.maxLod);
     put<uint32_t>(bytes, f.nodeSize);
     put<uint32_t>(bytes, f.maxNodeSize);
-    putThree<int64_t>(bytes, f.root[0], f.root[1], f.root[2]);
-    for (double value : f.box)
-        put<double>(bytes, value);
+    putThree<int64_t>(bytes, f.rootOffset[0], f.rootOffset[1], f.rootOffset[2]);
+    putThree<double>(bytes, f.boxMin[0], f.boxMin[1], f.boxMin[2]);
+    putThree<double>(bytes, f.boxMax[0], f.boxMax[1], f.boxMax[2]);
     putThree<double>(bytes, f.scale[0], f.scale[1], f.scale[2]);
     put<uint32_t>(bytes, f.attributeId);
     put<uint64_t>(bytes, f.timeStamp);
@@ -146,11 +141,11 @@ Bytes handHeader(uint32_t version, const HeaderFields& f)
     if (version >= 5)
     {
         putText(bytes, f.author);
-        putText(bytes, f.wkt);
-        putText(bytes, f.sourceWkt);
-        put<uint32_t>(bytes, f.epsg);
-        put<uint32_t>(bytes, f.sourceEpsg);
-        putThree<double>(bytes, f.center[0], f.center[1], f.center[2]);
+        putText(bytes, f.projectionWkt);
+        putText(bytes, f.sourceProjectionWkt);
+        put<uint32_t>(bytes, f.projectionEpsg);
+        put<uint32_t>(bytes, f.sourceProjectionEpsg);
+        putThree<double>(bytes, f.centerProjected[0], f.centerProjected[1], f.centerProjected[2]);
         put<uint8_t>(bytes, f.flag);
         put<uint64_t>(bytes, f.pointCount);
     }
@@ -158,7 +153,7 @@ Bytes handHeader(uint32_t version, const HeaderFields& f)
         putText(bytes, f.metaUrl);
     if (version >= 9)
     {
-        put<uint64_t>(bytes, f.filtered);
+        put<uint64_t>(bytes, f.filteredPointCount);
         put<uint32_t>(bytes, f.revision);
     }
     if (version >= 10)
@@ -232,35 +227,8 @@ Bytes concat(std::initializer_list<Bytes> parts)
 // node's corner, maxima inclusive.
 Tree sampleTree()
 {
-    const HeaderFields f;
     Tree tree;
-    TreeHeader& h = tree.header;
-    h.minLod = f.minLod;
-    h.maxLod = f.maxLod;
-    h.nodeSize = f.nodeSize;
-    h.maxNodeSize = f.maxNodeSize;
-    h.rootOffset = {f.root[0], f.root[1], f.root[2]};
-    h.boxMin = {f.box[0], f.box[1], f.box[2]};
-    h.boxMax = {f.box[3], f.box[4], f.box[5]};
-    h.scale = {f.scale[0], f.scale[1], f.scale[2]};
-    h.timeStamp = f.timeStamp;
-    h.name = f.name;
-    h.basePath = f.basePath;
-    h.comment = f.comment;
-    h.author = f.author;
-    h.projectionWkt = f.wkt;
-    h.sourceProjectionWkt = f.sourceWkt;
-    h.projectionEpsg = f.epsg;
-    h.sourceProjectionEpsg = f.sourceEpsg;
-    h.centerProjected = {f.center[0], f.center[1], f.center[2]};
-    h.flag = f.flag;
-    h.pointCount = f.pointCount;
-    h.metaUrl = f.metaUrl;
-    h.filteredPointCount = f.filtered;
-    h.revision = f.revision;
-    h.progressive = f.progressive;
-    h.origin = {f.origin[0], f.origin[1], f.origin[2]};
-    h.densityBase = f.densityBase;
+    tree.header = sampleHeader();
     tree.attributes.attributes = kAttributes;
     tree.lodNodeCounts = {1, 2, 1};
     tree.nodes.resize(4);
@@ -314,7 +282,7 @@ TEST(HspcTreeBytes, WholeFilesMatchTheTables)
     tree.nodes[1].pointCount = 310;   // 77.5: density 78
     tree.nodes[2].pointCount = 0;     // empty: density 0
     tree.nodes[3].pointCount = 2100;  // 525 wraps to 13: density 14
-    HeaderFields f;
+    TreeHeader f = sampleHeader();
     f.attributeId = computeAttributeId(kAttributes, 14);
     const Bytes header = handHeader(22, f);
     const Bytes attributes = handAttributes(22, kAttributes);
@@ -338,7 +306,7 @@ TEST(HspcTreeBytes, WholeFilesMatchTheTables)
 
     Bytes reduced = concat({counts, masks, {101, 78, 0, 14}, Bytes(8, 0)});
     // Box bounds in 1/256 of the node's edge: x 8 at lod 5, x 16 at lod 4, x 32 at lod 3.
-    const Bytes boxes{0, 0,  0,  248, 248, 248, 32, 48, 64, 144, 160, 176,
+    const Bytes boxes{0, 0,  0,  248, 248, 248, 32, 48, 64,  144, 160, 176,
                       0, 16, 16, 240, 240, 240, 0,  64, 128, 192, 224, 224};
     reduced = concat({reduced, boxes, Bytes(16, 0)});
 
@@ -348,15 +316,7 @@ TEST(HspcTreeBytes, WholeFilesMatchTheTables)
     EXPECT_EQ(written, concat({header, attributes, handBodyChunk("APRF", 22, full)}));
     written.clear();
     ASSERT_TRUE(writeTreeFile(tree, TreeForm::kReduced, written, error)) << error;
-    const Bytes expected = concat({header, attributes, handBodyChunk("APRR", 22, reduced)});
-    EXPECT_EQ(written, expected);
-
-    // The body is one zstd frame behind its two sizes; zstd alone inflates it.
-    const size_t bodyAt = header.size() + attributes.size();
-    const uint64_t bodySize = get<uint64_t>(written, bodyAt + 16);
-    const uint64_t storedSize = get<uint64_t>(written, bodyAt + 24);
-    ASSERT_EQ(bodyAt + 32 + storedSize, written.size());
-    EXPECT_EQ(zstdInflate(written.data() + bodyAt + 32, storedSize, bodySize), reduced);
+    EXPECT_EQ(written, concat({header, attributes, handBodyChunk("APRR", 22, reduced)}));
 }
 
 TEST(HspcTreeBytes, InvalidBoxesAreWrittenAsTheWholeNodeAndReadBackSo)
@@ -380,49 +340,16 @@ TEST(HspcTreeRoundTrip, WrittenTreesReadBackFieldForField)
     Bytes bytes;
     std::string error;
     ASSERT_TRUE(writeTreeFile(tree, TreeForm::kFull, bytes, error)) << error;
+    // The writer matches the hand-assembled tables byte for byte, so a tree that writes back to the same
+    // bytes was read field for field.
     const Tree loaded = load(bytes);
-    const TreeHeader& a = tree.header;
-    const TreeHeader& b = loaded.header;
-    EXPECT_EQ(b.formatVersion, 22u);
-    EXPECT_EQ(b.minLod, a.minLod);
-    EXPECT_EQ(b.maxLod, a.maxLod);
-    EXPECT_EQ(b.nodeSize, a.nodeSize);
-    EXPECT_EQ(b.maxNodeSize, a.maxNodeSize);
-    EXPECT_EQ(b.rootOffset, a.rootOffset);
-    EXPECT_EQ(b.boxMin, a.boxMin);
-    EXPECT_EQ(b.boxMax, a.boxMax);
-    EXPECT_EQ(b.scale, a.scale);
-    EXPECT_EQ(b.attributeId, computeAttributeId(kAttributes, 14));
-    EXPECT_EQ(b.timeStamp, a.timeStamp);
-    EXPECT_EQ(b.name, a.name);
-    EXPECT_EQ(b.basePath, a.basePath);
-    EXPECT_EQ(b.comment, a.comment);
-    EXPECT_EQ(b.author, a.author);
-    EXPECT_EQ(b.projectionWkt, a.projectionWkt);
-    EXPECT_EQ(b.sourceProjectionWkt, a.sourceProjectionWkt);
-    EXPECT_EQ(b.projectionEpsg, a.projectionEpsg);
-    EXPECT_EQ(b.sourceProjectionEpsg, a.sourceProjectionEpsg);
-    EXPECT_EQ(b.centerProjected, a.centerProjected);
-    EXPECT_EQ(b.flag, a.flag);
-    EXPECT_EQ(b.pointCount, a.pointCount);
-    EXPECT_EQ(b.metaUrl, a.metaUrl);
-    EXPECT_EQ(b.filteredPointCount, a.filteredPointCount);
-    EXPECT_EQ(b.revision, a.revision);
-    EXPECT_EQ(b.progressive, a.progressive);
-    EXPECT_EQ(b.origin, a.origin);
-    EXPECT_EQ(b.densityBase, a.densityBase);
-    EXPECT_EQ(loaded.attributes.attributes, kAttributes);
+    EXPECT_EQ(loaded.header.comment, tree.header.comment);
+    EXPECT_EQ(loaded.header.formatVersion, 22u);
+    EXPECT_EQ(loaded.header.attributeId, computeAttributeId(kAttributes, 14));  // the writer derives its own
     EXPECT_EQ(loaded.attributes.recordSize, 14u);
-    EXPECT_EQ(loaded.lodNodeCounts, tree.lodNodeCounts);
-    ASSERT_EQ(loaded.nodes.size(), tree.nodes.size());
-    for (size_t i = 0; i < tree.nodes.size(); ++i)
-    {
-        EXPECT_EQ(loaded.nodes[i].link, tree.nodes[i].link) << i;
-        EXPECT_EQ(loaded.nodes[i].pointCount, tree.nodes[i].pointCount) << i;
-        EXPECT_EQ(loaded.nodes[i].min, tree.nodes[i].min) << i;
-        EXPECT_EQ(loaded.nodes[i].max, tree.nodes[i].max) << i;
-        EXPECT_EQ(loaded.nodes[i].childMask, tree.nodes[i].childMask) << i;
-    }
+    Bytes again;
+    ASSERT_TRUE(writeTreeFile(loaded, TreeForm::kFull, again, error)) << error;
+    EXPECT_EQ(again, bytes);
 
     // The reduced form keeps boxes to 1/256 of a node and counts as densities of the base.
     bytes.clear();
@@ -481,9 +408,9 @@ Bytes versionBody(const char* tag, uint32_t version)
     return body;
 }
 
-Bytes versionFile(uint32_t version, const char* tag, const HeaderFields& fields)
+Bytes versionFile(uint32_t version, const char* tag, const TreeHeader& fields)
 {
-    HeaderFields f = fields;
+    TreeHeader f = fields;
     f.minLod = 19;
     f.maxLod = 20;
     return concat({handHeader(version, f), handAttributes(version, kAttributes),
@@ -504,7 +431,7 @@ Json::Value parse(const std::string& text)
 
 TEST(HspcTreeVersions, OldFilesReadWithTheirDefaults)
 {
-    const HeaderFields f;
+    const TreeHeader f = sampleHeader();
     const uint64_t edge19 = uint64_t(1) << 19;
     const uint64_t edge20 = uint64_t(1) << 20;
 
@@ -541,11 +468,11 @@ TEST(HspcTreeVersions, OldFilesReadWithTheirDefaults)
         const Tree tree = load(versionFile(8, "APRF", f));
         const Json::Value comment = parse(tree.header.comment);
         EXPECT_EQ(comment["author"].asString(), f.author);
-        EXPECT_EQ(comment["projection-wkt"].asString(), f.wkt);
-        EXPECT_EQ(comment["source-projection-wkt"].asString(), f.sourceWkt);
+        EXPECT_EQ(comment["projection-wkt"].asString(), f.projectionWkt);
+        EXPECT_EQ(comment["source-projection-wkt"].asString(), f.sourceProjectionWkt);
         EXPECT_EQ(comment["meta-url"].asString(), f.metaUrl);
-        EXPECT_EQ(comment["projection-epsg"].asInt(), int(f.epsg));
-        EXPECT_EQ(comment["source-projection-epsg"].asInt(), int(f.sourceEpsg));
+        EXPECT_EQ(comment["projection-epsg"].asInt(), int(f.projectionEpsg));
+        EXPECT_EQ(comment["source-projection-epsg"].asInt(), int(f.sourceProjectionEpsg));
         EXPECT_EQ(tree.header.pointCount, f.pointCount);
         EXPECT_EQ(tree.header.filteredPointCount, 0u);
         EXPECT_EQ(tree.nodes[0].pointCount, 465u);
@@ -555,7 +482,7 @@ TEST(HspcTreeVersions, OldFilesReadWithTheirDefaults)
         const Tree reduced = load(versionFile(9, "APRR", f));
         EXPECT_EQ(reduced.nodes[0].pointCount, 465u);
         EXPECT_EQ(reduced.nodes[1].pointCount, 465u);  // stored 0, still 99
-        EXPECT_EQ(reduced.header.filteredPointCount, f.filtered);
+        EXPECT_EQ(reduced.header.filteredPointCount, f.filteredPointCount);
         EXPECT_EQ(reduced.header.progressive, 0u);
         const Tree full = load(versionFile(9, "APRF", f));
         EXPECT_EQ(full.nodes[1].pointCount, 321u);
@@ -596,7 +523,7 @@ TEST(HspcTreeVersions, OldFilesReadWithTheirDefaults)
     {
         const Tree tree = load(versionFile(19, "APRF", f));
         EXPECT_EQ(tree.header.comment, f.comment);
-        HeaderFields longest = f;
+        TreeHeader longest = f;
         longest.comment = std::string(65535, 'c');
         EXPECT_EQ(load(versionFile(21, "APRF", longest)).header.comment, longest.comment);
     }
@@ -611,7 +538,7 @@ TEST(HspcTreeVersions, OldFilesReadWithTheirDefaults)
 
 TEST(HspcTreeVersions, AttributeListsOlderThanVersion4StartWithTheMortonPosition)
 {
-    const HeaderFields f;
+    const TreeHeader f = sampleHeader();
     const std::vector<Attribute> stored{{AttributeType::F64, AttributeRole::X, "X"},
                                         {AttributeType::U8, AttributeRole::R, "R"}};
     Bytes attributes = handAttributes(3, stored);
@@ -704,7 +631,8 @@ TEST(HspcTreeBadInput, BrokenFilesAreRefusedWithTheReason)
     for (size_t length = 0; length < good.size(); ++length)
     {
         Tree partial;
-        EXPECT_FALSE(loadTree(Bytes(good.begin(), good.begin() + ptrdiff_t(length)), partial, nullptr)) << length;
+        EXPECT_FALSE(loadTree(Bytes(good.begin(), good.begin() + ptrdiff_t(length)), partial, nullptr))
+            << length;
     }
     auto withU64 = [&](size_t at, uint64_t value)
     {
@@ -726,14 +654,14 @@ TEST(HspcTreeBadInput, BrokenFilesAreRefusedWithTheReason)
     refused(tag, "expected an \"APRR\" or \"APRF\" chunk");
 
     // Counts that lie, in a plain version 9 body where they can be set at will.
-    const HeaderFields f;
+    const TreeHeader f = sampleHeader();
     Bytes body = versionBody("APRF", 9);
     std::memcpy(body.data(), "\xff\xff\xff\xff\xff\xff\xff\x7f", 8);
     refused(concat({handHeader(9, f), handAttributes(9, kAttributes), handBodyChunk("APRF", 9, body)}),
             "counts more nodes");
     body = versionBody("APRF", 9);
     body[16] = 0x03;  // the root names two children, the lod below has one node
-    HeaderFields deep = f;
+    TreeHeader deep = f;
     deep.minLod = 19;
     deep.maxLod = 20;
     refused(concat({handHeader(9, deep), handAttributes(9, kAttributes), handBodyChunk("APRF", 9, body)}),
@@ -748,7 +676,8 @@ TEST(HspcTreeBadInput, BrokenFilesAreRefusedWithTheReason)
     // A comment frame that is not zstd.
     Bytes comment = handHeader(22, f);
     const size_t commentAt = 134 + 2 + f.name.size() + 2 + f.basePath.size();
-    ASSERT_EQ(std::string(comment.begin() + ptrdiff_t(commentAt), comment.begin() + ptrdiff_t(commentAt) + 4), "CJSO");
+    ASSERT_EQ(std::string(comment.begin() + ptrdiff_t(commentAt), comment.begin() + ptrdiff_t(commentAt) + 4),
+              "CJSO");
     comment[commentAt + 21] ^= 0xFF;
     refused(concat({comment, handAttributes(22, kAttributes), handBodyChunk("APRF", 22, Bytes(24, 0))}),
             "tree comment: ");
@@ -761,8 +690,8 @@ TEST(HspcTreeBadInput, ReplaysTheFuzzCorpus)
         [](const std::string& bytes, const std::filesystem::path& file)
         {
             Tree tree;
-            const bool loaded =
-                loadTree(std::span(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()), tree, nullptr);
+            const bool loaded = loadTree(
+                std::span(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()), tree, nullptr);
             if (loaded)
             {
                 EXPECT_EQ(nodeCorners(tree).size(), tree.nodes.size()) << file;
@@ -806,7 +735,8 @@ TEST(HspcSerializeTree, WritesBothTreesAndTheInfoInOrder)
     ASSERT_TRUE(serializeTree(store, tree, R"({"project": "bridge", "max-lod": 9})", none, "tree",
                               {warnings.logger(), errors.logger()}));
     EXPECT_EQ(store.order, (std::vector<std::string>{"/tree.hspc", "/queryTree.hspc", "/hspcInfo.json"}));
-    EXPECT_TRUE(mentions(errors, "serializeTree: could not add field with key=max-lod. This key is reserved."));
+    EXPECT_TRUE(
+        mentions(errors, "serializeTree: could not add field with key=max-lod. This key is reserved."));
 
     const Tree reduced = load(store.blobs["/tree.hspc"]);
     const Tree full = load(store.blobs["/queryTree.hspc"]);
@@ -845,7 +775,8 @@ TEST(HspcSerializeTree, WritesBothTreesAndTheInfoInOrder)
     EXPECT_EQ(info["attributes"][1]["name"].asString(), "I");
 
     // A failing store stops at the blob it could not take, with that blob's message.
-    const char* messages[] = {"serializeTree: Failed to serialize tree.", "serializeTree: Failed to serialize querytree.",
+    const char* messages[] = {"serializeTree: Failed to serialize tree.",
+                              "serializeTree: Failed to serialize querytree.",
                               "serializeTree: Failed to serialize json info."};
     for (int failAt = 0; failAt < 3; ++failAt)
     {
@@ -862,9 +793,11 @@ TEST(HspcSerializeTree, WritesBothTreesAndTheInfoInOrder)
     MessageLog textWarnings;
     MessageLog textErrors;
     Tree copy = sampleTree();
-    EXPECT_FALSE(serializeTree(text, copy, "not json", none, "other", {textWarnings.logger(), textErrors.logger()}));
+    EXPECT_FALSE(
+        serializeTree(text, copy, "not json", none, "other", {textWarnings.logger(), textErrors.logger()}));
     EXPECT_EQ(text.order, (std::vector<std::string>{"/other.hspc", "/queryTree.hspc"}));
-    EXPECT_TRUE(mentions(textWarnings, "serializeTree: could not parse json config. No statistics information added."));
+    EXPECT_TRUE(mentions(textWarnings,
+                         "serializeTree: could not parse json config. No statistics information added."));
     EXPECT_EQ(textErrors.lines, std::vector<std::string>{messages[2]});
 }
 
@@ -905,17 +838,19 @@ TEST(HspcSerializeTree, StatisticsGoIntoTheAttributeDescription)
     MessageLog errors;
     ASSERT_TRUE(serializeTree(store, tree, client, statistics, "tree", {nullptr, errors.logger()}));
     const char* member = " in attribute-description array";
-    EXPECT_EQ(errors.lines,
-              (std::vector<std::string>{
-                  std::string("serializeTree: attribute role=CUSTOM and name= pressure for member nr 1") + member +
-                      " not found in encoding attributes.",
-                  std::string("serializeTree: no attribute field present for member nr 2") + member + ".",
-                  std::string("serializeTree: attribute role=WIND for member nr 3") + member + " is not a valid role.",
-                  std::string("serializeTree: attribute role for member nr 4") + member + " is not of string type.",
-                  std::string("serializeTree: attribute role=CUSTOM for member nr 5") + member +
-                      " has no member name of type string.",
-                  std::string("serializeTree: attribute role=NIR for member nr 6") + member +
-                      " not found in encoding attributes."}));
+    EXPECT_EQ(
+        errors.lines,
+        (std::vector<std::string>{
+            std::string("serializeTree: attribute role=CUSTOM and name= pressure for member nr 1") + member +
+                " not found in encoding attributes.",
+            std::string("serializeTree: no attribute field present for member nr 2") + member + ".",
+            std::string("serializeTree: attribute role=WIND for member nr 3") + member +
+                " is not a valid role.",
+            std::string("serializeTree: attribute role for member nr 4") + member + " is not of string type.",
+            std::string("serializeTree: attribute role=CUSTOM for member nr 5") + member +
+                " has no member name of type string.",
+            std::string("serializeTree: attribute role=NIR for member nr 6") + member +
+                " not found in encoding attributes."}));
 
     const Json::Value comment = parse(load(store.blobs["/queryTree.hspc"]).header.comment);
     const Json::Value& described = comment["attribute-description"];
