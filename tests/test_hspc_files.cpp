@@ -9,6 +9,7 @@
 
 #include "hspc/format/FileHandler.h"
 #include "hspc/format/Utf8Text.h"
+#include "support/LittleEndianBytes.h"
 #include "support/TempFolder.h"
 
 using namespace HSPC;
@@ -16,19 +17,12 @@ using namespace HSPC;
 namespace
 {
 
-std::vector<uint8_t> countingBytes(size_t count, uint8_t first)
-{
-    std::vector<uint8_t> bytes(count);
-    std::iota(bytes.begin(), bytes.end(), first);
-    return bytes;
-}
-
 TEST(HspcFileHandler, WritesAndReadsAtOffsetsUnderNonAsciiNames)
 {
     pcp_test::TempFolder folder;
     const std::wstring path = folder.file(L"blöb-点群.bin");
-    const std::vector<uint8_t> head = countingBytes(100, 0);
-    const std::vector<uint8_t> tail = countingBytes(50, 200);
+    const std::vector<uint8_t> head = pcp_test::countingBytes(100, 0);
+    const std::vector<uint8_t> tail = pcp_test::countingBytes(50, 200);
     {
         FileHandler writer(path, FileHandler::Mode::kWrite);
         ASSERT_TRUE(writer.isValid()) << writer.lastErrorDetail();
@@ -47,7 +41,7 @@ TEST(HspcFileHandler, WritesAndReadsAtOffsetsUnderNonAsciiNames)
     EXPECT_EQ(std::vector<uint8_t>(bytes.begin(), bytes.begin() + 10), std::vector<uint8_t>(10, 0));
     EXPECT_EQ(std::vector<uint8_t>(bytes.begin() + 10, bytes.end()), tail);
     ASSERT_TRUE(reader.read(10, 5, bytes.data()));
-    EXPECT_EQ(std::vector<uint8_t>(bytes.begin(), bytes.begin() + 5), countingBytes(5, 10));
+    EXPECT_EQ(std::vector<uint8_t>(bytes.begin(), bytes.begin() + 5), pcp_test::countingBytes(5, 10));
     EXPECT_TRUE(reader.read(1050, 0, bytes.data()));
     // A handler opened for reading cannot write.
     EXPECT_FALSE(reader.write(0, head.data(), 1));
@@ -71,7 +65,7 @@ TEST(HspcFileHandler, RefusesRequestsAbove4GBBeforeTouchingTheBuffer)
 {
     pcp_test::TempFolder folder;
     const std::wstring path = folder.file(L"small.bin");
-    const std::vector<uint8_t> content = countingBytes(16, 1);
+    const std::vector<uint8_t> content = pcp_test::countingBytes(16, 1);
     FileHandler file(path, FileHandler::Mode::kReadWrite);
     ASSERT_TRUE(file.write(0, content.data(), content.size()));
 
@@ -113,7 +107,7 @@ TEST(HspcFileHandler, FailuresLeaveTheirFixedTexts)
     const std::wstring shortPath = folder.file(L"short.bin");
     {
         FileHandler writer(shortPath, FileHandler::Mode::kWrite);
-        const std::vector<uint8_t> ten = countingBytes(10, 0);
+        const std::vector<uint8_t> ten = pcp_test::countingBytes(10, 0);
         ASSERT_TRUE(writer.write(0, ten.data(), ten.size()));
     }
     FileHandler reader(shortPath, FileHandler::Mode::kRead);

@@ -13,6 +13,7 @@
 #include "hspc/store/CustomStore.h"
 #include "hspc/store/DataSetPaths.h"
 #include "hspc/store/FolderStore.h"
+#include "support/LittleEndianBytes.h"
 #include "support/MessageLog.h"
 #include "support/TempFolder.h"
 
@@ -21,13 +22,6 @@ using namespace HSPC;
 namespace
 {
 
-std::vector<uint8_t> blobBytes(size_t count, uint8_t seed)
-{
-    std::vector<uint8_t> bytes(count);
-    std::iota(bytes.begin(), bytes.end(), seed);
-    return bytes;
-}
-
 TEST(HspcFolderStore, WritesBlobsIntoFoldersMadeOnDemandAndReadsThemBack)
 {
     pcp_test::TempFolder temp;
@@ -35,10 +29,10 @@ TEST(HspcFolderStore, WritesBlobsIntoFoldersMadeOnDemandAndReadsThemBack)
     pcp_test::MessageLog errors;
     FolderWriter writer(root, errors.logger());
 
-    const std::vector<uint8_t> node = blobBytes(1000, 7);
+    const std::vector<uint8_t> node = pcp_test::countingBytes(1000, 7);
     ASSERT_TRUE(writer.write("/3/12/L3X1Y2Z3.apr", node));
-    ASSERT_TRUE(writer.write("tree.hspc", blobBytes(10, 1)));   // the leading slash is implied
-    ASSERT_TRUE(writer.write("/tree.hspc", blobBytes(5, 50)));  // replaces the blob whole
+    ASSERT_TRUE(writer.write("tree.hspc", pcp_test::countingBytes(10, 1)));   // the leading slash is implied
+    ASSERT_TRUE(writer.write("/tree.hspc", pcp_test::countingBytes(5, 50)));  // replaces the blob whole
     ASSERT_TRUE(writer.write("/empty", {}));
     EXPECT_TRUE(std::filesystem::exists(std::filesystem::path(root) / "3" / "12" / "L3X1Y2Z3.apr"));
 
@@ -49,12 +43,12 @@ TEST(HspcFolderStore, WritesBlobsIntoFoldersMadeOnDemandAndReadsThemBack)
     EXPECT_EQ(std::vector<uint8_t>(bytes.begin() + 1, bytes.end()), node);
     std::vector<uint8_t> tree;
     ASSERT_TRUE(reader.read("tree.hspc", tree));
-    EXPECT_EQ(tree, blobBytes(5, 50));
+    EXPECT_EQ(tree, pcp_test::countingBytes(5, 50));
 
     // Missing and empty blobs read as false and leave the vector as it was.
     EXPECT_FALSE(reader.read("/empty", tree));
     EXPECT_FALSE(reader.read("/3/12/missing.apr", tree));
-    EXPECT_EQ(tree, blobBytes(5, 50));
+    EXPECT_EQ(tree, pcp_test::countingBytes(5, 50));
 
     EXPECT_TRUE(writer.remove("/tree.hspc"));
     EXPECT_FALSE(writer.remove("/tree.hspc"));
@@ -62,7 +56,7 @@ TEST(HspcFolderStore, WritesBlobsIntoFoldersMadeOnDemandAndReadsThemBack)
     EXPECT_TRUE(errors.lines.empty());
 
     // A file standing where a folder is needed.
-    ASSERT_TRUE(writer.write("/blocker", blobBytes(3, 0)));
+    ASSERT_TRUE(writer.write("/blocker", pcp_test::countingBytes(3, 0)));
     EXPECT_FALSE(writer.write("/blocker/node.apr", node));
     ASSERT_EQ(errors.lines.size(), 1u);
     EXPECT_EQ(errors.lines[0], "Failed to create directory for " + root + "/blocker/node.apr!\n");
@@ -87,7 +81,8 @@ TEST(HspcFolderStore, WriterThreadsShareOneWriter)
                 {
                     const std::string name = "/" + std::to_string(i % 5) + "/" + std::to_string(i) + "/t" +
                                              std::to_string(t) + ".apr";
-                    failures[size_t(t)] += writer.write(name, blobBytes(64, uint8_t(t + i))) ? 0 : 1;
+                    failures[size_t(t)] +=
+                        writer.write(name, pcp_test::countingBytes(64, uint8_t(t + i))) ? 0 : 1;
                 }
             });
     }
@@ -103,7 +98,7 @@ TEST(HspcFolderStore, WriterThreadsShareOneWriter)
             const std::string name =
                 "/" + std::to_string(i % 5) + "/" + std::to_string(i) + "/t" + std::to_string(t) + ".apr";
             ASSERT_TRUE(reader.read(name, bytes)) << name;
-            EXPECT_EQ(bytes, blobBytes(64, uint8_t(t + i))) << name;
+            EXPECT_EQ(bytes, pcp_test::countingBytes(64, uint8_t(t + i))) << name;
         }
     }
 }
@@ -130,9 +125,9 @@ TEST(HspcCustomStore, ForwardsToTheHostAndSaysWhatIsNotImplemented)
     };
     pcp_test::MessageLog errors;
     CustomWriter writer(hostWrite, {}, errors.logger());
-    ASSERT_TRUE(writer.write("hspcInfo.json", blobBytes(20, 3)));
+    ASSERT_TRUE(writer.write("hspcInfo.json", pcp_test::countingBytes(20, 3)));
     EXPECT_EQ(hostStore.count("/hspcInfo.json"), 1u);
-    EXPECT_FALSE(writer.write("/throws", blobBytes(2, 0)));
+    EXPECT_FALSE(writer.write("/throws", pcp_test::countingBytes(2, 0)));
     EXPECT_FALSE(writer.remove("/hspcInfo.json"));
     const std::string notImplemented =
         "Error: this function is not implemented as it is only in use in the query framework.";
@@ -149,7 +144,7 @@ TEST(HspcCustomStore, ForwardsToTheHostAndSaysWhatIsNotImplemented)
     EXPECT_EQ(removed, std::vector<std::string>{"/node.apr"});
 
     CustomArchiveWriter archiveWriter(hostWrite, errors.logger());
-    ASSERT_TRUE(archiveWriter.write("/tree.hspc", blobBytes(4, 9)));
+    ASSERT_TRUE(archiveWriter.write("/tree.hspc", pcp_test::countingBytes(4, 9)));
     EXPECT_FALSE(archiveWriter.remove("/tree.hspc"));
     EXPECT_EQ(errors.lines.size(), 2u);
     EXPECT_EQ(errors.lines.back(), notImplemented);
@@ -157,10 +152,10 @@ TEST(HspcCustomStore, ForwardsToTheHostAndSaysWhatIsNotImplemented)
     CustomReader reader(hostRead);
     std::vector<uint8_t> bytes;
     ASSERT_TRUE(reader.read("/tree.hspc", bytes));
-    EXPECT_EQ(bytes, blobBytes(4, 9));
+    EXPECT_EQ(bytes, pcp_test::countingBytes(4, 9));
     EXPECT_FALSE(reader.read("/missing", bytes));
     EXPECT_FALSE(reader.read("/throws", bytes));
-    EXPECT_EQ(bytes, blobBytes(4, 9));
+    EXPECT_EQ(bytes, pcp_test::countingBytes(4, 9));
     hostStore["/empty"] = {};
     EXPECT_FALSE(reader.read("/empty", bytes));
     EXPECT_FALSE(CustomReader(nullptr).read("/tree.hspc", bytes));
