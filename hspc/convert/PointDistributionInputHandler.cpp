@@ -54,7 +54,7 @@ PointDistributionInputHandler<W>::PointDistributionInputHandler(const RuntimeCon
 {
     // The encoding attributes passed the converter's checks, so only a caller's own list can fail here; the
     // statistics then stay empty and the raw sort reports it.
-    m_statistics.initialize(config.encodingAttributes, {}, config.errorLogger);
+    m_statistics.initialize(config.encodingAttributes, config.statisticsRequests, config.errorLogger);
 }
 
 template <typename W>
@@ -139,6 +139,12 @@ template <typename W>
 void PointDistributionInputHandler<W>::discardAll()
 {
     std::lock_guard lock(m_mutex);
+    for (TempFileQueue* queue : {&m_rawTempQueue, &m_leafBufferQueue, &m_rasterLeafQueue})
+    {
+        while (queue->tryPop())
+        {
+        }
+    }
     for (const ReadBuffer<W>& run : m_readList)
     {
         deleteFile(tempPointFile(run.fileNumber));

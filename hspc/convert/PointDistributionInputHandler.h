@@ -95,8 +95,8 @@ public:
     uint64_t queuedBytes() const;
     bool queuesEmpty() const;
 
-    // Initialised from the encoding attributes; a caller with histogram requests initialises it again before
-    // the raw sort. Workers copy it as the template of their own and merge theirs back.
+    // Set up from the encoding attributes and the client's statistics requests. Workers copy it as the
+    // template of their own and merge theirs back.
     AttributeStatistics& statistics() { return m_statistics; }
     const AttributeStatistics& statistics() const { return m_statistics; }
 
@@ -118,8 +118,8 @@ public:
     TempFileStore& tempFiles() { return *m_tempFiles; }
     void setTempFileStore(std::shared_ptr<TempFileStore> store) { m_tempFiles = std::move(store); }
 
-    // Deletes every temp file the handler knows of and forgets them all, runs and leaf entries with them. A
-    // file that cannot be deleted is named on the warning logger.
+    // Deletes every temp file the handler knows of and forgets them all, runs, leaf entries and queued data
+    // with them. A file that cannot be deleted is named on the warning logger.
     void discardAll();
 
 private:
