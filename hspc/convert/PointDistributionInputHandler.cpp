@@ -15,19 +15,9 @@ void TempFileQueue::push(TempFileData&& item)
     m_queue.push(std::move(item));
 }
 
-std::optional<TempFileData> TempFileQueue::tryPop()
+void TempFileQueue::done(const TempFileData& item)
 {
-    std::optional<TempFileData> item = m_queue.tryPop();
-    taken(item);
-    return item;
-}
-
-void TempFileQueue::taken(const std::optional<TempFileData>& item)
-{
-    if (item)
-    {
-        m_bytes.fetch_sub(item->bytes.capacity());
-    }
+    m_bytes.fetch_sub(item.bytes.capacity());
 }
 
 namespace
@@ -141,8 +131,9 @@ void PointDistributionInputHandler<W>::discardAll()
     std::lock_guard lock(m_mutex);
     for (TempFileQueue* queue : {&m_rawTempQueue, &m_leafBufferQueue, &m_rasterLeafQueue})
     {
-        while (queue->tryPop())
+        while (std::optional<TempFileData> item = queue->tryPop())
         {
+            queue->done(*item);
         }
     }
     for (const ReadBuffer<W>& run : m_readList)

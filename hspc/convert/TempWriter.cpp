@@ -1,7 +1,6 @@
 #include <optional>
 #include <string>
 
-#include "hspc/convert/MemoryReservation.h"
 #include "hspc/convert/RawSortThreads.h"
 #include "hspc/format/Loggers.h"
 
@@ -22,6 +21,7 @@ struct TempWork
 {
     TempKind kind;
     TempFileData data;
+    TempFileQueue* queue;
 };
 
 // The queues in the order a writer serves them; when all are empty it sleeps on the first.
@@ -31,15 +31,15 @@ std::optional<TempWork> nextWork(StaticRawSortProcessHandler<W>& manager)
     PointDistributionInputHandler<W>& input = manager.input();
     if (std::optional<TempFileData> item = input.rawTempQueue().tryPop())
     {
-        return TempWork{TempKind::kPoints, std::move(*item)};
+        return TempWork{TempKind::kPoints, std::move(*item), &input.rawTempQueue()};
     }
     if (std::optional<TempFileData> item = input.leafBufferQueue().tryPop())
     {
-        return TempWork{TempKind::kLeafBuffer, std::move(*item)};
+        return TempWork{TempKind::kLeafBuffer, std::move(*item), &input.leafBufferQueue()};
     }
     if (std::optional<TempFileData> item = input.rasterLeafQueue().tryPop())
     {
-        return TempWork{TempKind::kRasterLeaf, std::move(*item)};
+        return TempWork{TempKind::kRasterLeaf, std::move(*item), &input.rasterLeafQueue()};
     }
     std::optional<TempFileData> item = input.rawTempQueue().pop([&] {
         return !manager.hasWork() || !input.leafBufferQueue().empty() || !input.rasterLeafQueue().empty();
@@ -48,7 +48,7 @@ std::optional<TempWork> nextWork(StaticRawSortProcessHandler<W>& manager)
     {
         return std::nullopt;
     }
-    return TempWork{TempKind::kPoints, std::move(*item)};
+    return TempWork{TempKind::kPoints, std::move(*item), &input.rawTempQueue()};
 }
 
 template <typename W>
@@ -104,8 +104,6 @@ void runTempWriter(StaticRawSortProcessHandler<W>& manager)
         {
             continue;
         }
-        // The bytes left the queue's count; they stay in the stage's memory until they are on disk.
-        const MemoryReservation reservation(manager, work->data.bytes.capacity());
         const std::string name = fileName(input, *work);
         const TempFileStore::WriteResult result =
             input.tempFiles().write(name, work->data.bytes.data(), work->data.bytes.size());
@@ -115,6 +113,8 @@ void runTempWriter(StaticRawSortProcessHandler<W>& manager)
             reportTo(manager.config().errorLogger, texts.logged);
             manager.markFailed(makeFailure(FailureCode::kTempFile, texts.failure));
         }
+        // Only now do the bytes leave the stage's memory: a reader waiting for memory sees them until then.
+        work->queue->done(work->data);
     }
 }
 
