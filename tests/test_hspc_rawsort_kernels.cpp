@@ -4,12 +4,16 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <random>
 #include <vector>
 
 #include "hspc/convert/MortonRecords.h"
 #include "hspc/convert/MortonSort.h"
+#include "hspc/convert/PositionEncoding.h"
+#include "hspc/format/Attribute.h"
+#include "hspc/format/LittleEndian.h"
 
 using namespace HSPC;
 
@@ -88,7 +92,8 @@ void checkSortOfSize(uint32_t recordSize)
             std::vector<uint8_t> records = randomRecords<W>(count, recordSize, random, lowBits);
             const auto expected = canonical<W>(records, recordSize);
             sortRecordsByMorton<W>(records.data(), count, recordSize);
-            ASSERT_TRUE(keysAscend<W>(records, recordSize)) << count << " records, " << lowBits << " low bits";
+            ASSERT_TRUE(keysAscend<W>(records, recordSize))
+                << count << " records, " << lowBits << " low bits";
             ASSERT_EQ(canonical<W>(records, recordSize), expected) << count << " records";
         }
     }
@@ -137,6 +142,120 @@ TEST(RawSortKernels, SortHandlesPresortedReversedAndAllEqualBatches)
     const auto expected = canonical<uint32_t>(equal, size);
     sortRecordsByMorton<uint32_t>(equal.data(), 3000, size);
     EXPECT_EQ(canonical<uint32_t>(equal, size), expected);
+}
+
+// A point as the importer delivered it and the cell that the grid below puts it in, worked out by hand.
+struct GridCase
+{
+    std::array<double, 3> position;
+    std::array<int64_t, 3> cell;
+};
+
+// origin (-10, 20, 0), scale (0.5, 0.25, 2): cell = round((v - origin) / scale), halves away from zero.
+const std::array<double, 3> kOrigin{-10.0, 20.0, 0.0};
+const std::array<double, 3> kScale{0.5, 0.25, 2.0};
+const std::vector<GridCase> kUnsignedCases{{{4, 21, 3}, {28, 4, 2}}, {{1000, 20, 5}, {2020, 0, 3}}};
+const std::vector<GridCase> kSignedCases{{{-3, 19, -3}, {14, -4, -2}}};
+const std::vector<GridCase> kFractionCases{{{4.1, 21.1, 3}, {28, 4, 2}}, {{4.2, 20.9, 2.9}, {28, 4, 1}}};
+constexpr uint32_t kPayload = 5;
+
+template <typename T>
+HSPCBuffer<uint8_t> sourceRecords(const std::vector<GridCase>& cases)
+{
+    HSPCBuffer<uint8_t> records(cases.size() * (3 * sizeof(T) + kPayload));
+    uint8_t* cursor = records.data();
+    for (std::size_t i = 0; i < cases.size(); ++i)
+    {
+        for (const double value : cases[i].position)
+        {
+            little_endian::store(cursor, T(value));
+            cursor += sizeof(T);
+        }
+        for (uint32_t byte = 0; byte < kPayload; ++byte)
+        {
+            *cursor++ = uint8_t(16 * i + byte);
+        }
+    }
+    return records;
+}
+
+template <typename W, typename T>
+void checkEncoding(uint8_t type, const std::vector<GridCase>& cases)
+{
+    SCOPED_TRACE(getTypeName(type) + " coordinates into " + std::to_string(3 * sizeof(W)) + "-byte codes");
+    using S = std::make_signed_t<W>;
+    HSPCBuffer<uint8_t> records = sourceRecords<T>(cases);
+    const PositionLayout layout{type, uint32_t(3 * sizeof(T) + kPayload), kKeyBytes<W> + kPayload, kOrigin,
+                                kScale};
+    ASSERT_EQ(encodePosition<W>(records, layout), std::nullopt);
+    ASSERT_EQ(records.size(), cases.size() * layout.encodedRecordSize);
+    for (std::size_t i = 0; i < cases.size(); ++i)
+    {
+        const uint8_t* record = records.data() + i * layout.encodedRecordSize;
+        const auto& cell = cases[i].cell;
+        EXPECT_EQ(loadMortonKey<W>(record), encodeMortonSigned<W>(S(cell[0]), S(cell[1]), S(cell[2])))
+            << "point " << i;
+        for (uint32_t byte = 0; byte < kPayload; ++byte)
+        {
+            EXPECT_EQ(record[kKeyBytes<W> + byte], uint8_t(16 * i + byte)) << "point " << i;
+        }
+    }
+}
+
+template <typename W>
+void checkEveryCoordinateType()
+{
+    std::vector<GridCase> signedCases = kUnsignedCases;
+    signedCases.insert(signedCases.end(), kSignedCases.begin(), kSignedCases.end());
+    std::vector<GridCase> floatCases = signedCases;
+    floatCases.insert(floatCases.end(), kFractionCases.begin(), kFractionCases.end());
+    checkEncoding<W, uint32_t>(AttributeType::U32, kUnsignedCases);
+    checkEncoding<W, uint64_t>(AttributeType::U64, kUnsignedCases);
+    checkEncoding<W, int32_t>(AttributeType::I32, signedCases);
+    checkEncoding<W, int64_t>(AttributeType::I64, signedCases);
+    checkEncoding<W, float>(AttributeType::F32, floatCases);
+    checkEncoding<W, double>(AttributeType::F64, floatCases);
+}
+
+// 4-byte coordinates into 24-byte codes grow the record and go through a second buffer; every other pairing
+// is encoded in place.
+TEST(RawSortKernels, EncodePositionPutsEveryCoordinateTypeOnTheGridInPlaceAndThroughASecondBuffer)
+{
+    checkEveryCoordinateType<uint32_t>();
+    checkEveryCoordinateType<uint64_t>();
+}
+
+TEST(RawSortKernels, EncodePositionRefusesUnknownTypesAndBrokenBuffersAndLeavesThemAlone)
+{
+    const HSPCBuffer<uint8_t> original = sourceRecords<int32_t>(kUnsignedCases);
+    const auto refusal =
+        [&](auto word, uint8_t type, uint32_t sourceSize, uint32_t encodedSize, std::size_t bytes)
+    {
+        HSPCBuffer<uint8_t> records(original.begin(), original.begin() + long(bytes));
+        const PositionLayout layout{type, sourceSize, encodedSize, kOrigin, kScale};
+        const std::optional<std::string> error = encodePosition<decltype(word)>(records, layout);
+        EXPECT_TRUE(std::equal(records.begin(), records.end(), original.begin()) && records.size() == bytes);
+        return error.value_or("(accepted)");
+    };
+    const std::size_t whole = original.size();
+    // U8 and M96 are no coordinate types, whichever way the record would go.
+    EXPECT_EQ(refusal(uint32_t{}, AttributeType::U8, 17, 17, whole),
+              "encodePositionInPlace: unknown type for coordinates");
+    EXPECT_EQ(refusal(uint64_t{}, AttributeType::M96, 17, 29, whole),
+              "encodePosition: unknown type for coordinates");
+    EXPECT_EQ(refusal(uint32_t{}, 200, 17, 17, whole), "encodePositionInPlace: unknown type for coordinates");
+    EXPECT_EQ(refusal(uint32_t{}, AttributeType::I32, 17, 17, whole - 1),
+              "encodePosition: buffer of 33 bytes is not a whole number of records of 17 bytes.");
+    EXPECT_EQ(refusal(uint32_t{}, AttributeType::I32, 0, 17, whole),
+              "encodePosition: buffer of 34 bytes is not a whole number of records of 0 bytes.");
+    EXPECT_EQ(refusal(uint32_t{}, AttributeType::I32, 17, 18, whole),
+              "encodePosition: encoded record of 18 bytes does not follow from a source record of 17 bytes "
+              "with I32 coordinates.");
+    EXPECT_EQ(refusal(uint32_t{}, AttributeType::F64, 17, 5, whole),
+              "encodePosition: encoded record of 5 bytes does not follow from a source record of 17 bytes "
+              "with F64 coordinates.");
+    // An empty batch is a whole number of records.
+    EXPECT_EQ(refusal(uint32_t{}, AttributeType::I32, 17, 17, 0), "(accepted)");
 }
 
 }  // namespace

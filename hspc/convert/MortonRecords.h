@@ -28,15 +28,15 @@ void storeMortonKey(uint8_t* record, const MortonIndex3D<W>& code)
     }
 }
 
-// The first code of the cell at `lod` that holds `code`: its low 3 * lod bits cleared. At the lod of the whole
-// space (or above) that is code 0.
+// The first code of the cell at `lod` that holds `code`: its low 3 * lod bits cleared. At the lod of the
+// whole space (or above) that is code 0.
 template <typename W>
 constexpr MortonIndex3D<W> cellStartAtLod(const MortonIndex3D<W>& code, unsigned lod)
 {
     constexpr unsigned bits = MortonIndex3D<W>::kBitsPerAxis;
     MortonIndex3D<W> cell = code;
     unsigned cleared = lod >= bits ? 3 * bits : 3 * lod;
-    for (unsigned word = 0; word < 3; ++word, cleared = cleared > bits ? cleared - bits : 0)
+    for (unsigned word = 0; word<3; ++word, cleared = cleared> bits ? cleared - bits : 0)
     {
         if (cleared >= bits)
         {
