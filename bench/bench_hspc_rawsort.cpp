@@ -1,0 +1,141 @@
+// The raw sort of the HSPC converter: 20 million points (position, RGB, intensity) from the binary record
+// importer with 2 workers, in points per second, with the peak of tracked memory and the temp bytes written.
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+#include <random>
+#include <thread>
+#include <vector>
+
+#include "BenchFolder.h"
+#include "hspc/convert/BinaryRecordImporter.h"
+#include "hspc/convert/RawSort.h"
+
+using namespace HSPC;
+
+namespace
+{
+
+constexpr uint64_t kPoints = 20'000'000;
+constexpr uint32_t kRecordSize = 32;
+
+// x, y, z as F64 in metres, then R, G, B and intensity as U16.
+constexpr const char* kDescription = R"({"attribute-description": [
+    {"attribute": {"name": "X", "role": "X", "type": "F64"}},
+    {"attribute": {"name": "Y", "role": "Y", "type": "F64"}},
+    {"attribute": {"name": "Z", "role": "Z", "type": "F64"}},
+    {"attribute": {"name": "Red", "role": "R", "type": "U16"}},
+    {"attribute": {"name": "Green", "role": "G", "type": "U16"}},
+    {"attribute": {"name": "Blue", "role": "B", "type": "U16"}},
+    {"attribute": {"name": "Intensity", "role": "INTENSITY", "type": "U16"}}]})";
+
+std::shared_ptr<std::vector<uint8_t>> randomRecords()
+{
+    std::mt19937_64 random(1);
+    std::uniform_real_distribution<double> metres(-500.0, 500.0);
+    auto bytes = std::make_shared<std::vector<uint8_t>>(kPoints * kRecordSize);
+    for (uint64_t point = 0; point < kPoints; ++point)
+    {
+        uint8_t* record = bytes->data() + point * kRecordSize;
+        const double xyz[3] = {metres(random), metres(random), metres(random)};
+        const uint64_t bits = random();
+        std::memcpy(record, xyz, 24);
+        std::memcpy(record + 24, &bits, 8);
+    }
+    return bytes;
+}
+
+EncodingTarget millimetreGrid()
+{
+    auto attribute = [](uint8_t type, uint8_t role, const char* name) {
+        EncodingAttribute encoding;
+        encoding.attribute = Attribute{type, role, name};
+        return encoding;
+    };
+    EncodingTarget target;
+    target.attributes = {attribute(AttributeType::M96, AttributeRole::POSITION, "POSITION"),
+                         attribute(AttributeType::U8, AttributeRole::R, "Red"),
+                         attribute(AttributeType::U8, AttributeRole::G, "Green"),
+                         attribute(AttributeType::U8, AttributeRole::B, "Blue"),
+                         attribute(AttributeType::U16, AttributeRole::INTENSITY, "Intensity")};
+    target.scale = {0.001, 0.001, 0.001};
+    return target;
+}
+
+uint64_t folderBytes(const std::filesystem::path& folder)
+{
+    uint64_t bytes = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(folder))
+    {
+        bytes += entry.file_size();
+    }
+    return bytes;
+}
+
+void BM_RawSort(benchmark::State& state)
+{
+    const std::shared_ptr<std::vector<uint8_t>> records = randomRecords();
+    const std::filesystem::path folder = pcp_bench::makeBenchFolder("bench_hspc_rawsort");
+    const EncodingTarget target = millimetreGrid();
+    std::vector<Attribute> attributes;
+    for (const EncodingAttribute& encoding : target.attributes)
+    {
+        attributes.push_back(encoding.attribute);
+    }
+    RuntimeConfig config;
+    config.batchSize = 16 << 20;
+    config.targetMemory = 512 << 20;
+    config.workerCount = 2;
+    config.reservedThreads = 1;
+    config.tempWriterCount = 2;
+    config.inputAttributes = attributes;
+    config.encodingAttributes = attributes;
+    config.inputRecordSize = 17;
+    config.encodedRecordSize = 17;
+    config.scale = target.scale;
+    config.tempPath = folder.string();
+    setTempPrefixes(config, 1);
+    config.infoLogger = [](const std::string&) {};
+
+    uint64_t peak = 0;
+    uint64_t written = 0;
+    for (auto _ : state)
+    {
+        std::shared_ptr<BinaryRecordImporter> importer =
+            BinaryRecordImporter::create(kDescription, makeMemorySource(records), target, {}, printError);
+        PointDistributionInputHandler<uint32_t> input(config);
+        std::atomic<bool> running{true};
+        std::atomic<uint64_t> highest{0};
+        std::thread sampler([&] {
+            while (running.load())
+            {
+                highest.store(std::max(highest.load(), trackedByteCount()));
+                std::this_thread::yield();
+            }
+        });
+        ProcessHandle handle;
+        const ConversionFailures failures = rawSort<uint32_t>(config, {importer.get()}, input, handle);
+        running.store(false);
+        sampler.join();
+        if (!failures.empty())
+        {
+            state.SkipWithError(failures.front().message.c_str());
+            break;
+        }
+        peak = std::max(peak, highest.load());
+        written = folderBytes(folder);
+    }
+    std::filesystem::remove_all(folder);
+    state.SetItemsProcessed(int64_t(state.iterations() * kPoints));
+    state.counters["peak_tracked_MiB"] = double(peak) / (1 << 20);
+    state.counters["temp_written_MiB"] = double(written) / (1 << 20);
+}
+
+}  // namespace
+
+BENCHMARK(BM_RawSort)->Unit(benchmark::kMillisecond)->Iterations(2)->UseRealTime();
+BENCHMARK_MAIN();
