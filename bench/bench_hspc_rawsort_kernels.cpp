@@ -56,6 +56,13 @@ HSPCBuffer<uint8_t> batch(KeyOrder order)
     return records;
 }
 
+HSPCBuffer<uint8_t> sortedBatch()
+{
+    HSPCBuffer<uint8_t> records = batch(KeyOrder::kRandom);
+    sortRecordsByMorton<uint32_t>(records.data(), kBatchPoints, kRecordSize);
+    return records;
+}
+
 void sortBatch(benchmark::State& state)
 {
     const HSPCBuffer<uint8_t> original = batch(KeyOrder(state.range(0)));
@@ -75,8 +82,7 @@ void sortBatch(benchmark::State& state)
 // is decoded and tested and none moves; and a box that drops every other point, which moves half the batch.
 void filterBatch(benchmark::State& state)
 {
-    HSPCBuffer<uint8_t> sorted = batch(KeyOrder::kRandom);
-    sortRecordsByMorton<uint32_t>(sorted.data(), kBatchPoints, kRecordSize);
+    const HSPCBuffer<uint8_t> sorted = sortedBatch();
     BatchFilter filter;
     filter.box = true;
     filter.scale = {1.0, 1.0, 1.0};
@@ -100,8 +106,7 @@ void filterBatch(benchmark::State& state)
 // batch comes down to 1/64 of its points in cells.
 void leafStep(benchmark::State& state)
 {
-    HSPCBuffer<uint8_t> sorted = batch(KeyOrder::kRandom);
-    sortRecordsByMorton<uint32_t>(sorted.data(), kBatchPoints, kRecordSize);
+    const HSPCBuffer<uint8_t> sorted = sortedBatch();
     std::size_t cells = 0;
     for (auto _ : state)
     {
@@ -114,25 +119,9 @@ void leafStep(benchmark::State& state)
     state.SetItemsProcessed(int64_t(state.iterations()) * int64_t(kBatchPoints));
 }
 
-// The cell list alone at a fine and a coarse lod: its cost grows with the cells, not with the points.
-void cellListBatch(benchmark::State& state)
-{
-    HSPCBuffer<uint8_t> sorted = batch(KeyOrder::kRandom);
-    sortRecordsByMorton<uint32_t>(sorted.data(), kBatchPoints, kRecordSize);
-    std::size_t cells = 0;
-    for (auto _ : state)
-    {
-        cells = cellList<uint32_t>(sorted.data(), kBatchPoints, kRecordSize, unsigned(state.range(0))).size();
-        benchmark::DoNotOptimize(cells);
-    }
-    state.counters["cells"] = double(cells);
-    state.SetItemsProcessed(int64_t(state.iterations()) * int64_t(kBatchPoints));
-}
-
 BENCHMARK(sortBatch)->ArgName("order")->Arg(0)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond);
 BENCHMARK(filterBatch)->ArgName("drop_half")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
 BENCHMARK(leafStep)->Unit(benchmark::kMillisecond);
-BENCHMARK(cellListBatch)->ArgName("lod")->Arg(12)->Arg(16)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 
