@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "hspc/convert/LeafStepKernels.h"
-#include "hspc/convert/SortedRecords.h"
+#include "hspc/convert/MortonRecords.h"
 
 namespace HSPC
 {
@@ -17,8 +17,9 @@ LeafOverlap findLeafOverlap(const std::vector<LeafEntry<W>>& leaves, const uint8
     {
         return overlap;
     }
-    const MortonIndex3D<W> first = recordIndex<W>(records, 0, recordSize);
-    const MortonIndex3D<W> last = recordIndex<W>(records, count - 1, recordSize);
+    const SortedCodes<W> codes(records, count, recordSize);
+    const MortonIndex3D<W> first = codes[0];
+    const MortonIndex3D<W> last = codes[count - 1];
     auto byIndex = [](const LeafEntry<W>& entry, const MortonIndex3D<W>& key) { return entry.index < key; };
     // From the last entry not after `first` (its cell may reach into the batch) to the first entry not
     // before `last`.
@@ -37,7 +38,8 @@ LeafOverlap findLeafOverlap(const std::vector<LeafEntry<W>>& leaves, const uint8
     }
     for (auto entry = begin; entry != end; ++entry)
     {
-        const std::size_t inside = recordsInCell<W>(records, count, recordSize, entry->index, entry->lod);
+        const MortonIndex3D<W> next = nextIndexAtLod(entry->index, entry->lod);
+        const std::size_t inside = (next.isInvalid() ? count : codes.lowerBound(0, next)) - codes.lowerBound(0, entry->index);
         if (inside == 0)
         {
             continue;
@@ -60,8 +62,8 @@ namespace
 template <typename W>
 int lodBelowCellCount(const uint8_t* records, std::size_t count, uint32_t recordSize, uint64_t cells)
 {
-    const OccupancyTable table = occupancyTable<W>(records, count, recordSize);
-    return int(firstLodReaching(table, std::max<uint64_t>(cells, 1))) - 1;
+    const Occupancy occupancy = occupancyTable<W>(records, count, recordSize);
+    return int(firstLodReaching(occupancy.cells, std::max<uint64_t>(cells, 1))) - 1;
 }
 
 }  // namespace

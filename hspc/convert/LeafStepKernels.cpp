@@ -12,57 +12,6 @@ namespace
 
 constexpr unsigned kTableLods = std::tuple_size_v<OccupancyTable>;
 
-// Sorted records seen as an array of codes.
-template <typename W>
-class SortedCodes
-{
-public:
-    SortedCodes(const uint8_t* records, std::size_t count, uint32_t recordSize)
-        : m_records(records), m_count(count), m_recordSize(recordSize)
-    {
-    }
-
-    std::size_t size() const { return m_count; }
-    MortonIndex3D<W> operator[](std::size_t i) const
-    {
-        return loadMortonKey<W>(m_records + i * m_recordSize);
-    }
-
-    // The first position from `from` on whose code is not below `bound`; the search gallops from `from` so
-    // that a bound close by costs few probes.
-    std::size_t lowerBound(std::size_t from, const MortonIndex3D<W>& bound) const
-    {
-        std::size_t below = from;  // everything before `below` is known to lie below the bound
-        std::size_t step = 1;
-        std::size_t probe = from;
-        while (probe < m_count && (*this)[probe] < bound)
-        {
-            below = probe + 1;
-            probe = from + step;
-            step *= 2;
-        }
-        std::size_t end = std::min(probe, m_count);
-        while (below < end)
-        {
-            const std::size_t middle = below + (end - below) / 2;
-            if ((*this)[middle] < bound)
-            {
-                below = middle + 1;
-            }
-            else
-            {
-                end = middle;
-            }
-        }
-        return below;
-    }
-
-private:
-    const uint8_t* m_records;
-    std::size_t m_count;
-    uint32_t m_recordSize;
-};
-
 // Lods 0 .. commonLodCount - 1 see two different codes in different cells; equal codes share every cell.
 template <typename W>
 unsigned lodsWithNewCell(const MortonIndex3D<W>& previous, const MortonIndex3D<W>& code)
@@ -140,7 +89,8 @@ std::array<std::optional<OctantRange<W>>, 8> octantRanges(const uint8_t* records
         const MortonIndex3D<W> nextOctant{{0, 0, W(W(octant + 1) << (MortonIndex3D<W>::kBitsPerAxis - 3))}};
         const std::size_t end = octant == 7 ? count : codes.lowerBound(first + 1, nextOctant);
         const MortonIndex3D<W> highest = codes[end - 1];
-        ranges[octant] = OctantRange<W>{lowest, highest, commonLodCount(lowest, highest)};
+        // A batch stays below 4 GiB, so no octant of it holds 2^32 points.
+        ranges[octant] = OctantRange<W>{lowest, highest, commonLodCount(lowest, highest), uint32_t(end - first)};
         first = end;
     }
     return ranges;

@@ -36,14 +36,15 @@ Occupancy occupancyTable(const uint8_t* records, std::size_t count, uint32_t rec
 // finest lod already does (the batch has no more points than that); 31 when no lod up to 30 does.
 unsigned firstLodReaching(const OccupancyTable& cells, uint64_t cellCount);
 
-// A root octant's share of a sorted batch: its lowest and highest code and their commonLodCount, the lod
-// from which on all its points share one cell.
+// A root octant's share of a sorted batch: its lowest and highest code, their commonLodCount (the lod
+// from which on all its points share one cell) and its number of points.
 template <typename W>
 struct OctantRange
 {
     MortonIndex3D<W> lowest;
     MortonIndex3D<W> highest;
     unsigned commonLod = 0;
+    uint32_t count = 0;
 };
 
 // The range of each of the 8 root octants (the top three bits of the code) in a sorted batch, found by

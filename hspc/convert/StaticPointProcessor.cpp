@@ -6,7 +6,6 @@
 
 #include "hspc/convert/BatchFilters.h"
 #include "hspc/convert/LeafArray.h"
-#include "hspc/convert/SortedRecords.h"
 #include "hspc/format/Loggers.h"
 
 namespace HSPC
@@ -27,66 +26,14 @@ BatchFilter batchFilter(const RuntimeConfig& config)
                        config.origin, config.scale};
 }
 
-// The root octant of a code: its three highest bits.
 template <typename W>
-unsigned rootOctant(const MortonIndex3D<W>& index)
-{
-    return unsigned(index.words[2] >> (MortonIndex3D<W>::kBitsPerAxis - 3));
-}
-
-template <typename W>
-MortonIndex3D<W> octantStart(unsigned octant)
-{
-    MortonIndex3D<W> start;
-    start.words[2] = W(octant) << (MortonIndex3D<W>::kBitsPerAxis - 3);
-    return start;
-}
-
-// Per root octant the lowest and highest index of the sorted batch; each octant's points are one stretch.
-template <typename W>
-std::array<OctantRange<W>, 8> octantRanges(const uint8_t* records, std::size_t count, uint32_t recordSize)
-{
-    std::array<OctantRange<W>, 8> ranges{};
-    std::size_t begin = 0;
-    while (begin < count)
-    {
-        const unsigned octant = rootOctant(recordIndex<W>(records, begin, recordSize));
-        const std::size_t end = octant == 7 ? count
-                                            : lowerBoundRecord<W>(records, count, recordSize,
-                                                                  octantStart<W>(octant + 1));
-        OctantRange<W>& range = ranges[octant];
-        range.lowest = recordIndex<W>(records, begin, recordSize);
-        range.highest = recordIndex<W>(records, end - 1, recordSize);
-        range.commonLod = uint8_t(commonLodCount(range.lowest, range.highest));
-        range.count = uint32_t(end - begin);
-        begin = end;
-    }
-    return ranges;
-}
-
-// The start of the cell of `index` at `lod`: its low 3 * lod bits cleared.
-template <typename W>
-MortonIndex3D<W> cellStart(MortonIndex3D<W> index, unsigned lod)
-{
-    constexpr unsigned bits = MortonIndex3D<W>::kBitsPerAxis;
-    unsigned clear = 3 * lod;
-    for (W& word : index.words)
-    {
-        const unsigned here = std::min(clear, bits);
-        word = here == bits ? W(0) : W(word & (MortonIndex3D<W>::kAllOnes << here));
-        clear -= here;
-    }
-    return index;
-}
-
-template <typename W>
-HSPCBuffer<uint8_t> packCells(const std::vector<CellEntry<W>>& cells, unsigned lod)
+HSPCBuffer<uint8_t> packCells(const std::vector<CellEntry<W>>& cells)
 {
     HSPCBuffer<uint8_t> packed(cells.size() * kCellEntrySize<W>);
     uint8_t* out = packed.data();
     for (const CellEntry<W>& cell : cells)
     {
-        storeMorton(out, cellStart(cell.index, lod));
+        storeMortonKey(out, cell.index);
         little_endian::store<uint32_t>(out + MortonIndex3D<W>::kBytes, cell.count);
         out += kCellEntrySize<W>;
     }
@@ -157,13 +104,13 @@ bool StaticPointProcessor<W>::process(HSPCBuffer<uint8_t>& records)
     m_statistics.addRange(records.data(), count);
 
     ReadBuffer<W> run;
-    run.first = recordIndex<W>(records.data(), 0, m_recordSize);
-    run.last = recordIndex<W>(records.data(), count - 1, m_recordSize);
+    run.first = loadMortonKey<W>(records.data());
+    run.last = loadMortonKey<W>(records.data() + (count - 1) * m_recordSize);
     run.octants = octantRanges<W>(records.data(), count, m_recordSize);
     run.pointCount = uint32_t(count);
     const unsigned lod = cutLod(records.data(), count);
     run.cutLod = uint8_t(lod);
-    run.cells = packCells<W>(cellList<W>(records.data(), count, m_recordSize, lod), lod);
+    run.cells = packCells<W>(cellList<W>(records.data(), count, m_recordSize, lod));
     if (m_config.compressBatches && !compress(records, run.compressed))
     {
         return false;
@@ -230,7 +177,7 @@ void StaticPointProcessor<W>::mergeCells(const HSPCBuffer<uint8_t>& cells, unsig
     for (std::size_t i = 0; i < cellCount; ++i)
     {
         const uint8_t* in = cells.data() + i * kCellEntrySize<W>;
-        m_incoming[i] = LeafEntry<W>{loadMorton<W>(in), little_endian::load<uint32_t>(in + MortonIndex3D<W>::kBytes),
+        m_incoming[i] = LeafEntry<W>{loadMortonKey<W>(in), little_endian::load<uint32_t>(in + MortonIndex3D<W>::kBytes),
                                      uint8_t(lod)};
     }
     mergeLeafEntries<W>(m_leaves, m_incoming, m_mergeScratch);
