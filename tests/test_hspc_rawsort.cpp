@@ -47,20 +47,29 @@ struct LockedLog
     }
 };
 
-// Integer position of generated point `id`, spread over 2^21 cells per axis. Every point whose id is 500
-// modulo 997 repeats the position of the point before it: a duplicate within its batch unless it is the
-// first point of one.
+// A well-mixed 64-bit value of `value`.
+uint64_t mixed(uint64_t value)
+{
+    uint64_t h = value * 0x9E3779B97F4A7C15ull;
+    h ^= h >> 31;
+    h *= 0x94D049BB133111EBull;
+    h ^= h >> 29;
+    return h;
+}
+
+// Integer position of generated point `id`. Like a scanner's stream, points come in blocks of 4096 ids that lie
+// close together (within 2^13 cells per axis), the blocks spread over 2^21 cells per axis: each batch then adds
+// cells of its own to a worker's counts, as real scans do. Every point whose id is 500 modulo 997 repeats the
+// position of the point before it: a duplicate within its batch unless it is the first point of one.
 int32_t coordinate(uint64_t id, unsigned axis)
 {
     if (id % 997 == 500)
     {
         --id;
     }
-    uint64_t h = (id + 1) * 0x9E3779B97F4A7C15ull + axis * 0xBF58476D1CE4E5B9ull;
-    h ^= h >> 31;
-    h *= 0x94D049BB133111EBull;
-    h ^= h >> 29;
-    return int32_t(h % (1u << 21)) - (1 << 20);
+    const uint64_t block = mixed((id / 4096 + 1) * 3 + axis);
+    const uint64_t inBlock = mixed((id + 1) * 3 + axis);
+    return int32_t(block % (1u << 21)) - (1 << 20) + int32_t(inBlock % (1u << 13));
 }
 
 // `place` is the point's place in its importer, which cuts batches of `batchPoints` from its first point.
@@ -464,6 +473,9 @@ TEST(RawSort, SmallBatchesEmptyImportersDuplicatesAndImporterOrder)
     shape.workers = 1;
     shape.inputThreads = 1;
     Stage<uint32_t> stage(shape);
+    // Ids 499 and 500 share a position; without the duplicate filter all 999 points stay, and the box alone
+    // filters.
+    stage.config.filterDuplicates = false;
     stage.config.filterBox = true;
     stage.config.filterMin = {-2e6, -2e6, -2e6};
     stage.config.filterMax = {2e6, 2e6, 2e6};
