@@ -137,6 +137,12 @@ void applyEncodingConfig(const PointCloudEncodingConfig& encoding, RuntimeConfig
     {
         runtime.maxNodeSize = encoding.nodeSize + 8 * runtime.nodeOverflowPerChild;
     }
+    runtime.filterDuplicates = encoding.filterDuplicates;
+    runtime.filterBox = encoding.filterEnabled;
+    runtime.filterMin = encoding.filterMin;
+    runtime.filterMax = encoding.filterMax;
+    runtime.compressBatches = encoding.compressBatches;
+    runtime.requestJsonConfig = encoding.requestJsonConfig;
 }
 
 void initializeRuntimeConfig(const BasicConfig& basic, const AdvancedConfig& advanced, RuntimeConfig& runtime)

@@ -4,12 +4,15 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "hspc/format/Attribute.h"
+#include "hspc/format/AttributeDescription.h"
 #include "hspc/format/Config.h"
+#include "hspc/format/JsonInfo.h"
 #include "hspc/format/Loggers.h"
 
 namespace HSPC
@@ -56,6 +59,18 @@ struct RuntimeConfig
     std::string tempLeafBufferPrefix;
     std::string tempRasterLeafPrefix;
     bool progressive = false;
+    // What the first stage drops, from the encoding record: a point in the same integer cell as the one before
+    // it, and, with filterBox, a point outside the closed box [filterMin, filterMax] (real coordinates).
+    bool filterDuplicates = true;
+    bool filterBox = false;
+    std::array<double, 3> filterMin{};
+    std::array<double, 3> filterMax{};
+    // Sorted batches are compressed before they go to a temporary file, and kept so when that pays off.
+    bool compressBatches = false;
+    // The client's JSON (meta data and statistics requests) and the statistics it asks for, parsed once
+    // when the converter is set up.
+    std::function<JsonInfo()> requestJsonConfig;
+    std::vector<HistogramSpec> statisticsRequests;
     // Threads of the conversion. The input thread count is the caller's reservedThreads; signed so that an
     // over-large reservation shows up as negative instead of wrapping.
     int32_t reservedThreads = 2;
@@ -109,8 +124,9 @@ inline constexpr uint32_t kDefaultReservedThreads = 3;
 MachineFigures currentMachineFigures();
 
 // Takes over what the encoding record decides before the runtime record is resolved: the expected input
-// size, which initializeRuntimeConfig needs, and the node sizes. A maxNodeSize below nodeSize is replaced by
-// nodeSize plus eight times nodeOverflowPerChild, except in a progressive run.
+// size, which initializeRuntimeConfig needs, the node sizes, the filters, batch compression and the client's
+// JSON. A maxNodeSize below nodeSize is replaced by nodeSize plus eight times nodeOverflowPerChild, except in
+// a progressive run.
 void applyEncodingConfig(const PointCloudEncodingConfig& encoding, RuntimeConfig& runtime);
 
 // Resolves the caller's records into `runtime` and logs the resulting origin, scale, memory and thread
