@@ -5,23 +5,28 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <condition_variable>
 #include <filesystem>
 #include <functional>
-#include <future>
 #include <map>
 #include <memory>
+#include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
+#include "hspc/convert/BinaryRecordImporter.h"
 #include "hspc/convert/ConversionFailure.h"
 #include "hspc/convert/Converter.h"
 #include "hspc/convert/ConverterProcessManager.h"
 #include "hspc/convert/FailureReport.h"
 #include "hspc/convert/Importer.h"
 #include "hspc/convert/ProcessHandle.h"
+#include "hspc/convert/RecordSource.h"
 #include "hspc/format/Config.h"
+#include "support/LittleEndianBytes.h"
 #include "support/MessageLog.h"
 #include "support/TempFolder.h"
 
@@ -413,4 +418,191 @@ TEST(StaticConversion, InputTreesFailBeforeAnyImporterIsRead)
     EXPECT_LT(findPrefix(setup.infos.lines, "Rawsort:      elapsed: "), setup.infos.lines.size());
     EXPECT_LT(findPrefix(setup.infos.lines, "Distribution: elapsed: "), setup.infos.lines.size());
     EXPECT_EQ(setup.progress, (std::vector<ProgressReport>{{0, "Run started"}}));
+}
+
+namespace
+{
+
+// Raw records of x, y, z in millimetres (I32), 16-bit colours and an intensity, spread over a few metres.
+constexpr const char* kRecordDescription = R"({"attribute-description": [
+    {"attribute": {"name": "X", "role": "X", "type": "I32"}, "scale": 0.001},
+    {"attribute": {"name": "Y", "role": "Y", "type": "I32"}, "scale": 0.001},
+    {"attribute": {"name": "Z", "role": "Z", "type": "I32"}, "scale": 0.001},
+    {"attribute": {"name": "Red", "role": "R", "type": "U16"}},
+    {"attribute": {"name": "Green", "role": "G", "type": "U16"}},
+    {"attribute": {"name": "Blue", "role": "B", "type": "U16"}},
+    {"attribute": {"name": "Intensity", "role": "INTENSITY", "type": "U16"}}]})";
+
+std::shared_ptr<std::vector<uint8_t>> recordsFrom(uint64_t first, uint64_t count)
+{
+    auto bytes = std::make_shared<std::vector<uint8_t>>();
+    for (uint64_t point = first; point < first + count; ++point)
+    {
+        for (unsigned axis = 0; axis < 3; ++axis)
+            pcp_test::put(*bytes, int32_t(point * (7919 + axis * 104729) % 5000003));
+        for (unsigned channel = 0; channel < 4; ++channel)
+            pcp_test::put(*bytes, uint16_t(point * (channel + 3)));
+    }
+    return bytes;
+}
+
+EncodingAttribute encoded(uint8_t type, uint8_t role, std::string name, std::optional<double> defaultValue = {})
+{
+    EncodingAttribute attribute;
+    attribute.attribute = Attribute{type, role, std::move(name)};
+    attribute.defaultValue = defaultValue;
+    return attribute;
+}
+
+// The converter's records for the importers below: the importers deliver the encoded layout, a millimetre
+// grid with 8-bit colours, so the input attributes are the encoded ones. Small batches make many of them.
+void convertRecords(ConversionSetup& setup)
+{
+    setup.basic.attributes = {{AttributeType::M96, AttributeRole::POSITION, "POSITION"},
+                              {AttributeType::U8, AttributeRole::R, "Red"},
+                              {AttributeType::U8, AttributeRole::G, "Green"},
+                              {AttributeType::U8, AttributeRole::B, "Blue"},
+                              {AttributeType::U16, AttributeRole::INTENSITY, "Intensity"}};
+    setup.advanced.batchSize = 64 * 1024;
+    setup.advanced.reservedThreads = 2;
+}
+
+std::shared_ptr<Importer> recordImporter(const ConversionSetup& setup, uint64_t first, uint64_t count,
+                                         const LogFunction& errorLogger)
+{
+    EncodingTarget target;
+    target.attributes = {encoded(AttributeType::M96, AttributeRole::POSITION, "POSITION"),
+                         encoded(AttributeType::U8, AttributeRole::R, "Red", 255.0),
+                         encoded(AttributeType::U8, AttributeRole::G, "Green", 255.0),
+                         encoded(AttributeType::U8, AttributeRole::B, "Blue", 255.0),
+                         encoded(AttributeType::U16, AttributeRole::INTENSITY, "Intensity")};
+    target.origin = setup.basic.origin;
+    target.scale = setup.basic.scale;
+    return BinaryRecordImporter::create(kRecordDescription, makeMemorySource(recordsFrom(first, count)), target,
+                                        EncodingFlags{}, errorLogger);
+}
+
+// Passes everything on to another importer, but calls `onPause` on its `pauseAt`-th request for points
+// first, so that a test can act while a stage is surely reading.
+class PausingImporter : public Importer
+{
+public:
+    PausingImporter(std::shared_ptr<Importer> inner, int pauseAt) : m_inner(std::move(inner)), m_pauseAt(pauseAt) {}
+
+    ReadResult readBatch(HSPCBuffer<uint8_t>& buffer, uint64_t maxBytes) override
+    {
+        if (++m_requests == m_pauseAt)
+            onPause();
+        return m_inner->readBatch(buffer, maxBytes);
+    }
+    bool convertBatch(HSPCBuffer<uint8_t>& input, HSPCBuffer<uint8_t>& output) const override
+    {
+        return m_inner->convertBatch(input, output);
+    }
+    std::array<double, 3> origin() const override { return m_inner->origin(); }
+    std::array<double, 3> scale() const override { return m_inner->scale(); }
+
+    std::function<void()> onPause;
+
+private:
+    std::shared_ptr<Importer> m_inner;
+    int m_pauseAt;
+    int m_requests = 0;
+};
+
+}  // namespace
+
+TEST(StaticConversion, ReadsEveryImporterThroughTheRawSortAndLeavesNoTemporaryFile)
+{
+    ConversionSetup setup;
+    convertRecords(setup);
+    Converter converter(setup.basic, setup.advanced, setup.encoding);
+    ASSERT_TRUE(converter.isConfigured()) << setup.errors.lines.at(0);
+    for (uint64_t first : {0u, 30000u, 60000u})
+    {
+        std::shared_ptr<Importer> importer = recordImporter(setup, first, 30000, setup.errors.logger());
+        ASSERT_NE(importer, nullptr) << setup.errors.lines.at(0);
+        ASSERT_TRUE(converter.addImporter(importer));
+    }
+    EXPECT_EQ(converter.run(), 1);
+
+    EXPECT_TRUE(contains(setup.infos.lines, "Total  point count after raw sort = 90000"));
+    ASSERT_EQ(setup.progress.size(), 2u);
+    EXPECT_EQ(setup.progress[0], (ProgressReport{0, "Run started"}));
+    EXPECT_EQ(setup.progress[1].percent, 50);
+    EXPECT_EQ(setup.progress[1].message.rfind("Finished raw sort after ", 0), 0u) << setup.progress[1].message;
+    // The runs were complete, and only the missing distribution failed the run.
+    ASSERT_EQ(setup.errors.lines.size(), 3u) << setup.errors.lines.at(0);
+    EXPECT_EQ(setup.errors.lines[0], "Static conversion failed. Number of failures: 1");
+    EXPECT_NE(setup.errors.lines[1].find("the point distribution is not available"), std::string::npos);
+    EXPECT_TRUE(fs::is_empty(setup.folder.path() / "tmp"));
+    EXPECT_TRUE(fs::is_empty(setup.folder.path() / "out"));
+}
+
+TEST(StaticConversion, CancelFromAnotherThreadOrBeforeTheRunStopsTheRawSort)
+{
+    const std::string cancelled = "Recording main thread: process got cancelled!";
+    {
+        ConversionSetup setup;
+        convertRecords(setup);
+        Converter converter(setup.basic, setup.advanced, setup.encoding);
+        // Far more points than the run will read: the cancel comes while the importer is in the middle.
+        const auto importer =
+            std::make_shared<PausingImporter>(recordImporter(setup, 0, 400000, setup.errors.logger()), 3);
+        ASSERT_TRUE(converter.addImporter(importer));
+        // The importer holds its reader until the cancel has been made; the run's end also wakes the test, so
+        // that a stage that never reads fails the test instead of hanging it.
+        std::mutex mutex;
+        std::condition_variable changed;
+        bool reading = false;
+        bool cancelMade = false;
+        bool returned = false;
+        importer->onPause = [&] {
+            std::unique_lock lock(mutex);
+            reading = true;
+            changed.notify_all();
+            changed.wait(lock, [&] { return cancelMade; });
+        };
+        int result = 0;
+        std::thread conversion([&] {
+            result = converter.run();
+            std::lock_guard lock(mutex);
+            returned = true;
+            changed.notify_all();
+        });
+        {
+            std::unique_lock lock(mutex);
+            changed.wait(lock, [&] { return reading || returned; });
+        }
+        converter.processHandle().cancel();
+        {
+            std::lock_guard lock(mutex);
+            cancelMade = true;
+            changed.notify_all();
+        }
+        conversion.join();
+        ASSERT_TRUE(reading) << "the raw sort never asked for points: " << setup.errors.lines.at(1);
+
+        EXPECT_EQ(result, 1);
+        EXPECT_TRUE(converter.processHandle().finished());
+        ASSERT_GE(setup.errors.lines.size(), 3u);
+        EXPECT_NE(findPrefix(setup.errors.lines, "Failure # 0 : message=" + cancelled + " : time="),
+                  setup.errors.lines.size())
+            << setup.errors.lines[1];
+        EXPECT_EQ(setup.errors.lines.back(), "Conversion failed.");
+        EXPECT_FALSE(contains(setup.infos.lines, "Total  point count after raw sort = 400000"));
+        EXPECT_TRUE(fs::is_empty(setup.folder.path() / "tmp"));
+    }
+    {
+        ConversionSetup setup;
+        convertRecords(setup);
+        Converter converter(setup.basic, setup.advanced, setup.encoding);
+        ASSERT_TRUE(converter.addImporter(recordImporter(setup, 0, 30000, setup.errors.logger())));
+        converter.processHandle().cancel();
+        EXPECT_EQ(converter.run(), 1);
+        ASSERT_GE(setup.errors.lines.size(), 2u);
+        EXPECT_EQ(setup.errors.lines[1].rfind("Failure # 0 : message=" + cancelled + " : time=", 0), 0u)
+            << setup.errors.lines[1];
+        EXPECT_TRUE(fs::is_empty(setup.folder.path() / "tmp"));
+    }
 }
