@@ -7,9 +7,13 @@
 #include <random>
 #include <vector>
 
+#include "HspcBenchRecords.h"
 #include "hspc/convert/BinaryRecordImporter.h"
 
 using namespace HSPC;
+using pcp_bench::kDescription;
+using pcp_bench::millimetreGrid;
+using pcp_bench::randomRecords;
 
 namespace
 {
@@ -17,53 +21,9 @@ namespace
 constexpr uint64_t kPoints = 1 << 20;
 constexpr uint64_t kBatchPoints = 1 << 16;
 
-// x, y, z as F64 in metres, then R, G, B and intensity as U16: 32 bytes a record.
-constexpr const char* kDescription = R"({"attribute-description": [
-    {"attribute": {"name": "X", "role": "X", "type": "F64"}},
-    {"attribute": {"name": "Y", "role": "Y", "type": "F64"}},
-    {"attribute": {"name": "Z", "role": "Z", "type": "F64"}},
-    {"attribute": {"name": "Red", "role": "R", "type": "U16"}},
-    {"attribute": {"name": "Green", "role": "G", "type": "U16"}},
-    {"attribute": {"name": "Blue", "role": "B", "type": "U16"}},
-    {"attribute": {"name": "Intensity", "role": "INTENSITY", "type": "U16"}}]})";
-
-std::shared_ptr<std::vector<uint8_t>> randomRecords()
-{
-    std::mt19937_64 random(1);
-    std::uniform_real_distribution<double> metres(-500.0, 500.0);
-    auto bytes = std::make_shared<std::vector<uint8_t>>(kPoints * 32);
-    for (uint64_t point = 0; point < kPoints; ++point)
-    {
-        uint8_t* record = bytes->data() + point * 32;
-        const double xyz[3] = {metres(random), metres(random), metres(random)};
-        const uint64_t bits = random();
-        std::memcpy(record, xyz, 24);
-        std::memcpy(record + 24, &bits, 8);
-    }
-    return bytes;
-}
-
-EncodingTarget millimetreGrid()
-{
-    auto attribute = [](uint8_t type, uint8_t role, const char* name)
-    {
-        EncodingAttribute encoding;
-        encoding.attribute = Attribute{type, role, name};
-        return encoding;
-    };
-    EncodingTarget target;
-    target.attributes = {attribute(AttributeType::M96, AttributeRole::POSITION, "POSITION"),
-                         attribute(AttributeType::U8, AttributeRole::R, "Red"),
-                         attribute(AttributeType::U8, AttributeRole::G, "Green"),
-                         attribute(AttributeType::U8, AttributeRole::B, "Blue"),
-                         attribute(AttributeType::U16, AttributeRole::INTENSITY, "Intensity")};
-    target.scale = {0.001, 0.001, 0.001};
-    return target;
-}
-
 void readAndEncode(benchmark::State& state)
 {
-    const std::shared_ptr<std::vector<uint8_t>> records = randomRecords();
+    const std::shared_ptr<std::vector<uint8_t>> records = randomRecords(kPoints);
     HSPCBuffer<uint8_t> raw;
     HSPCBuffer<uint8_t> encoded;
     for (auto _ : state)

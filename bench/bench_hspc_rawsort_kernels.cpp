@@ -7,6 +7,8 @@
 #include <random>
 #include <vector>
 
+#include "hspc/convert/BatchFilters.h"
+#include "hspc/convert/LeafStepKernels.h"
 #include "hspc/convert/MortonRecords.h"
 #include "hspc/convert/MortonSort.h"
 #include "hspc/format/TrackedMemory.h"
@@ -54,6 +56,13 @@ HSPCBuffer<uint8_t> batch(KeyOrder order)
     return records;
 }
 
+HSPCBuffer<uint8_t> sortedBatch()
+{
+    HSPCBuffer<uint8_t> records = batch(KeyOrder::kRandom);
+    sortRecordsByMorton<uint32_t>(records.data(), kBatchPoints, kRecordSize);
+    return records;
+}
+
 void sortBatch(benchmark::State& state)
 {
     const HSPCBuffer<uint8_t> original = batch(KeyOrder(state.range(0)));
@@ -69,7 +78,50 @@ void sortBatch(benchmark::State& state)
     state.SetItemsProcessed(int64_t(state.iterations()) * int64_t(kBatchPoints));
 }
 
+// A sorted batch as the filters see it: duplicates on, and a box that every point lies in, so that each point
+// is decoded and tested and none moves; and a box that drops every other point, which moves half the batch.
+void filterBatch(benchmark::State& state)
+{
+    const HSPCBuffer<uint8_t> sorted = sortedBatch();
+    BatchFilter filter;
+    filter.box = true;
+    filter.scale = {1.0, 1.0, 1.0};
+    filter.min = {0.0, 0.0, 0.0};
+    filter.max = {state.range(0) == 0 ? 1e7 : double(1u << 19), 1e7, 1e7};
+    HSPCBuffer<uint8_t> records(sorted.size());
+    uint64_t kept = 0;
+    for (auto _ : state)
+    {
+        state.PauseTiming();
+        records.assign(sorted.begin(), sorted.end());
+        state.ResumeTiming();
+        const FilterCounts counts = filterSortedBatch<uint32_t>(records, kRecordSize, filter);
+        kept = counts.seen - counts.filtered;
+    }
+    state.counters["kept"] = double(kept);
+    state.SetItemsProcessed(int64_t(state.iterations()) * int64_t(kBatchPoints));
+}
+
+// The leaf step's passes over a sorted batch: the occupancy table, then the cell list at the lod where the
+// batch comes down to 1/64 of its points in cells.
+void leafStep(benchmark::State& state)
+{
+    const HSPCBuffer<uint8_t> sorted = sortedBatch();
+    std::size_t cells = 0;
+    for (auto _ : state)
+    {
+        const Occupancy occupancy = occupancyTable<uint32_t>(sorted.data(), kBatchPoints, kRecordSize);
+        const unsigned lod = firstLodReaching(occupancy.cells, kBatchPoints / 64);
+        cells = cellList<uint32_t>(sorted.data(), kBatchPoints, kRecordSize, lod).size();
+        benchmark::DoNotOptimize(cells);
+    }
+    state.counters["cells"] = double(cells);
+    state.SetItemsProcessed(int64_t(state.iterations()) * int64_t(kBatchPoints));
+}
+
 BENCHMARK(sortBatch)->ArgName("order")->Arg(0)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond);
+BENCHMARK(filterBatch)->ArgName("drop_half")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(leafStep)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 

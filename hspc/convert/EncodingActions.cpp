@@ -45,11 +45,6 @@ bool isInteger(uint8_t type)
 {
     return isUnsignedInteger(type) || isSignedInteger(type);
 }
-bool isCoordinateType(uint8_t type)
-{
-    return type == AttributeType::U32 || type == AttributeType::U64 || type == AttributeType::I32 ||
-           type == AttributeType::I64 || isFloat(type);
-}
 
 bool isColor(uint8_t role)
 {

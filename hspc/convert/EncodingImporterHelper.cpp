@@ -1,8 +1,8 @@
 #include "hspc/convert/EncodingImporterHelper.h"
 
-#include <cmath>
 #include <utility>
 
+#include "hspc/format/CellMapping.h"
 #include "hspc/format/LittleEndian.h"
 #include "hspc/format/TrackedMemory.h"
 
@@ -10,32 +10,6 @@ namespace HSPC
 {
 namespace
 {
-
-// Real positions onto the target grid: round half away from zero, and of the signed 64-bit cell keep the
-// low 32 bits, as an M96 code holds 32 bits per axis.
-class GridMapping
-{
-public:
-    GridMapping(const std::array<double, 3>& origin, const std::array<double, 3>& scale)
-        : m_origin(origin), m_inverseScale{1.0 / scale[0], 1.0 / scale[1], 1.0 / scale[2]}
-    {
-    }
-
-    MortonIndex3D<uint32_t> encode(const double* xyz) const
-    {
-        std::array<int32_t, 3> cell{};
-        for (unsigned axis = 0; axis < 3; ++axis)
-        {
-            const long rounded = std::lround((xyz[axis] - m_origin[axis]) * m_inverseScale[axis]);
-            cell[axis] = int32_t(uint32_t(uint64_t(rounded)));
-        }
-        return encodeMortonSigned<uint32_t>(cell[0], cell[1], cell[2]);
-    }
-
-private:
-    std::array<double, 3> m_origin;
-    std::array<double, 3> m_inverseScale;
-};
 
 // Runs the actions over every record; `positionOf(point, record)` gives the record's Morton code.
 template <typename PositionOf>
@@ -105,7 +79,11 @@ template <typename T>
 bool EncodingImporterHelper::encodeRecords(const uint8_t* source, uint64_t pointCount, uint8_t* target,
                                            uint64_t firstPointNumber) const
 {
-    const GridMapping grid(m_origin, m_scale);
+    // M96 keeps the low 32 bits of each signed cell.
+    const CellMapping grid(m_origin, m_scale);
+    const auto encode = [&grid](const double* xyz) {
+        return grid.encode<uint32_t>({xyz[0], xyz[1], xyz[2]});
+    };
     const uint32_t recordSize = m_plan.sourceRecordSize;
     auto realPosition = [&](const uint8_t* record, double* xyz)
     {
@@ -132,7 +110,7 @@ bool EncodingImporterHelper::encodeRecords(const uint8_t* source, uint64_t point
     {
         return runActions(m_interpreter, m_plan, source, pointCount, target, firstPointNumber,
                           [&](uint64_t point, const uint8_t*)
-                          { return grid.encode(transformed.data() + 3 * point); });
+                          { return encode(transformed.data() + 3 * point); });
     }
     return runActions(m_interpreter, m_plan, source, pointCount, target, firstPointNumber,
                       [&](uint64_t, const uint8_t* record)
@@ -143,7 +121,7 @@ bool EncodingImporterHelper::encodeRecords(const uint8_t* source, uint64_t point
                           {
                               m_transformation(xyz);
                           }
-                          return grid.encode(xyz);
+                          return encode(xyz);
                       });
 }
 

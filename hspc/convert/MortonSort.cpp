@@ -48,8 +48,8 @@ public:
             return;
         }
         HSPCBuffer<uint8_t> scratch(count * Size);
-        sortRange(records, reinterpret_cast<Record*>(scratch.data()), count, highestVaryingByte(records, count),
-                  true);
+        sortRange(records, reinterpret_cast<Record*>(scratch.data()), count,
+                  highestVaryingByte(records, count), true);
     }
 
 private:

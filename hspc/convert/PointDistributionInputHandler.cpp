@@ -15,19 +15,9 @@ void TempFileQueue::push(TempFileData&& item)
     m_queue.push(std::move(item));
 }
 
-std::optional<TempFileData> TempFileQueue::tryPop()
+void TempFileQueue::done(const TempFileData& item)
 {
-    std::optional<TempFileData> item = m_queue.tryPop();
-    taken(item);
-    return item;
-}
-
-void TempFileQueue::taken(const std::optional<TempFileData>& item)
-{
-    if (item)
-    {
-        m_bytes.fetch_sub(item->bytes.capacity());
-    }
+    m_bytes.fetch_sub(item.bytes.capacity());
 }
 
 namespace
@@ -54,7 +44,7 @@ PointDistributionInputHandler<W>::PointDistributionInputHandler(const RuntimeCon
 {
     // The encoding attributes passed the converter's checks, so only a caller's own list can fail here; the
     // statistics then stay empty and the raw sort reports it.
-    m_statistics.initialize(config.encodingAttributes, {}, config.errorLogger);
+    m_statistics.initialize(config.encodingAttributes, config.statisticsRequests, config.errorLogger);
 }
 
 template <typename W>
@@ -139,6 +129,13 @@ template <typename W>
 void PointDistributionInputHandler<W>::discardAll()
 {
     std::lock_guard lock(m_mutex);
+    for (TempFileQueue* queue : {&m_rawTempQueue, &m_leafBufferQueue, &m_rasterLeafQueue})
+    {
+        while (std::optional<TempFileData> item = queue->tryPop())
+        {
+            queue->done(*item);
+        }
+    }
     for (const ReadBuffer<W>& run : m_readList)
     {
         deleteFile(tempPointFile(run.fileNumber));

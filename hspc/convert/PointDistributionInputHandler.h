@@ -32,28 +32,27 @@ struct TempFileData
     HSPCBuffer<uint8_t> bytes;
 };
 
-// A queue of temp file contents that knows how many bytes it holds, for the stage's memory test.
+// A queue of temp file contents that knows how many bytes it holds, for the stage's memory test. An item
+// counts from its push until its writer calls done: the bytes stay counted while they are written.
 class TempFileQueue
 {
 public:
     void push(TempFileData&& item);
-    std::optional<TempFileData> tryPop();
+    std::optional<TempFileData> tryPop() { return m_queue.tryPop(); }
     // Waits for an item while `stop()` is false; see ConcurrentQueue::pop.
     template <typename Stop>
     std::optional<TempFileData> pop(Stop&& stop)
     {
-        std::optional<TempFileData> item = m_queue.pop(std::forward<Stop>(stop));
-        taken(item);
-        return item;
+        return m_queue.pop(std::forward<Stop>(stop));
     }
+    // The item popped is written, or dropped.
+    void done(const TempFileData& item);
     void wakeWaiters() { m_queue.wakeWaiters(); }
     bool empty() const { return m_queue.empty(); }
-    // Capacity of the queued buffers: what they really hold in memory.
+    // Capacity of the buffers queued or being written: what they really hold in memory.
     uint64_t bytes() const { return m_bytes.load(); }
 
 private:
-    void taken(const std::optional<TempFileData>& item);
-
     ConcurrentQueue<TempFileData> m_queue;
     std::atomic<uint64_t> m_bytes{0};
 };
@@ -95,8 +94,8 @@ public:
     uint64_t queuedBytes() const;
     bool queuesEmpty() const;
 
-    // Initialised from the encoding attributes; a caller with histogram requests initialises it again before
-    // the raw sort. Workers copy it as the template of their own and merge theirs back.
+    // Set up from the encoding attributes and the client's statistics requests. Workers copy it as the
+    // template of their own and merge theirs back.
     AttributeStatistics& statistics() { return m_statistics; }
     const AttributeStatistics& statistics() const { return m_statistics; }
 
@@ -118,8 +117,8 @@ public:
     TempFileStore& tempFiles() { return *m_tempFiles; }
     void setTempFileStore(std::shared_ptr<TempFileStore> store) { m_tempFiles = std::move(store); }
 
-    // Deletes every temp file the handler knows of and forgets them all, runs and leaf entries with them. A
-    // file that cannot be deleted is named on the warning logger.
+    // Deletes every temp file the handler knows of and forgets them all, runs, leaf entries and queued data
+    // with them. A file that cannot be deleted is named on the warning logger.
     void discardAll();
 
 private:

@@ -26,6 +26,8 @@
 #include <optional>
 #include <vector>
 
+#include "hspc/convert/LeafStepKernels.h"
+#include "hspc/convert/MortonRecords.h"
 #include "hspc/format/LittleEndian.h"
 #include "hspc/format/MortonIndex3D.h"
 #include "hspc/format/TrackedMemory.h"
@@ -49,17 +51,6 @@ struct LeafEntry
 template <typename W>
 inline constexpr uint32_t kCellEntrySize = MortonIndex3D<W>::kBytes + 4;
 
-// The lowest and highest Morton index of a run's points in one octant of the root, and the number of levels
-// at which they differ (commonLodCount); an octant without points has count 0.
-template <typename W>
-struct OctantRange
-{
-    MortonIndex3D<W> lowest;
-    MortonIndex3D<W> highest;
-    uint8_t commonLod = 0;
-    uint32_t count = 0;
-};
-
 // One sorted run of points: a batch that survived filtering, written to the temp point file of its number.
 template <typename W>
 struct ReadBuffer
@@ -67,7 +58,8 @@ struct ReadBuffer
     uint32_t fileNumber = 0;
     MortonIndex3D<W> first;
     MortonIndex3D<W> last;
-    std::array<OctantRange<W>, 8> octants{};
+    // Per root octant the run's share; nothing for an octant without points.
+    std::array<std::optional<OctantRange<W>>, 8> octants{};
     uint32_t pointCount = 0;
     uint8_t cutLod = 0;
     // The run's cell list at cutLod as packed cell entries; empty once spilled to cellFile.
@@ -80,23 +72,9 @@ struct ReadBuffer
 };
 
 template <typename W>
-inline void storeMorton(uint8_t* out, const MortonIndex3D<W>& index)
-{
-    std::memcpy(out, index.words.data(), MortonIndex3D<W>::kBytes);
-}
-
-template <typename W>
-inline MortonIndex3D<W> loadMorton(const uint8_t* in)
-{
-    MortonIndex3D<W> index;
-    std::memcpy(index.words.data(), in, MortonIndex3D<W>::kBytes);
-    return index;
-}
-
-template <typename W>
 inline void storeLeafEntry(uint8_t* out, const LeafEntry<W>& entry)
 {
-    storeMorton(out, entry.index);
+    storeMortonKey(out, entry.index);
     little_endian::store<uint32_t>(out + MortonIndex3D<W>::kBytes, entry.count);
     out[MortonIndex3D<W>::kBytes + 4] = entry.lod;
 }
@@ -105,7 +83,7 @@ template <typename W>
 inline LeafEntry<W> loadLeafEntry(const uint8_t* in)
 {
     LeafEntry<W> entry;
-    entry.index = loadMorton<W>(in);
+    entry.index = loadMortonKey<W>(in);
     entry.count = little_endian::load<uint32_t>(in + MortonIndex3D<W>::kBytes);
     entry.lod = in[MortonIndex3D<W>::kBytes + 4];
     return entry;

@@ -113,6 +113,12 @@ bool isFloat(uint8_t type)
     return type == AttributeType::F32 || type == AttributeType::F64;
 }
 
+bool isCoordinateType(uint8_t type)
+{
+    return type == AttributeType::U32 || type == AttributeType::U64 || type == AttributeType::I32 ||
+           type == AttributeType::I64 || isFloat(type);
+}
+
 std::string getRoleName(uint8_t role)
 {
     for (const RoleName& entry : kRoleNames)

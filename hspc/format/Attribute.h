@@ -126,6 +126,8 @@ bool isMortonType(uint8_t type);
 bool isUnsignedInteger(uint8_t type);
 bool isSignedInteger(uint8_t type);
 bool isFloat(uint8_t type);
+// The types that x, y and z may have in a source: 32- and 64-bit integers and floats.
+bool isCoordinateType(uint8_t type);
 
 // A point record packs its attributes in list order without padding.
 uint32_t recordSize(const std::vector<Attribute>& attributes);
