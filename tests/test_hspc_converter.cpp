@@ -609,64 +609,19 @@ TEST(StaticConversion, CancelFromAnotherThreadOrBeforeTheRunStopsTheRawSort)
     }
 }
 
-namespace
-{
-
-// Hands out `count` records of I32 x, y, z and a U16 intensity in one batch, as they are: the stage puts the
-// position on the grid itself.
-class CoordinateImporter : public Importer
-{
-public:
-    explicit CoordinateImporter(uint32_t count) : m_count(count) {}
-
-    ReadResult readBatch(HSPCBuffer<uint8_t>& buffer, uint64_t) override
-    {
-        if (m_done)
-            return ReadResult::kEnd;
-        m_done = true;
-        pcp_test::Bytes bytes;
-        for (uint32_t point = 0; point < m_count; ++point)
-        {
-            for (int32_t axis = 0; axis < 3; ++axis)
-                pcp_test::put(bytes, int32_t(point * (axis + 1)) - 500);
-            pcp_test::put(bytes, uint16_t(point));
-        }
-        buffer.assign(bytes.begin(), bytes.end());
-        return ReadResult::kData;
-    }
-    bool convertBatch(HSPCBuffer<uint8_t>& input, HSPCBuffer<uint8_t>& output) const override
-    {
-        output = std::move(input);
-        return true;
-    }
-    std::array<double, 3> origin() const override { return {}; }
-    std::array<double, 3> scale() const override { return {1.0, 1.0, 1.0}; }
-
-private:
-    uint32_t m_count;
-    bool m_done = false;
-};
-
-}  // namespace
-
 TEST(StaticConversion, TakesTheMortonWordFromThePositionType)
 {
     // The converter's checks admit only 32-bit codes; the stages themselves also run on 64-bit codes.
     ConversionSetup setup;
     setup.advanced.positionType = AttributeType::M192;
-    setup.basic.scale = {1.0, 1.0, 1.0};
     RuntimeConfig runtime;
     initializeRuntimeConfig(setup.basic, setup.advanced, runtime);
-    setTempPrefixes(runtime, 7);
     ASSERT_EQ(runtime.encodingAttributes[0].type, AttributeType::M192);
     ProcessHandle handle;
-    CoordinateImporter importer(1000);
-    const ConversionFailures wide = staticConversion(runtime, {}, {&importer}, handle);
+    const ConversionFailures wide = staticConversion(runtime, {}, {}, handle);
     ASSERT_EQ(wide.size(), 1u);
     EXPECT_EQ(wide[0].code, FailureCode::kStage);
     EXPECT_NE(wide[0].message.find("the point distribution is not available"), std::string::npos);
-    EXPECT_TRUE(contains(setup.infos.lines, "Total  point count after raw sort = 1000"));
-    EXPECT_TRUE(fs::is_empty(setup.folder.path() / "tmp"));
 
     runtime.encodingAttributes[0].type = AttributeType::F64;
     const ConversionFailures unknown = staticConversion(runtime, {}, {}, handle);
