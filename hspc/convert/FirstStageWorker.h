@@ -15,7 +15,7 @@ template <typename W>
 struct FirstStageCollector
 {
     explicit FirstStageCollector(StaticRawSortProcessHandler<W>& manager)
-        : processor(manager, manager.input().statistics())
+        : processor(manager, manager.input().blankStatistics())
     {
     }
 

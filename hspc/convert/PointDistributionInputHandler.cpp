@@ -45,6 +45,7 @@ PointDistributionInputHandler<W>::PointDistributionInputHandler(const RuntimeCon
     // The encoding attributes passed the converter's checks, so only a caller's own list can fail here; the
     // statistics then stay empty and the raw sort reports it.
     m_statistics.initialize(config.encodingAttributes, config.statisticsRequests, config.errorLogger);
+    m_blankStatistics = m_statistics;
 }
 
 template <typename W>

@@ -94,10 +94,13 @@ public:
     uint64_t queuedBytes() const;
     bool queuesEmpty() const;
 
-    // Set up from the encoding attributes and the client's statistics requests. Workers copy it as the
-    // template of their own and merge theirs back.
+    // Set up from the encoding attributes and the client's statistics requests; workers merge theirs in as
+    // they end.
     AttributeStatistics& statistics() { return m_statistics; }
     const AttributeStatistics& statistics() const { return m_statistics; }
+    // What a worker starts its own statistics from: set up like statistics() but never merged into, so that a
+    // worker starting late does not read what an early one is merging.
+    const AttributeStatistics& blankStatistics() const { return m_blankStatistics; }
 
     // Takes over a worker's results under the handler's lock: its leaf entries merge into the merged leaf
     // array, its runs join the read list and its file numbers the file lists. False, with the reason on the
@@ -134,6 +137,7 @@ private:
 
     mutable std::mutex m_mutex;
     AttributeStatistics m_statistics;
+    AttributeStatistics m_blankStatistics;
     std::vector<LeafEntry<W>> m_mergedLeaves;
     std::vector<ReadBuffer<W>> m_readList;
     std::vector<uint32_t> m_leafBufferFiles;
