@@ -94,6 +94,7 @@ TEST(RuntimeConfigThreads, HardwareMinusReservationWithFloors)
     const Case cases[] = {
         {8, 0, 0, 3, 4, 4},
         {4, 0, 0, 3, 1, 2},
+        {2, 3, 0, 3, 1, 2},
         {8, 30, 0, 30, 1, 2},  // reserving more than the machine has still leaves one worker
         {64, 1, 1, 1, 1, 1},   // a forced count holds for every stage
     };

@@ -1,0 +1,80 @@
+#include "hspc/convert/StaticConversion.h"
+
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+
+#include "hspc/convert/PointDistributionInputHandler.h"
+#include "hspc/convert/RawSort.h"
+
+namespace HSPC
+{
+namespace
+{
+
+using Clock = std::chrono::steady_clock;
+
+std::string secondsSince(Clock::time_point start)
+{
+    const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    char text[32];
+    std::snprintf(text, sizeof text, "%.3f", seconds);
+    return text;
+}
+
+template <typename W>
+ConversionFailures staticConversionOf(const RuntimeConfig& runtime, const std::vector<std::string>& inputTrees,
+                                      const std::vector<Importer*>& importers, ProcessHandle& handle)
+{
+    const Clock::time_point start = Clock::now();
+    ConversionFailures failures;
+    if (!inputTrees.empty())
+    {
+        failures.push_back(
+            makeFailure(FailureCode::kTempFile, "Use of inputTreeArray is deprecated, use HSPCImporter instead!"));
+    }
+    // Owns the temporary files from here on: whatever the stages leave behind goes with it.
+    PointDistributionInputHandler<W> input(runtime);
+
+    // Importers of data sets already on the target's grid will hand over their nodes without a sort. No
+    // importer of data sets exists yet, so every importer is raw input and there is no aligned input to add.
+    const std::vector<Importer*>& rawImporters = importers;
+    if (!rawImporters.empty() && failures.empty())
+    {
+        failures = rawSort<W>(runtime, rawImporters, input, handle);
+        runtime.progressLogger(50, "Finished raw sort after " + secondsSince(start) + "[s].");
+    }
+    runtime.infoLogger("Rawsort:      elapsed: " + secondsSince(start) + " [s].");
+
+    const Clock::time_point distributionStart = Clock::now();
+    if (failures.empty())
+    {
+        // The sorted runs are complete here, but nothing turns them into nodes yet: say so instead of
+        // reporting a data set that was never written.
+        failures.push_back(makeFailure(FailureCode::kStage,
+                                       "staticConversion: the point distribution is not available in this "
+                                       "build; the sorted points were not written as a data set."));
+    }
+    runtime.infoLogger("Distribution: elapsed: " + secondsSince(distributionStart) + " [s].");
+    return failures;
+}
+
+}  // namespace
+
+ConversionFailures staticConversion(const RuntimeConfig& runtime, const std::vector<std::string>& inputTrees,
+                                    const std::vector<Importer*>& importers, ProcessHandle& handle)
+{
+    const uint8_t positionType =
+        runtime.encodingAttributes.empty() ? uint8_t(AttributeType::UNDEFINED) : runtime.encodingAttributes[0].type;
+    switch (positionType)
+    {
+        case AttributeType::M96:
+            return staticConversionOf<uint32_t>(runtime, inputTrees, importers, handle);
+        case AttributeType::M192:
+            return staticConversionOf<uint64_t>(runtime, inputTrees, importers, handle);
+        default:
+            return {makeFailure(FailureCode::kNone, "staticConversion: could not determine type of Morton index.")};
+    }
+}
+
+}  // namespace HSPC
