@@ -171,13 +171,14 @@ uint64_t distributePoints(Node& node, const std::array<ExtentsI32, 8>& boxes, co
 {
     uint64_t read = 0;
     uint64_t outside = 0;
-    runPNT(pntFile,
-           [&](const IoLightPoint& point)
-           {
-               ++read;
-               if (!distributePoint(node, boxes, point, radiusFactor, scanId))
-                   ++outside;
-           });
+    // The node's file goes once it is distributed: its space goes to its children's files as it is read.
+    consumePNT(pntFile,
+               [&](const IoLightPoint& point)
+               {
+                   ++read;
+                   if (!distributePoint(node, boxes, point, radiusFactor, scanId))
+                       ++outside;
+               });
     counts.outsideBoxes += outside;
     return read;
 }

@@ -33,7 +33,8 @@ bool distributePoint(Node& node, const std::array<ExtentsI32, 8>& boxes, IoLight
 
 // Streams the points of a PNT file into the children: each goes to the first child whose box holds it. A
 // radius factor of 1 keeps the radii, 0 clears them, any other value scales them; `scanId` replaces the
-// points' own. Returns the number of points read.
+// points' own. The file is consumed (its bytes read as zeros afterwards) and is to be deleted. Returns the
+// number of points read.
 uint64_t distributePoints(Node& node, const std::array<ExtentsI32, 8>& boxes, const std::wstring& pntFile,
                           float radiusFactor, uint16_t scanId, TreeCounts& counts);
 

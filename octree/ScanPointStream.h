@@ -44,6 +44,7 @@ public:
 private:
     void read();
     bool push(Block block);
+    std::vector<IoLightPoint> spareVector();
 
     static constexpr size_t kWaitingBlocks = 4;
     const std::vector<Scan> m_scans;
