@@ -216,36 +216,6 @@ TEST(Octree, CancelsAndFailuresEndEachStageCleanly)
         EXPECT_EQ(build->finalPercentage(), "CANCEL") << stage;
     }
 
-    // A cancel while a worker builds a subtree in memory stops it before its next node. All points but one
-    // lie in the lowest octant, whose grandchildren still hold more than 65536 points each: the cancel
-    // comes once the first of them is done, when its children, four digits long, are written.
-    {
-        pcp_test::TempFolder temp;
-        OctreeBuild build(temp);
-        std::vector<IoLightPoint> points = sparsePoints(720000, 2'000'000, 5);
-        points.push_back(pointAt(8'000'000, 8'000'000, 8'000'000));
-        build.addScan(points);
-        const auto stemsOfLength = [&](size_t length)
-        {
-            std::set<std::string> stems;
-            for (const auto& entry : fs::directory_iterator(build.data()))
-                if (entry.path().extension() == ".pnz" && entry.path().stem().string().size() == length)
-                    stems.insert(entry.path().stem().string());
-            return stems;
-        };
-        EXPECT_EQ(pcp_test::errorText([&] { build.run(2, [&] { return !stemsOfLength(4).empty(); }); }),
-                  "Preprocessing cancelled by user.");
-        EXPECT_EQ(build.finalPercentage(), "CANCEL");
-        EXPECT_FALSE(build.logHas("Finished splitting threaded")) << build.log();
-        // The first grandchild is finished, the second never began, and nothing above them was merged.
-        const std::set<std::string> leaves = stemsOfLength(4);
-        EXPECT_FALSE(leaves.empty());
-        for (const std::string& stem : leaves)
-            EXPECT_EQ(stem.substr(0, 3), "000");
-        EXPECT_EQ(stemsOfLength(3), std::set<std::string>{"000"});
-        EXPECT_TRUE(stemsOfLength(2).empty());
-    }
-
     // A cancel test that throws on a worker thread, and a worker that cannot be started, fail the stage of
     // their pool with the reason in the log; nothing escapes a thread. The split pool starts the first two
     // threads, the merge pool the next two.
