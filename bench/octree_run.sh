@@ -41,8 +41,9 @@ make_tile "$points" small
 printf '\n'
 
 # Runs pcprep run on tile $2 with $3 threads and the further options into cache $work/$2-cache; prints one
-# line with label $1, or why there is none, and keeps the wall time in $work/$2-seconds. The cache stays until
-# the next run on that tile.
+# line with label $1, or why there is none, and keeps the wall time in $work/$2-seconds. With describe=1 the
+# tree's shape and its deflate floor go to $work/notes. The cache is deleted at once: a file system that has
+# just deleted thousands of files creates new ones more slowly for a while, which would burden the next run.
 time_run() {
   local label=$1
   local tile=$2
@@ -74,14 +75,23 @@ time_run() {
   awk -v l="$label" -v t="$threads" -v s="$seconds" -v u="$user" -v y="$system" -v k="$kilobytes" \
     -v n="${converted:-$input_points}" -v c="$cache_mb" -v load="$load" \
     'BEGIN { printf "%-14s %-8d %-10d %-8.2f %-8.2f %-12.0f %-8.0f %-9d %s\n", l, t, n, s, u + y, n / s, k / 1024, c, load }'
+  if [ "${describe:-0}" = 1 ] && [ -d "$cache/Data" ]; then
+    "$pcprep" info "$cache" 2> /dev/null |
+      awk -v t="$input_points" '$1 == "Tree" && $2 != "file" { sub(/^Tree */, ""); print "the octree of " t " points: " $0 }' \
+      >> "$work/notes" || true
+    [ -x "$floor" ] && "$floor" "$cache" >> "$work/notes"
+  fi
+  rm -rf "$cache"
 }
 
 printf 'run            threads  points     seconds  CPU s    points/s     peak MB  cache MB  load\n'
 time_run "convert only" small 2 --convert-only
 time_run "octree" small 1
 ratios=""
+: > "$work/notes"
 for ((run = 1; run <= runs; ++run)); do
   rm -f "$work/small-seconds" "$work/large-seconds"
+  describe=$((run == 1))
   time_run "octree" small 2
   if [ "$large_points" -gt 0 ]; then
     time_run "octree" large 2
@@ -91,16 +101,11 @@ for ((run = 1; run <= runs; ++run)); do
     fi
   fi
 done
+describe=0
 printf 'reference      2        %-10d 17.00             1200000      620      (best-known open LAS-to-octree converter)\n' \
   20000000
 [ -n "$ratios" ] && printf '\nlarge tile / small tile on two threads, per pair: %s times the time (target: at most 5.5)\n' \
   "$ratios"
 
-printf '\n'
-for tile in small large; do
-  [ -d "$work/$tile-cache/Data" ] || continue
-  "$pcprep" info "$work/$tile-cache" 2> /dev/null |
-    awk -v t="$tile" '$1 == "Tree" && $2 != "file" { sub(/^Tree */, ""); print "the " t " octree: " $0 }' || true
-  [ -x "$floor" ] && "$floor" "$work/$tile-cache"
-done
+[ -s "$work/notes" ] && printf '\n' && cat "$work/notes"
 exit 0
