@@ -5,8 +5,8 @@
 namespace pc_preprocess
 {
 
-ScanPointStream::ScanPointStream(std::vector<Scan> scans)
-    : m_scans(std::move(scans)), m_reader([this] { read(); })
+ScanPointStream::ScanPointStream(std::vector<Scan> scans, bool consume)
+    : m_scans(std::move(scans)), m_consume(consume), m_reader([this] { read(); })
 {
 }
 
@@ -72,8 +72,7 @@ void ScanPointStream::read()
                     return;
                 continue;
             }
-            // The scan's file is deleted once it is distributed: meanwhile its space goes to the children's.
-            PntPointStream stream(m_scans[scan].pntFile, true);
+            PntPointStream stream(m_scans[scan].pntFile, m_consume);
             const uint64_t total = stream.info().numPoints;
             uint64_t done = 0;
             do
