@@ -14,7 +14,6 @@
 #include "octree/NodeFilters.h"
 #include "octree/NodeSplit.h"
 #include "octree/ScanPointStream.h"
-#include "octree/SubtreeInMemory.h"
 #include "services/IntervalWriter.h"
 #include "services/Logger.h"
 
@@ -149,7 +148,7 @@ std::optional<std::array<ChildCensus, 8>> takeCensus(const std::vector<ScanInput
 // file. Its children's boxes need its own box, which only the census knows before the points come.
 bool splitsWhileDistributed(const ChildCensus& census, Node& child, const SplitSettings& settings)
 {
-    if (census.count <= kSubtreePointBudget)
+    if (census.count <= settings.subtreePointBudget)
         return false;
     child.extents = census.extents;
     const bool kept = keptFromFilter(child, census.count, settings);
@@ -185,8 +184,8 @@ Node* targetOf(Node& root, const RootBoxes& boxes, const IoLightPoint& point)
 }  // namespace
 
 bool splitRoot(Node& root, const std::vector<ScanFiles>& scans, const std::shared_ptr<Logger>& logger,
-               bool noPanoramaStyle, bool keepScanIds, bool keepMultiple, TreeCounts& counts,
-               const std::function<bool()>& cancel)
+               bool noPanoramaStyle, bool keepScanIds, bool keepMultiple, uint64_t subtreePointBudget,
+               TreeCounts& counts, const std::function<bool()>& cancel)
 {
     std::vector<ScanInput> inputs;
     inputs.reserve(scans.size());
@@ -207,7 +206,7 @@ bool splitRoot(Node& root, const std::vector<ScanFiles>& scans, const std::share
         inputs.push_back(input);
     }
     counts.entered += total;
-    const SplitSettings settings{tandStyle, keepMultiple, &counts};
+    const SplitSettings settings{tandStyle, keepMultiple, &counts, subtreePointBudget};
 
     if (total <= kMaxNodePoints)
     {
@@ -225,7 +224,7 @@ bool splitRoot(Node& root, const std::vector<ScanFiles>& scans, const std::share
     { return tandStyle ? tandFactor(scan) : allValid ? 1.0f : 0.0f; };
     RootBoxes boxes;
     boxes.children = root.extents.split8(root.transfo);
-    if (total > kSubtreePointBudget)
+    if (total > subtreePointBudget)
     {
         const std::optional<std::array<ChildCensus, 8>> census =
             takeCensus(inputs, files, boxes.children, radiusFactor, cancel);

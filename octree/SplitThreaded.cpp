@@ -62,7 +62,7 @@ public:
             [this](Node& node, size_t worker)
             {
                 const uint64_t points = node.pointsOnDisk;
-                if (points <= kSubtreePointBudget)
+                if (points <= m_settings.subtreePointBudget)
                 {
                     if (!buildSubtreeInMemory(node, m_settings, m_workspaces[worker], m_cancel))
                         return;  // cancelled: the queue stops the workers
