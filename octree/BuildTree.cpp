@@ -86,8 +86,8 @@ void buildOctree(const std::vector<ScanFiles>& scans, const std::wstring& pointF
     const Stopwatch rootClock;
     try
     {
-        settings.tandStyle = splitRoot(root, scans, logger, noPanoramaStyle, false, false, subtreePointBudget,
-                                       counts, cancel);
+        settings.tandStyle =
+            splitRoot(root, scans, logger, noPanoramaStyle, false, false, subtreePointBudget, counts, cancel);
     }
     catch (const std::exception& e)
     {

@@ -491,7 +491,7 @@ TEST(Run, FullDiskEndsInFailWithOnlyTheLog)
 
     // The run's writes stop at 64 KB, as on a disk that fills.
     const std::string log = logOfRunOnFullDisk(temp, {InputFileData(input, 1.0)}, 1, true,
-                                                [](Cache&) { limitFileSizes(64 * 1024); });
+                                               [](Cache&) { limitFileSizes(64 * 1024); });
     EXPECT_NE(log.find("Convertor::run : Could not (fully) write "), std::string::npos) << log;
     EXPECT_NE(log.find("\nDisk full?"), std::string::npos);
 }
@@ -533,7 +533,8 @@ TEST(Run, CancelAndFullDiskInsideATreeWorkerLeaveOnlyTheLog)
     const fs::path folder = temp.path() / "cäche-缓存";
     {
         Cache cache(temp);
-        const std::string outcome = cache.runCancelledWhen(subtreeHasBegun, {InputFileData(tile, 1.0)}, 2, false);
+        const std::string outcome =
+            cache.runCancelledWhen(subtreeHasBegun, {InputFileData(tile, 1.0)}, 2, false);
         // The tree building's cancel comes to the run as the stage's error, and an error outranks a cancel.
         EXPECT_EQ(outcome, "Preprocessing failed: see " + ws2s(cache.files.getLogFile()));
         EXPECT_EQ(entriesOf(cache.folder), std::set<std::string>{"cache.log"});
