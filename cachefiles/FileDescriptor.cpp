@@ -134,6 +134,18 @@ void FileDescriptor::reserve(uint64_t offset, uint64_t length)
         throw FileError("fallocate", m_path, result);
 }
 
+bool FileDescriptor::discard(uint64_t offset, uint64_t length)
+{
+    if (length == 0)
+        return true;
+    int result;
+    do
+        result = ::fallocate(m_fd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, static_cast<off_t>(offset),
+                             static_cast<off_t>(length));
+    while (result != 0 && errno == EINTR);
+    return result == 0;
+}
+
 void FileDescriptor::close()
 {
     if (m_fd < 0)

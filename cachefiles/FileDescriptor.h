@@ -50,6 +50,10 @@ public:
     // Allocates the blocks of [offset, offset + length) now: running out of space fails here, before a byte
     // of the content is written.
     void reserve(uint64_t offset, uint64_t length);
+    // Gives the blocks and the cached pages of [offset, offset + length) back to the system, for a file that
+    // is consumed as it is read: the size stays, the range reads as zeros. Needs a descriptor open for
+    // writing. False where the file system cannot do it; the bytes then stay until the file is deleted.
+    bool discard(uint64_t offset, uint64_t length);
     void close();
 
 private:

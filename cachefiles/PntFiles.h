@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -47,6 +48,33 @@ PCP_API void readPartialPNT(const std::wstring& pnt, uint64_t start, uint64_t co
 // Calls the function for every point in file order, reading blocks of 65536 points: memory stays bounded
 // whatever the size of the file.
 PCP_API void runPNT(const std::wstring& pnt, const std::function<void(const IoLightPoint&)>& function);
+
+// The same for a file that is deleted once it is read: see PntPointStream's consuming form.
+PCP_API void consumePNT(const std::wstring& pnt, const std::function<void(const IoLightPoint&)>& function);
+
+class PntBlockReader;
+
+// The points of a PNT in file order, up to 65536 at a time, with their side values, read through the file
+// without mapping it. A consuming stream is for a file that is deleted once it is read (a scan's file, a node
+// being split): it gives the disk blocks and the cached pages of the records back as soon as it has read
+// them, so that while the points move on to other files, the disk and the page cache hold them about once
+// rather than twice. Growing the page cache by the size of a large input costs more than the copying itself.
+class PCP_API PntPointStream
+{
+public:
+    PntPointStream(const std::wstring& pnt, bool consume);
+    ~PntPointStream();
+    PntPointStream(const PntPointStream&) = delete;
+    PntPointStream& operator=(const PntPointStream&) = delete;
+
+    const PntFileInfo& info() const;
+    // The next points, or false and no points at the end of the file. The vector's memory is used again.
+    bool next(std::vector<IoLightPoint>& points);
+
+private:
+    std::unique_ptr<PntBlockReader> m_reader;
+    uint64_t m_done = 0;
+};
 
 // Creates (or truncates) the file at its final size and writes header and extended records.
 PCP_API void writeTuncatePNT(const std::wstring& pnt, const IoTransfo& transfo,

@@ -53,6 +53,18 @@ FileDescriptor openPnt(const std::wstring& pnt)
     }
 }
 
+FileDescriptor openPntForUpdate(const std::wstring& pnt)
+{
+    try
+    {
+        return FileDescriptor::openForUpdate(toPath(pnt));
+    }
+    catch (const FileError&)
+    {
+        throw openFailure(kReader, pnt);
+    }
+}
+
 // Header and size of an open PNT; the header bytes that the file has are decoded, so that a short file gets
 // the "smaller than header size" error.
 PntFileInfo readInfo(const FileDescriptor& file)
@@ -78,14 +90,18 @@ PntFileInfo readInfo(const FileDescriptor& file)
     return info;
 }
 
+}  // namespace
+
 // Reads consecutive records and their side values through fixed buffers.
 class PntBlockReader
 {
 public:
-    explicit PntBlockReader(const std::wstring& pnt)
-        : m_file(openPnt(pnt)),
+    // A consuming reader gives back what it has read, see PntPointStream.
+    explicit PntBlockReader(const std::wstring& pnt, bool consume = false)
+        : m_file(consume ? openPntForUpdate(pnt) : openPnt(pnt)),
           m_info(readInfo(m_file)),
-          m_sides(pnt, m_info.numPoints, std::min(m_info.numPoints, kBlockPoints), kReader)
+          m_sides(pnt, m_info.numPoints, std::min(m_info.numPoints, kBlockPoints), kReader),
+          m_consume(consume)
     {
         if (!m_info.colourFlag)
             throw std::runtime_error(kReader + ": Only colorful PNT are supported.");
@@ -108,6 +124,8 @@ public:
             throw readFailure(e);
         }
         m_sides.read(first, out.size());
+        if (m_consume)
+            discardUpTo(kPntHeaderSize + (first + out.size()) * recordSize);
         const uint8_t* record = m_records.data();
         for (size_t k = 0; k < out.size(); ++k, record += recordSize)
         {
@@ -117,13 +135,25 @@ public:
     }
 
 private:
+    // Whole pages only: a partial one would be zeroed for nothing, and is given back with the next block.
+    void discardUpTo(uint64_t end)
+    {
+        constexpr uint64_t kPage = 4096;
+        const uint64_t alignedEnd = end / kPage * kPage;
+        if (alignedEnd <= m_discarded)
+            return;
+        // Where the file system cannot, the bytes stay until the file is deleted.
+        m_consume = m_file.discard(m_discarded, alignedEnd - m_discarded);
+        m_discarded = alignedEnd;
+    }
+
     FileDescriptor m_file;
     PntFileInfo m_info;
     SideFileBlocks m_sides;
     std::vector<uint8_t> m_records;
+    bool m_consume = false;
+    uint64_t m_discarded = 0;
 };
-
-}  // namespace
 
 PntFileInfo readPntHeader(const std::wstring& pnt)
 {
@@ -187,19 +217,53 @@ void readPartialPNT(const std::wstring& pnt, uint64_t start, uint64_t count, IoT
     transfo = reader.info().transfo;
 }
 
-void runPNT(const std::wstring& pnt, const std::function<void(const IoLightPoint&)>& function)
+PntPointStream::PntPointStream(const std::wstring& pnt, bool consume)
 {
     requireExtension(pnt, ".pnt", kReaderExtension);
-    PntBlockReader reader(pnt);
-    const uint64_t total = reader.info().numPoints;
-    std::vector<IoLightPoint> block(std::min(total, kBlockPoints));
-    for (uint64_t done = 0; done < total; done += kBlockPoints)
-    {
-        const std::span<IoLightPoint> points = std::span(block).first(std::min(kBlockPoints, total - done));
-        reader.read(done, points);
-        for (const IoLightPoint& p : points)
+    m_reader = std::make_unique<PntBlockReader>(pnt, consume);
+}
+
+PntPointStream::~PntPointStream() = default;
+
+const PntFileInfo& PntPointStream::info() const
+{
+    return m_reader->info();
+}
+
+bool PntPointStream::next(std::vector<IoLightPoint>& points)
+{
+    const uint64_t count = std::min(kBlockPoints, m_reader->info().numPoints - m_done);
+    points.resize(count);
+    if (count == 0)
+        return false;
+    m_reader->read(m_done, points);
+    m_done += count;
+    return true;
+}
+
+namespace
+{
+
+void streamPoints(const std::wstring& pnt, bool consume,
+                  const std::function<void(const IoLightPoint&)>& function)
+{
+    PntPointStream stream(pnt, consume);
+    std::vector<IoLightPoint> block;
+    while (stream.next(block))
+        for (const IoLightPoint& p : block)
             function(p);
-    }
+}
+
+}  // namespace
+
+void runPNT(const std::wstring& pnt, const std::function<void(const IoLightPoint&)>& function)
+{
+    streamPoints(pnt, false, function);
+}
+
+void consumePNT(const std::wstring& pnt, const std::function<void(const IoLightPoint&)>& function)
+{
+    streamPoints(pnt, true, function);
 }
 
 }  // namespace pc_preprocess

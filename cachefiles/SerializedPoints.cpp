@@ -63,9 +63,10 @@ void SerializedPoints::add(const std::vector<IoLightPoint>& points)
 
 void SerializedPoints::add(const IoLightPoint& point)
 {
-    uint8_t record[kPntRecordSize];
-    encodePntRecord(point, record);
-    m_buffer.insert(m_buffer.end(), record, record + kPntRecordSize);
+    // Grown in place and encoded there: this runs for every point of every split.
+    const size_t at = m_buffer.size();
+    m_buffer.resize(at + kPntRecordSize);
+    encodePntRecord(point, m_buffer.data() + at);
     if (m_hasClasses)
         m_classes.push_back(point.classification);
     if (m_hasNormals)

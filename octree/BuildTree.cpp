@@ -70,7 +70,8 @@ void buildOctree(const std::vector<ScanFiles>& scans, const std::wstring& pointF
                  const CacheFiles& cacheFiles, const IoTransfo& transfo,
                  const SupportedAttributes& attributes, uint64_t threads,
                  const std::shared_ptr<Logger>& logger, bool noPanoramaStyle,
-                 const std::function<bool()>& cancel, const ThreadStarter& startWorker)
+                 const std::function<bool()>& cancel, const ThreadStarter& startWorker,
+                 uint64_t subtreePointBudget)
 {
     const std::wstring& vrmFile = cacheFiles.getTreeFile();
     if (toPath(vrmFile).extension() != ".vrm")
@@ -78,14 +79,15 @@ void buildOctree(const std::vector<ScanFiles>& scans, const std::wstring& pointF
 
     Node root = Node::root(pointFolder, transfo, attributes.classification, attributes.normals);
     TreeCounts counts;
-    SplitSettings settings{false, false, &counts};
+    SplitSettings settings{false, false, &counts, subtreePointBudget};
 
     logger->increaseStep("Split Root");
     logger->message("Started splitting root");
     const Stopwatch rootClock;
     try
     {
-        settings.tandStyle = splitRoot(root, scans, logger, noPanoramaStyle, false, false, counts, cancel);
+        settings.tandStyle =
+            splitRoot(root, scans, logger, noPanoramaStyle, false, false, subtreePointBudget, counts, cancel);
     }
     catch (const std::exception& e)
     {
@@ -133,7 +135,8 @@ void buildTree(const std::vector<ScanFiles>& scans, const std::wstring& cacheFol
                const CacheFiles& cacheFiles, const IoTransfo& transfo, SupportedAttributes& attributes,
                uint64_t threads, std::shared_ptr<Logger> logger, bool noPanoramaStyle, bool hspcOnly,
                bool /*computeNormals*/, const std::string& /*wkt*/, geom::UnitsValue /*units*/,
-               const std::function<bool()>& cancelPredicate, const ThreadStarter& startWorker)
+               const std::function<bool()>& cancelPredicate, const ThreadStarter& startWorker,
+               uint64_t subtreePointBudget)
 {
     const std::filesystem::path pointFolder = toPath(cacheFolder) / "Data";
     std::filesystem::create_directories(pointFolder);
@@ -144,7 +147,7 @@ void buildTree(const std::vector<ScanFiles>& scans, const std::wstring& cacheFol
             "buildTree : building an HSPC data set is not available in this version of the library; build "
             "the octree or convert only instead.");
     buildOctree(scans, toWide(pointFolder), cacheFiles, transfo, attributes, threads, logger, noPanoramaStyle,
-                cancelPredicate, startWorker);
+                cancelPredicate, startWorker, subtreePointBudget);
 }
 
 }  // namespace pc_preprocess

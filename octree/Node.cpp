@@ -104,7 +104,11 @@ void Node::deletePntFiles() const
 
 void Node::renameToIndex(size_t index)
 {
-    const std::wstring newPnt = parent->childPnt(index);
+    moveFilesTo(parent->childPnt(index));
+}
+
+void Node::moveFilesTo(const std::wstring& newPnt)
+{
     const std::wstring newPnz = withExtension(stemOf(newPnt), L".pnz");
     renameIfThere(pntPath, newPnt);
     renameIfThere(getClassPathFromPnt(pntPath), getClassPathFromPnt(newPnt));
@@ -112,6 +116,8 @@ void Node::renameToIndex(size_t index)
     renameIfThere(pnzPath, newPnz);
     pntPath = newPnt;
     pnzPath = newPnz;
+    for (size_t k = 0; k < children.size(); ++k)
+        children[k].moveFilesTo(childPnt(k));
 }
 
 std::wstring Node::childPnt(size_t index) const

@@ -49,7 +49,8 @@ struct Node
     void writeBuffersAsPnz(PnzCoder& coder);
     // Removes the node's PNT with its side files.
     void deletePntFiles() const;
-    // Gives the node the name of child `index` of its parent: the files it has on disk move along.
+    // Gives the node the name of child `index` of its parent: the files it and its descendants have on disk
+    // move along.
     void renameToIndex(size_t index);
     // The stem of child `index`: this node's stem with one more digit.
     std::wstring childPnt(size_t index) const;
@@ -66,6 +67,9 @@ struct Node
     bool merged = false;
     Node* parent = nullptr;
     bool filtered = false;
+
+private:
+    void moveFilesTo(const std::wstring& newPnt);
 };
 
 }  // namespace pc_preprocess

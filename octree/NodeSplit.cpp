@@ -49,6 +49,14 @@ FilteredPoints filterNode(const Node& child, const SplitSettings& settings)
 // Returns whether the child survives.
 bool finishNode(Node& child, const SplitSettings& settings, const ChildTally& tally, PnzCoder& coder)
 {
+    // A child with children of its own was split while its parent was distributed, as splitNonRoot would
+    // have split it from its file: it is kept, and its children's files move with its name.
+    if (!child.isLeaf())
+    {
+        if (tally.visited != tally.kept)
+            child.renameToIndex(tally.kept);
+        return true;
+    }
     const uint64_t total = child.totalPoints();
     if (total < kMinChildPoints)
     {
@@ -151,19 +159,14 @@ void createChildren(Node& node, bool reserveBuffers)
 bool distributePoint(Node& node, const std::array<ExtentsI32, 8>& boxes, IoLightPoint point,
                      float radiusFactor, uint16_t scanId)
 {
-    if (radiusFactor == 0.0f)
-        point.radius = 0.0f;
-    else if (radiusFactor != 1.0f)
-        point.radius *= radiusFactor;
+    point.radius = distributedRadius(point.radius, radiusFactor);
     point.scanId = scanId;
-    for (size_t index = 0; index < boxes.size(); ++index)
-        if (boxes[index].contains(point))
-        {
-            node.children[index].addPoint(point);
-            return true;
-        }
+    const size_t index = firstBoxHolding(boxes, point);
     // A point of a node lies in its box by construction: this is rounding or a damaged file.
-    return false;
+    if (index == boxes.size())
+        return false;
+    node.children[index].addPoint(point);
+    return true;
 }
 
 uint64_t distributePoints(Node& node, const std::array<ExtentsI32, 8>& boxes, const std::wstring& pntFile,
@@ -171,13 +174,14 @@ uint64_t distributePoints(Node& node, const std::array<ExtentsI32, 8>& boxes, co
 {
     uint64_t read = 0;
     uint64_t outside = 0;
-    runPNT(pntFile,
-           [&](const IoLightPoint& point)
-           {
-               ++read;
-               if (!distributePoint(node, boxes, point, radiusFactor, scanId))
-                   ++outside;
-           });
+    // The node's file goes once it is distributed: its space goes to its children's files as it is read.
+    consumePNT(pntFile,
+               [&](const IoLightPoint& point)
+               {
+                   ++read;
+                   if (!distributePoint(node, boxes, point, radiusFactor, scanId))
+                       ++outside;
+               });
     counts.outsideBoxes += outside;
     return read;
 }
@@ -196,8 +200,11 @@ void finishChildren(Node& node, const SplitSettings& settings, PnzCoder& coder)
         }
         ++tally.visited;
     }
-    // The survivors have no children yet, so moving them leaves no pointer behind.
     node.children = std::move(survivors);
+    // A survivor that has children already moved with them: it is still their parent.
+    for (Node& child : node.children)
+        for (Node& grandchild : child.children)
+            grandchild.parent = &child;
 }
 
 void splitNonRoot(Node& node, const SplitSettings& settings, PnzCoder& coder)

@@ -26,6 +26,21 @@ bool keptFromFilter(const Node& child, uint64_t total, const SplitSettings& sett
 // in one buffer gets the drawing size of the child's box, which becomes its largest radius.
 void giveRecordsTheNodeSize(Node& child, std::span<uint8_t> records);
 
+// The radius that distributing gives a point: a factor of 1 keeps it, 0 clears it, any other value scales it.
+inline float distributedRadius(float radius, float radiusFactor)
+{
+    return radiusFactor == 0.0f ? 0.0f : radiusFactor == 1.0f ? radius : radius * radiusFactor;
+}
+
+// The index of the first box that holds the point, or 8 when none does.
+inline size_t firstBoxHolding(const std::array<ExtentsI32, 8>& boxes, const IoLightPoint& point)
+{
+    size_t index = 0;
+    while (index < boxes.size() && !boxes[index].contains(point))
+        ++index;
+    return index;
+}
+
 // Gives a point the radius and scan that distributePoints gives it and adds it to the first child whose box
 // holds it; false when no box does.
 bool distributePoint(Node& node, const std::array<ExtentsI32, 8>& boxes, IoLightPoint point,
@@ -33,7 +48,8 @@ bool distributePoint(Node& node, const std::array<ExtentsI32, 8>& boxes, IoLight
 
 // Streams the points of a PNT file into the children: each goes to the first child whose box holds it. A
 // radius factor of 1 keeps the radii, 0 clears them, any other value scales them; `scanId` replaces the
-// points' own. Returns the number of points read.
+// points' own. The file is consumed (its bytes read as zeros afterwards) and is to be deleted. Returns the
+// number of points read.
 uint64_t distributePoints(Node& node, const std::array<ExtentsI32, 8>& boxes, const std::wstring& pntFile,
                           float radiusFactor, uint16_t scanId, TreeCounts& counts);
 

@@ -1,15 +1,12 @@
 #include "octree/ScanPointStream.h"
 
-#include <algorithm>
-
 #include "cachefiles/PntFiles.h"
-#include "octree/Node.h"
 
 namespace pc_preprocess
 {
 
-ScanPointStream::ScanPointStream(std::vector<Scan> scans)
-    : m_scans(std::move(scans)), m_reader([this] { read(); })
+ScanPointStream::ScanPointStream(std::vector<Scan> scans, bool consume)
+    : m_scans(std::move(scans)), m_consume(consume), m_reader([this] { read(); })
 {
 }
 
@@ -42,6 +39,16 @@ bool ScanPointStream::next(Block& block)
     return true;
 }
 
+std::vector<IoLightPoint> ScanPointStream::spareVector()
+{
+    const std::lock_guard lock(m_mutex);
+    if (m_spare.empty())
+        return {};
+    std::vector<IoLightPoint> spare = std::move(m_spare.back());
+    m_spare.pop_back();
+    return spare;
+}
+
 bool ScanPointStream::push(Block block)
 {
     std::unique_lock lock(m_mutex);
@@ -59,27 +66,20 @@ void ScanPointStream::read()
     {
         for (size_t scan = 0; scan < m_scans.size(); ++scan)
         {
-            const uint64_t total = m_scans[scan].numPoints;
+            if (m_scans[scan].numPoints == 0)
+            {
+                if (!push(Block{scan, {}, true}))
+                    return;
+                continue;
+            }
+            PntPointStream stream(m_scans[scan].pntFile, m_consume);
+            const uint64_t total = stream.info().numPoints;
             uint64_t done = 0;
             do
             {
-                Block block;
-                block.scan = scan;
-                {
-                    const std::lock_guard lock(m_mutex);
-                    if (!m_spare.empty())
-                    {
-                        block.points = std::move(m_spare.back());
-                        m_spare.pop_back();
-                    }
-                }
-                const uint64_t count = std::min(kMaxNodePoints, total - done);
-                IoTransfo transfo;
-                if (count > 0)
-                    readPartialPNT(m_scans[scan].pntFile, done, count, transfo, block.points);
-                else
-                    block.points.clear();
-                done += count;
+                Block block{scan, spareVector(), false};
+                stream.next(block.points);
+                done += block.points.size();
                 block.lastOfScan = done == total;
                 if (!push(std::move(block)))
                     return;

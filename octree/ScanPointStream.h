@@ -32,7 +32,9 @@ public:
         bool lastOfScan = false;  // a scan without points gives one empty block with this set
     };
 
-    explicit ScanPointStream(std::vector<Scan> scans);
+    // A consuming stream gives each file's space back as it reads it (see PntPointStream): for the pass that
+    // distributes the points, after which the files are deleted.
+    ScanPointStream(std::vector<Scan> scans, bool consume);
     ~ScanPointStream();
     ScanPointStream(const ScanPointStream&) = delete;
     ScanPointStream& operator=(const ScanPointStream&) = delete;
@@ -44,9 +46,11 @@ public:
 private:
     void read();
     bool push(Block block);
+    std::vector<IoLightPoint> spareVector();
 
     static constexpr size_t kWaitingBlocks = 4;
     const std::vector<Scan> m_scans;
+    const bool m_consume;
     std::mutex m_mutex;
     std::condition_variable m_changed;
     std::deque<Block> m_ready;

@@ -1,7 +1,9 @@
 #include "octree/SplitRoot.h"
 
+#include <algorithm>
 #include <cmath>
 #include <filesystem>
+#include <optional>
 #include <stdexcept>
 
 #include "cachefiles/MetaFile.h"
@@ -93,11 +95,97 @@ void fillSingleRoot(Node& root, const std::vector<ScanInput>& inputs, bool tandS
     root.writeBuffersAsPnz(coder);
 }
 
+// What the distribution will give one child of the root.
+struct ChildCensus
+{
+    uint64_t count = 0;
+    ExtentsI32 extents;
+    double maxRadius = Node::kNoRadius;
+};
+
+// The boxes of the root's children and, for a child split while distributed, those of its children.
+struct RootBoxes
+{
+    std::array<ExtentsI32, 8> children;
+    std::array<std::array<ExtentsI32, 8>, 8> grandchildren;
+};
+
+// Reads the scans once, as the distribution will, to learn each child's count, box and largest radius;
+// nothing when cancelled.
+template <typename RadiusFactor>
+std::optional<std::array<ChildCensus, 8>> takeCensus(const std::vector<ScanInput>& inputs,
+                                                     const std::vector<ScanPointStream::Scan>& files,
+                                                     const std::array<ExtentsI32, 8>& boxes,
+                                                     const RadiusFactor& radiusFactor,
+                                                     const std::function<bool()>& cancel)
+{
+    std::array<ChildCensus, 8> census;
+    for (ChildCensus& child : census)
+        child.extents.reset();
+    ScanPointStream stream(files, false);
+    ScanPointStream::Block block;
+    while (stream.next(block))
+    {
+        if (cancel && cancel())
+            return std::nullopt;
+        const float factor = radiusFactor(inputs[block.scan]);
+        for (const IoLightPoint& point : block.points)
+        {
+            const size_t k = firstBoxHolding(boxes, point);
+            if (k == boxes.size())
+                continue;
+            ChildCensus& child = census[k];
+            ++child.count;
+            child.extents.extend(point);
+            child.maxRadius = std::max(child.maxRadius, double(distributedRadius(point.radius, factor)));
+        }
+    }
+    return census;
+}
+
+// Whether a child of the root takes its points straight into its own children: one that is kept as it is
+// and is too big for a subtree in memory would otherwise be written whole, read again and split from its
+// file. Its children's boxes need its own box, which only the census knows before the points come.
+bool splitsWhileDistributed(const ChildCensus& census, Node& child, const SplitSettings& settings)
+{
+    if (census.count <= settings.subtreePointBudget)
+        return false;
+    child.extents = census.extents;
+    const bool kept = keptFromFilter(child, census.count, settings);
+    child.extents.reset();
+    return kept;
+}
+
+// Gives the child the box and radius that its points would give it, and its children, as splitNonRoot
+// leaves it.
+void splitWhileDistributed(Node& child, const ChildCensus& census)
+{
+    child.extents = census.extents;
+    child.maxRadius = census.maxRadius;
+    child.buffers.clear();
+    createChildren(child);
+    child.filtered = false;
+}
+
+// The node that takes a point: the first child whose box holds it, or for a child split while distributed,
+// the first of its children whose box holds the point; null when no box does.
+Node* targetOf(Node& root, const RootBoxes& boxes, const IoLightPoint& point)
+{
+    const size_t k = firstBoxHolding(boxes.children, point);
+    if (k == boxes.children.size())
+        return nullptr;
+    Node& child = root.children[k];
+    if (child.isLeaf())
+        return &child;
+    const size_t j = firstBoxHolding(boxes.grandchildren[k], point);
+    return j == boxes.grandchildren[k].size() ? nullptr : &child.children[j];
+}
+
 }  // namespace
 
 bool splitRoot(Node& root, const std::vector<ScanFiles>& scans, const std::shared_ptr<Logger>& logger,
-               bool noPanoramaStyle, bool keepScanIds, bool keepMultiple, TreeCounts& counts,
-               const std::function<bool()>& cancel)
+               bool noPanoramaStyle, bool keepScanIds, bool keepMultiple, uint64_t subtreePointBudget,
+               TreeCounts& counts, const std::function<bool()>& cancel)
 {
     std::vector<ScanInput> inputs;
     inputs.reserve(scans.size());
@@ -118,7 +206,7 @@ bool splitRoot(Node& root, const std::vector<ScanFiles>& scans, const std::share
         inputs.push_back(input);
     }
     counts.entered += total;
-    const SplitSettings settings{tandStyle, keepMultiple, &counts};
+    const SplitSettings settings{tandStyle, keepMultiple, &counts, subtreePointBudget};
 
     if (total <= kMaxNodePoints)
     {
@@ -128,12 +216,29 @@ bool splitRoot(Node& root, const std::vector<ScanFiles>& scans, const std::share
 
     logger->startProgress("splitting root");
     const IntervalWriter repeater(logger);
-    const std::array<ExtentsI32, 8> boxes = root.extents.split8(root.transfo);
     createChildren(root);
     std::vector<ScanPointStream::Scan> files;
     for (const ScanInput& scan : inputs)
         files.push_back({scan.files->pntFile, scan.numPoints});
-    ScanPointStream stream(std::move(files));
+    const auto radiusFactor = [&](const ScanInput& scan)
+    { return tandStyle ? tandFactor(scan) : allValid ? 1.0f : 0.0f; };
+    RootBoxes boxes;
+    boxes.children = root.extents.split8(root.transfo);
+    if (total > subtreePointBudget)
+    {
+        const std::optional<std::array<ChildCensus, 8>> census =
+            takeCensus(inputs, files, boxes.children, radiusFactor, cancel);
+        if (!census)
+            return tandStyle;
+        for (size_t k = 0; k < 8; ++k)
+            if (splitsWhileDistributed((*census)[k], root.children[k], settings))
+            {
+                splitWhileDistributed(root.children[k], (*census)[k]);
+                boxes.grandchildren[k] = root.children[k].extents.split8(root.transfo);
+            }
+    }
+
+    ScanPointStream stream(std::move(files), true);
     ScanPointStream::Block block;
     uint64_t done = 0;
     uint64_t outside = 0;
@@ -146,11 +251,17 @@ bool splitRoot(Node& root, const std::vector<ScanFiles>& scans, const std::share
         const ScanInput& scan = inputs[block.scan];
         if (!block.points.empty())
         {
-            const float factor = tandStyle ? tandFactor(scan) : allValid ? 1.0f : 0.0f;
+            const float factor = radiusFactor(scan);
             const auto scanId = static_cast<uint16_t>(keepScanIds ? block.scan : 0);
-            for (const IoLightPoint& point : block.points)
-                if (!distributePoint(root, boxes, point, factor, scanId))
+            for (IoLightPoint point : block.points)
+            {
+                point.radius = distributedRadius(point.radius, factor);
+                point.scanId = scanId;
+                if (Node* target = targetOf(root, boxes, point))
+                    target->addPoint(point);
+                else
                     ++outside;
+            }
             done += block.points.size();
             const auto percent = static_cast<unsigned int>(50 * done / total);
             if (percent > reported)
@@ -164,6 +275,9 @@ bool splitRoot(Node& root, const std::vector<ScanFiles>& scans, const std::share
     }
     counts.outsideBoxes += outside;
     PnzCoder coder;
+    for (Node& child : root.children)
+        if (!child.isLeaf())
+            finishChildren(child, settings, coder);
     finishChildren(root, settings, coder);
     return tandStyle;
 }

@@ -45,13 +45,24 @@ public:
         m_queue.push(node);
     }
 
+    // The leaves below the node that are to be split: the root's children, and the children of those that
+    // the root split has split already.
+    void enqueueLeavesBelow(Node& node)
+    {
+        for (Node& child : node.children)
+            if (!child.isLeaf())
+                enqueueLeavesBelow(child);
+            else if (child.pointsOnDisk > kMaxNodePoints)
+                enqueue(child);
+    }
+
     bool run()
     {
         return m_queue.run(
             [this](Node& node, size_t worker)
             {
                 const uint64_t points = node.pointsOnDisk;
-                if (points <= kSubtreePointBudget)
+                if (points <= m_settings.subtreePointBudget)
                 {
                     if (!buildSubtreeInMemory(node, m_settings, m_workspaces[worker], m_cancel))
                         return;  // cancelled: the queue stops the workers
@@ -105,9 +116,7 @@ bool splitRootChildrenThreaded(Node& root, uint64_t threads, const SplitSettings
         return true;
     const size_t workers = std::max<size_t>(1, std::min<size_t>(root.children.size(), threads));
     SplitPool pool(workers, settings, logger, cancel, startWorker);
-    for (Node& child : root.children)
-        if (child.pointsOnDisk > kMaxNodePoints)
-            pool.enqueue(child);
+    pool.enqueueLeavesBelow(root);
     logger->startProgress("splitting threaded");
     const IntervalWriter repeater(logger);
     return pool.run();

@@ -9,11 +9,7 @@
 namespace pc_preprocess
 {
 
-// The most points of a node whose whole subtree a worker builds in memory: two copies of its records, 26
-// bytes a point, are about 200 MB.
-inline constexpr uint64_t kSubtreePointBudget = 4'000'000;
-
-// Builds the whole subtree of a node whose points wait in its PNT, at most kSubtreePointBudget of them, in
+// Builds the whole subtree of a node whose points wait in its PNT, at most the build's subtree budget, in
 // memory: the node is split as splitNonRoot splits it, level after level, with the points of every child in
 // the order that its file would have; every leaf is written once, and every inner node is merged as soon as
 // its children are done, as mergeSingleNode merges it. The tree that comes out is the one that the split and

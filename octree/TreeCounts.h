@@ -3,6 +3,8 @@
 #include <atomic>
 #include <cstdint>
 
+#include "octree/SubtreeBudget.h"
+
 namespace pc_preprocess
 {
 
@@ -23,6 +25,7 @@ struct SplitSettings
     bool tandStyle = false;
     bool keepMultiple = false;
     TreeCounts* counts = nullptr;
+    uint64_t subtreePointBudget = kSubtreePointBudget;
 };
 
 }  // namespace pc_preprocess

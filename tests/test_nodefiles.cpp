@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <zlib.h>
@@ -255,6 +256,21 @@ TEST(PntFiles, AppendsStreamsAndReadsShortRecords)
     std::vector<IoLightPoint> streamed;
     runPNT(pnt, [&](const IoLightPoint& p) { streamed.push_back(p); });
     expectSamePoints(streamed, all);
+    // Consuming the file gives the same points and leaves it its size, but hardly a block on the disk.
+    const auto allocatedBytes = [&]
+    {
+        struct stat status{};
+        EXPECT_EQ(stat(toPath(pnt).c_str(), &status), 0);
+        return uint64_t(status.st_blocks) * 512;
+    };
+    const uint64_t size = std::filesystem::file_size(toPath(pnt));
+    ASSERT_GE(allocatedBytes(), size);
+    streamed.clear();
+    consumePNT(pnt, [&](const IoLightPoint& p) { streamed.push_back(p); });
+    expectSamePoints(streamed, all);
+    EXPECT_EQ(std::filesystem::file_size(toPath(pnt)), size);
+    EXPECT_LT(allocatedBytes(), size / 100);
+    writeTuncatePNT(pnt, testTransfo(), all);
     readPartialPNT(pnt, 3, 69990, transfo, read);
     expectSamePoints(read, std::vector<IoLightPoint>(all.begin() + 3, all.begin() + 69993));
 

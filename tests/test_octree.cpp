@@ -12,6 +12,7 @@
 
 #include "cachefiles/VrmFile.h"
 #include "core/StringConversion.h"
+#include "octree/Node.h"
 #include "support/ErrorText.h"
 #include "support/OctreeBuild.h"
 #include "support/TempFolder.h"
@@ -203,18 +204,22 @@ TEST(Octree, CancelsAndFailuresEndEachStageCleanly)
         build->addScan(sparsePoints(400000, 2'000'000, 11));
         return build;
     };
-    for (const std::string& stage : stages)
-    {
-        pcp_test::TempFolder temp;
-        const auto build = withScan(temp);
-        EXPECT_EQ(pcp_test::errorText([&] { build->run(2, [&] { return build->logHas(stage); }); }),
-                  "Preprocessing cancelled by user.")
-            << stage;
-        EXPECT_FALSE(build->logHas("Finished" + stage.substr(7))) << stage;
-        EXPECT_FALSE(fs::exists(build->data() / "0.pnz")) << stage;
-        EXPECT_FALSE(fs::exists(toPath(build->files.getTreeFile()))) << stage;
-        EXPECT_EQ(build->finalPercentage(), "CANCEL") << stage;
-    }
+    // With the smallest budget of a subtree in memory, the root split takes a census of the scans first, and
+    // nodes go through their files.
+    for (const uint64_t budget : {kSubtreePointBudget, kMaxNodePoints + 1})
+        for (const std::string& stage : stages)
+        {
+            SCOPED_TRACE(stage + ", subtree budget " + std::to_string(budget));
+            pcp_test::TempFolder temp;
+            const auto build = withScan(temp);
+            const auto cancelInStage = [&] { return build->logHas(stage); };
+            EXPECT_EQ(pcp_test::errorText([&] { build->run(2, cancelInStage, startThread, budget); }),
+                      "Preprocessing cancelled by user.");
+            EXPECT_FALSE(build->logHas("Finished" + stage.substr(7)));
+            EXPECT_FALSE(fs::exists(build->data() / "0.pnz"));
+            EXPECT_FALSE(fs::exists(toPath(build->files.getTreeFile())));
+            EXPECT_EQ(build->finalPercentage(), "CANCEL");
+        }
 
     // A cancel test that throws on a worker thread, and a worker that cannot be started, fail the stage of
     // their pool with the reason in the log; nothing escapes a thread. The split pool starts the first two

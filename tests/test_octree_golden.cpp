@@ -42,6 +42,7 @@
 #include "core/NodePaths.h"
 #include "core/StringConversion.h"
 #include "octree/BuildTree.h"
+#include "octree/Node.h"
 #include "sample/AirborneSurvey.h"
 #include "sample/SampleScene.h"
 #include "services/Logger.h"
@@ -189,10 +190,10 @@ struct GoldenBuild
         scans.push_back(scan);
     }
 
-    void run(const std::function<bool()>& cancel = nullptr)
+    void run(const std::function<bool()>& cancel = nullptr, uint64_t subtreePointBudget = kSubtreePointBudget)
     {
         buildTree(scans, folder, files, transfo, attributes, 2, logger, false, false, false, "",
-                  geom::UnitsValue::kUnitsMeters, cancel);
+                  geom::UnitsValue::kUnitsMeters, cancel, startThread, subtreePointBudget);
     }
 
     fs::path data() const { return toPath(folder) / "Data"; }
@@ -205,11 +206,38 @@ struct GoldenBuild
     std::vector<ScanFiles> scans;
 };
 
-// Builds the tree and compares it with the golden one. The folder must hold the node files and nothing
+// The scans of one input: the points of each and the filled area of its panorama.
+struct GoldenInput
+{
+    IoTransfo transfo;
+    bool classes = false;
+    std::vector<std::pair<std::vector<IoLightPoint>, double>> scans;
+};
+
+void expectGoldenTree(GoldenBuild& build, const GoldenTree& golden);
+
+// Builds the tree of the input twice and compares it with the golden one: with the default budget of a
+// subtree in memory, which takes every node of these inputs, and with the smallest, with which the root's
+// children take their points straight into their own children and every node of more than 65536 points
+// below goes through its files. The tree is the same.
+void expectGoldenTree(const GoldenInput& input, const GoldenTree& golden)
+{
+    for (const uint64_t budget : {kSubtreePointBudget, kMaxNodePoints + 1})
+    {
+        SCOPED_TRACE("subtree budget " + std::to_string(budget));
+        pcp_test::TempFolder temp;
+        GoldenBuild build(temp, input.transfo, input.classes);
+        for (const auto& [points, filledArea] : input.scans)
+            build.addScan(points, filledArea);
+        build.run(nullptr, budget);
+        expectGoldenTree(build, golden);
+    }
+}
+
+// Compares the tree that the build made with the golden one. The folder must hold the node files and nothing
 // else: no PNT, no side file.
 void expectGoldenTree(GoldenBuild& build, const GoldenTree& golden)
 {
-    build.run();
     const std::string vrmText = pcp_test::readText(toPath(build.files.getTreeFile()));
     const uint64_t vrmHash = fnv1a(reinterpret_cast<const uint8_t*>(vrmText.data()), vrmText.size());
     std::vector<ObservedNode> observed;
@@ -267,10 +295,9 @@ IoTransfo transfoOf(double scale, std::array<double, 3> offset)
 
 TEST(OctreeGolden, AirborneTileInTheSecondStyle)
 {
-    pcp_test::TempFolder temp;
     const IoTransfo transfo =
         transfoOf(0.01, {pcp_sample::TerrainTilePlace::kEast, pcp_sample::TerrainTilePlace::kNorth, 0.0});
-    GoldenBuild build(temp, transfo, true);
+    GoldenInput input{transfo, true, {}};
     std::vector<IoLightPoint> points;
     pcp_sample::surveyTerrainTile(700000,
                                   [&](const pcp_sample::SampleHit& hit, const pcp_sample::PulseInfo&)
@@ -284,15 +311,14 @@ TEST(OctreeGolden, AirborneTileInTheSecondStyle)
                                       p.radius = 0.0f;  // a LAS file gives no spacing
                                       points.push_back(p);
                                   });
-    build.addScan(points, 0.0);
-    expectGoldenTree(build, kAirborneTile);
+    input.scans.emplace_back(points, 0.0);
+    expectGoldenTree(input, kAirborneTile);
 }
 
 TEST(OctreeGolden, PtxProjectInThePanoramaStyle)
 {
-    pcp_test::TempFolder temp;
     const IoTransfo transfo = transfoOf(0.001, {3.0, 2.0, 1.5});
-    GoldenBuild build(temp, transfo, false);
+    GoldenInput input{transfo, false, {}};
     // The share of the sphere that the tripod leaves each scanner, as its panorama measures it.
     const double visibleSphere =
         4.0 * std::numbers::pi - 2.0 * std::numbers::pi * (1.0 - std::cos(std::numbers::pi / 6));
@@ -312,16 +338,15 @@ TEST(OctreeGolden, PtxProjectInThePanoramaStyle)
             p.radius = float(hit.distance);
             points.push_back(p);
         }
-        build.addScan(points, visibleSphere * share);
+        input.scans.emplace_back(points, visibleSphere * share);
     }
-    expectGoldenTree(build, kPtxProject);
+    expectGoldenTree(input, kPtxProject);
 }
 
 TEST(OctreeGolden, DenseTileFilteredInTheSecondStyle)
 {
-    pcp_test::TempFolder temp;
     const IoTransfo transfo = transfoOf(0.001, {0.0, 0.0, 0.0});
-    GoldenBuild build(temp, transfo, false);
+    GoldenInput input{transfo, false, {}};
     std::mt19937 random(5);
     std::uniform_int_distribution<int32_t> coordinate(0, 2'000'000);
     std::vector<IoLightPoint> points;
@@ -355,8 +380,8 @@ TEST(OctreeGolden, DenseTileFilteredInTheSecondStyle)
     for (const int32_t corner : {1'200'000, 1'800'000})
         for (int i = 0; i < 35000; ++i)
             add(corner + offset(random), corner + offset(random), corner + offset(random));
-    build.addScan(points, 0.0);
-    expectGoldenTree(build, kDenseTile);
+    input.scans.emplace_back(points, 0.0);
+    expectGoldenTree(input, kDenseTile);
 }
 
 TEST(OctreeInMemory, ACancelInsideASubtreeEndsTheBuild)

@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <fstream>
 #include <numbers>
+#include <random>
 #include <set>
 #include <sstream>
 #include <thread>
@@ -30,6 +31,7 @@
 #include "services/PreprocessGuard.h"
 #include "support/ErrorText.h"
 #include "support/FileText.h"
+#include "support/LasSamples.h"
 #include "support/PtsSamples.h"
 #include "support/TempFolder.h"
 #include "support/ThreadFaults.h"
@@ -65,6 +67,24 @@ struct Cache
                                 logger, convertOnly);
     }
 
+    // The error of a run in which the cancel file appears as soon as `ready` holds for the folder.
+    std::string runCancelledWhen(const std::function<bool(const fs::path&)>& ready,
+                                 const std::vector<InputFileData>& inputs, unsigned threads, bool convertOnly)
+    {
+        std::atomic<bool> stop = false;
+        std::thread canceller(
+            [&]
+            {
+                while (!stop && !ready(folder))
+                    std::this_thread::sleep_for(std::chrono::microseconds(200));
+                std::ofstream(folder / "cancel").flush();
+            });
+        const std::string outcome = errorText([&] { run(inputs, threads, convertOnly); });
+        stop = true;
+        canceller.join();
+        return outcome;
+    }
+
     std::string log() const { return readText(toPath(files.getLogFile())); }
     // What the host reads once its logger is gone.
     std::string finalPercentage()
@@ -79,6 +99,43 @@ struct Cache
     std::shared_ptr<Logger> logger;
     LibAccessor accessor;
 };
+
+// From now on no file of the process grows beyond `bytes`, as on a disk that fills: a write beyond fails with
+// EFBIG, and the signal that would end the process is ignored.
+void limitFileSizes(rlim_t bytes)
+{
+    std::signal(SIGXFSZ, SIG_IGN);
+    const rlimit limit{bytes, bytes};
+    setrlimit(RLIMIT_FSIZE, &limit);
+}
+
+// Runs the inputs in a child process, with the full disk that `fill` arranges for the cache; checks that the
+// run failed with only the log and the percentage file "FAIL" left, and returns the log.
+std::string logOfRunOnFullDisk(const pcp_test::TempFolder& temp, const std::vector<InputFileData>& inputs,
+                               unsigned threads, bool convertOnly, const std::function<void(Cache&)>& fill)
+{
+    const pid_t child = fork();
+    if (child == 0)
+    {
+        int code = 1;
+        {
+            Cache cache(temp);
+            fill(cache);
+            const std::string outcome = errorText([&] { cache.run(inputs, threads, convertOnly); });
+            code = outcome == "Preprocessing failed: see " + ws2s(cache.files.getLogFile()) ? 0 : 1;
+        }
+        _exit(code);
+    }
+    int status = 0;
+    EXPECT_NE(child, -1);
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status)) << "the run died of signal " << WTERMSIG(status);
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    const fs::path folder = temp.path() / "cäche-缓存";
+    EXPECT_EQ(entriesOf(folder), (std::set<std::string>{"cache.log", "cache.pct"}));
+    EXPECT_EQ(readText(folder / "cache.pct"), "FAIL");
+    return readText(folder / "cache.log");
+}
 
 // Many small inputs, so that a run on one thread is still reading when something interrupts it as soon as the
 // first scan file appears.
@@ -358,17 +415,7 @@ TEST(Run, CancelFileEndsTheRunWithOnlyTheLog)
         // file appears right after the first scan file.
         Cache cache(temp);
         const std::vector<InputFileData> inputs = manySmallInputs(temp, L"part");
-        std::atomic<bool> stop = false;
-        std::thread canceller(
-            [&]
-            {
-                while (!stop && !readingHasBegun(cache.folder))
-                    std::this_thread::sleep_for(std::chrono::microseconds(200));
-                std::ofstream(cache.folder / "cancel").flush();
-            });
-        const std::string outcome = errorText([&] { cache.run(inputs, 1); });
-        stop = true;
-        canceller.join();
+        const std::string outcome = cache.runCancelledWhen(readingHasBegun, inputs, 1, true);
         EXPECT_EQ(outcome, "Preprocessing cancelled by user.");
         EXPECT_EQ(entriesOf(cache.folder), std::set<std::string>{"cache.log"});
         EXPECT_EQ(cache.log().find("ERROR reading"), std::string::npos);
@@ -441,33 +488,84 @@ TEST(Run, FullDiskEndsInFailWithOnlyTheLog)
     pcp_test::TempFolder temp;
     const std::wstring input = temp.file(L"big.pts");
     pcp_test::writePtsFile(input, 20000);
-    const fs::path folder = temp.path() / "cäche-缓存";
 
-    // The child's writes stop at 64 KB, as on a disk that fills: each write beyond fails with EFBIG.
-    const pid_t child = fork();
-    ASSERT_NE(child, -1);
-    if (child == 0)
-    {
-        std::signal(SIGXFSZ, SIG_IGN);
-        const rlimit limit{64 * 1024, 64 * 1024};
-        setrlimit(RLIMIT_FSIZE, &limit);
-        int code = 1;
-        {
-            Cache cache(temp);
-            const std::string outcome = errorText([&] { cache.run({InputFileData(input, 1.0)}, 1); });
-            code = outcome == "Preprocessing failed: see " + ws2s(cache.files.getLogFile()) ? 0 : 1;
-        }
-        _exit(code);
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFEXITED(status)) << "the run died of signal " << WTERMSIG(status);
-    EXPECT_EQ(WEXITSTATUS(status), 0);
-    EXPECT_EQ(entriesOf(folder), (std::set<std::string>{"cache.log", "cache.pct"}));
-    const std::string log = readText(folder / "cache.log");
+    // The run's writes stop at 64 KB, as on a disk that fills.
+    const std::string log = logOfRunOnFullDisk(temp, {InputFileData(input, 1.0)}, 1, true,
+                                               [](Cache&) { limitFileSizes(64 * 1024); });
     EXPECT_NE(log.find("Convertor::run : Could not (fully) write "), std::string::npos) << log;
     EXPECT_NE(log.find("\nDisk full?"), std::string::npos);
-    EXPECT_EQ(readText(folder / "cache.pct"), "FAIL");
+}
+
+namespace
+{
+
+// A LAS tile whose points, all but one far away, crowd into the lowest octant of its box: that child of the
+// root and its children are split again, in memory, by a tree worker.
+std::wstring crowdedLasTile(const pcp_test::TempFolder& temp)
+{
+    std::mt19937 random(17);
+    std::uniform_int_distribution<int32_t> coordinate(0, 2'000'000);
+    std::vector<pcp_test::LasRecord> records(720000);
+    for (pcp_test::LasRecord& r : records)
+        r = {coordinate(random), coordinate(random), coordinate(random), 100, 2, 1000, 2000, 3000};
+    records.push_back({8'000'000, 8'000'000, 8'000'000, 100, 2, 1000, 2000, 3000});
+    const std::wstring tile = temp.file(L"crowded.las");
+    pcp_test::writeBytes(toPath(tile), pcp_test::lasFileBytes({}, records));
+    return tile;
+}
+
+// True once a node file four digits long is written: only a tree worker's subtree in memory goes so deep.
+bool subtreeHasBegun(const fs::path& cacheFolder)
+{
+    std::error_code error;
+    for (const auto& entry : fs::directory_iterator(cacheFolder / "Data", error))
+        if (entry.path().extension() == ".pnz" && entry.path().stem().string().size() == 4)
+            return true;
+    return false;
+}
+
+}  // namespace
+
+TEST(Run, CancelAndFullDiskInsideATreeWorkerLeaveOnlyTheLog)
+{
+    pcp_test::TempFolder temp;
+    const std::wstring tile = crowdedLasTile(temp);
+    const fs::path folder = temp.path() / "cäche-缓存";
+    {
+        Cache cache(temp);
+        const std::string outcome =
+            cache.runCancelledWhen(subtreeHasBegun, {InputFileData(tile, 1.0)}, 2, false);
+        // The tree building's cancel comes to the run as the stage's error, and an error outranks a cancel.
+        EXPECT_EQ(outcome, "Preprocessing failed: see " + ws2s(cache.files.getLogFile()));
+        EXPECT_EQ(entriesOf(cache.folder), std::set<std::string>{"cache.log"});
+        const std::string log = cache.log();
+        EXPECT_NE(log.find("\nPreprocessing cancelled.\n"), std::string::npos) << log;
+        EXPECT_NE(log.find("Started splitting threaded"), std::string::npos);
+        EXPECT_NE(log.find("ERROR tree building :\n\tPreprocessing cancelled by user."), std::string::npos);
+        EXPECT_EQ(log.find("Finished splitting threaded"), std::string::npos);
+        EXPECT_EQ(cache.finalPercentage(), "FAIL");
+    }
+    fs::remove_all(folder);
+
+    // The disk fills as the tree workers begin: the conversion worker is the first thread the run starts,
+    // the first tree worker the second, and from then on no file can grow beyond 16 KB. Only the node files
+    // of the subtrees are written then, and the first of them fails.
+    const std::string log =
+        logOfRunOnFullDisk(temp, {InputFileData(tile, 1.0)}, 2, false,
+                           [](Cache& cache)
+                           {
+                               auto starts = std::make_shared<std::atomic<int>>(0);
+                               cache.accessor.useThreadStarter(
+                                   [starts](std::function<void()> body)
+                                   {
+                                       if (++*starts == 2)
+                                           limitFileSizes(16 * 1024);
+                                       return startThread(std::move(body));
+                                   });
+                           });
+    EXPECT_NE(log.find("ERROR splitting threaded :\n\t"), std::string::npos) << log;
+    EXPECT_NE(log.find("SerializedPoints: Could not (fully) write "), std::string::npos) << log;
+    EXPECT_NE(log.find("\nDisk full?"), std::string::npos) << log;
 }
 
 namespace

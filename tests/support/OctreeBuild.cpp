@@ -77,11 +77,12 @@ void OctreeBuild::addScan(const std::vector<IoLightPoint>& points, double filled
     scans.push_back(scan);
 }
 
-void OctreeBuild::run(uint64_t threads, const std::function<bool()>& cancel, const ThreadStarter& startWorker)
+void OctreeBuild::run(uint64_t threads, const std::function<bool()>& cancel, const ThreadStarter& startWorker,
+                      uint64_t subtreePointBudget)
 {
     SupportedAttributes attributes;
     buildTree(scans, folder, files, millimetres(), attributes, threads, logger, false, false, false, "",
-              geom::UnitsValue::kUnitsMeters, cancel, startWorker);
+              geom::UnitsValue::kUnitsMeters, cancel, startWorker, subtreePointBudget);
 }
 
 fs::path OctreeBuild::data() const

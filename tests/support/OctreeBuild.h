@@ -14,6 +14,7 @@
 #include "core/IoTransfo.h"
 #include "core/ScanFiles.h"
 #include "core/WorkerThreads.h"
+#include "octree/SubtreeBudget.h"
 #include "services/Logger.h"
 #include "support/TempFolder.h"
 
@@ -38,7 +39,8 @@ struct OctreeBuild
     // A scan's point and meta files; a filled area above 0 is a scan with a panorama.
     void addScan(const std::vector<pc_preprocess::IoLightPoint>& points, double filledArea = 0.0);
     void run(uint64_t threads = 2, const std::function<bool()>& cancel = nullptr,
-             const pc_preprocess::ThreadStarter& startWorker = pc_preprocess::startThread);
+             const pc_preprocess::ThreadStarter& startWorker = pc_preprocess::startThread,
+             uint64_t subtreePointBudget = pc_preprocess::kSubtreePointBudget);
 
     std::filesystem::path data() const;
     std::string log() const;
