@@ -236,6 +236,9 @@ void checkRandomLeaves()
         const Leaf<W> leaf = randomLeaf<W>(random, lod, 3000 + random() % 6000);
         const uint32_t nodeSize = 40 + uint32_t(random() % 200);
         LeafDistributionRequest<W> request = requestFor(leaf, nodeSize);
+        // Nodes with points below them get smaller the coarser they are.
+        for (unsigned at = 0; at < request.takes.size(); ++at)
+            request.takes[at] = std::max<uint32_t>(nodeSize - 4 * at, 10);
         // The upper tree's three nodes above the leaf take a few points from it; the root takes none.
         std::map<unsigned, uint64_t> upper{{lod + 1, 17}, {lod + 2, 5}, {lod + 3, 60}};
         request.upperTake = [&](unsigned at) { return upper.count(at) ? upper[at] : 0; };
@@ -274,6 +277,16 @@ void checkRandomLeaves()
                 distributed.insert(record);
         }
         EXPECT_EQ(distributed, expected) << "round " << round;
+        // A node with nodes below it holds no more than its take.
+        for (const DistributionNode<W>& inner : result.nodes)
+        {
+            const bool hasNodesBelow = std::any_of(
+                result.nodes.begin(), result.nodes.end(),
+                [&](const auto& node)
+                { return node.lod < inner.lod && cellStartAtLod(node.index, inner.lod) == inner.index; });
+            EXPECT_TRUE(!hasNodesBelow || inner.pointCount <= request.takes[inner.lod])
+                << inner.pointCount << " points at lod " << unsigned(inner.lod);
+        }
     }
 }
 
