@@ -106,6 +106,10 @@ public:
                 {
                     continue;
                 }
+                // A node whose unused points fit one node takes them all and ends its branch, whatever its
+                // take: cutting it into a node of `take` points and a few near-empty children would only make
+                // more, smaller blocks. A fuller node keeps to its take and leaves the rest to the cells
+                // below; at the finest level there is nothing below to leave it to.
                 uint64_t take = unused;
                 if (unused > m_request.maxNodeSize)
                 {
@@ -147,7 +151,10 @@ private:
     }
 
     // The finest level the leaf needs: the first at which no node holds more points than a node may, or
-    // lod 0 when points stay together that far (a node there that is still too full fails the leaf).
+    // lod 0 when points stay together that far (a node there that is still too full fails the leaf). Levels
+    // on which the points still share one cell are passed on the way, as is any level with a node too full
+    // to be a leaf. Deciding it from the points before anything is taken means the walk from the top always
+    // ends in nodes that can hold what is left.
     unsigned findLeafLevel()
     {
         while (true)
@@ -314,6 +321,7 @@ bool distributeLeaf(const LeafDistributionRequest<W>& request, LeafDistribution<
         request.recordSize >= MortonIndex3D<W>::kBytes && request.records.size() % request.recordSize == 0 &&
         request.records.size() / request.recordSize <= std::numeric_limits<uint32_t>::max() &&
         request.leafEntryLod <= MortonIndex3D<W>::kBitsPerAxis;
+    result = LeafDistribution<W>{};
     if (!wholeRecords || !LeafDistributor<W>(request, result).run())
     {
         reportTo(errorLogger, "Failed to distribute points");
