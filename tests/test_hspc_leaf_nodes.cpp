@@ -343,6 +343,13 @@ TEST(LeafDistribution, EqualPositionsStayInOneCellDownToLodZero)
     EXPECT_EQ(log.lines, (std::vector<std::string>{"Failed to distribute points",
                                                    "Could not distribute points onto nodes."}));
 
+    // A buffer that ends inside a record fails the same way.
+    LeafDistributionRequest<uint32_t> torn = request;
+    torn.records = torn.records.first(torn.records.size() - 1);
+    torn.maxNodeSize = 5000;
+    EXPECT_FALSE(distributeLeaf(torn, failed, log.logger()));
+    EXPECT_EQ(log.lines.size(), 4u);
+
     // Allowed 1500 points a node, lod 0 holds the rest.
     request.maxNodeSize = 1500;
     LeafDistribution<uint32_t> fits;
