@@ -4,7 +4,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstring>
 #include <filesystem>
+#include <mutex>
 #include <fstream>
 #include <numeric>
 #include <random>
@@ -14,6 +16,7 @@
 #include "hspc/convert/BufferInputStructure.h"
 #include "hspc/convert/LeafMerge.h"
 #include "hspc/convert/MortonRecords.h"
+#include "hspc/convert/ProcessHandle.h"
 #include "hspc/convert/RawSort.h"
 #include "hspc/convert/TakeTable.h"
 #include "hspc/convert/UpperTree.h"
@@ -371,6 +374,7 @@ TEST(DistributionPlan, EqualDistributionTakeIsFairAndNeverTakesMoreThanACellHas)
     EXPECT_EQ(shares({4, 9, 2, 7}, 22), (std::vector<uint32_t>{4, 9, 2, 7}));
     EXPECT_EQ(shares({5, 5, 5}, 7), (std::vector<uint32_t>{3, 2, 2}));
     EXPECT_EQ(shares({0, 100, 3, 50}, 40), (std::vector<uint32_t>{0, 19, 3, 18}));
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_DEATH(shares({1, 2}, 5), "nbOfLeafs is zero");
 }
 
@@ -484,6 +488,144 @@ TYPED_TEST(DistributionPlanTest, UpperTreeOfMergedRandomEntries)
         expectConsistentTree(tree, take);
         EXPECT_EQ(tree.nodes.size() == 1, tree.nodes[0].points <= nodeSize);
     }
+}
+
+// Points in blocks of 2048 close together (within 2^12 cells per axis), the blocks spread over 2^20 cells per
+// axis, as a scanner's stream comes: records of a 32-bit Morton position and the point's id.
+constexpr uint32_t kRecordSize = 16;
+
+uint64_t mixed(uint64_t value)
+{
+    uint64_t h = value * 0x9E3779B97F4A7C15ull;
+    h ^= h >> 31;
+    h *= 0x94D049BB133111EBull;
+    return h ^ (h >> 29);
+}
+
+int32_t coordinate(uint64_t id, unsigned axis)
+{
+    const uint64_t block = mixed((id / 2048 + 1) * 3 + axis);
+    const uint64_t inBlock = mixed((id + 1) * 3 + axis);
+    return int32_t(block % (1u << 20)) - (1 << 19) + int32_t(inBlock % (1u << 12));
+}
+
+class BlockImporter : public Importer
+{
+public:
+    BlockImporter(uint64_t first, uint64_t count) : m_next(first), m_end(first + count) {}
+
+    ReadResult readBatch(HSPCBuffer<uint8_t>& buffer, uint64_t maxBytes) override
+    {
+        const uint64_t count = std::min(m_end - m_next, maxBytes / kRecordSize);
+        if (count == 0)
+        {
+            return ReadResult::kEnd;
+        }
+        buffer = HSPCBuffer<uint8_t>(count * kRecordSize);
+        for (uint64_t i = 0; i < count; ++i, ++m_next)
+        {
+            const MortonIndex3D<uint32_t> position =
+                encodeMortonSigned<uint32_t>(coordinate(m_next, 0), coordinate(m_next, 1), coordinate(m_next, 2));
+            const uint32_t id = uint32_t(m_next);
+            std::memcpy(buffer.data() + i * kRecordSize, position.words.data(), 12);
+            std::memcpy(buffer.data() + i * kRecordSize + 12, &id, 4);
+        }
+        return ReadResult::kData;
+    }
+    bool convertBatch(HSPCBuffer<uint8_t>& batch, HSPCBuffer<uint8_t>& output) const override
+    {
+        output = std::move(batch);
+        return true;
+    }
+    std::array<double, 3> origin() const override { return {0.0, 0.0, 0.0}; }
+    std::array<double, 3> scale() const override { return {1.0, 1.0, 1.0}; }
+
+private:
+    uint64_t m_next;
+    uint64_t m_end;
+};
+
+struct LockedLog
+{
+    std::mutex mutex;
+    std::vector<std::string> lines;
+    LogFunction logger()
+    {
+        return [this](const std::string& line) {
+            std::lock_guard lock(mutex);
+            lines.push_back(line);
+        };
+    }
+};
+
+TEST(DistributionPlan, PlanOfARealRawSortCountsEverySurvivingPoint)
+{
+    pcp_test::TempFolder folder;
+    LockedLog info, errors;
+    RuntimeConfig config;
+    config.batchSize = 64 * 1024;
+    config.targetMemory = 3 * 1024 * 1024;
+    config.workerCount = 2;
+    config.reservedThreads = 2;
+    config.tempWriterCount = 2;
+    config.encodingAttributes = {{MortonIndex3D<uint32_t>::kAttributeTypeCode, AttributeRole::POSITION, "POSITION"},
+                                 {AttributeType::U32, AttributeRole::CUSTOM, "id"}};
+    config.inputAttributes = config.encodingAttributes;
+    config.inputRecordSize = config.encodedRecordSize = kRecordSize;
+    config.scale = {1.0, 1.0, 1.0};
+    config.tempPath = folder.path().string();
+    setTempPrefixes(config, 3);
+    config.infoLogger = info.logger();
+    config.warningLogger = errors.logger();
+    config.errorLogger = errors.logger();
+    config.nodeSize = config.topNodeSize = 20000;
+
+    PointDistributionInputHandler<uint32_t> input(config);
+    ProcessHandle handle;
+    BlockImporter first(0, 400000);
+    BlockImporter second(400000, 400000);
+    const ConversionFailures failures = rawSort<uint32_t>(config, {&first, &second}, input, handle);
+    ASSERT_TRUE(failures.empty()) << failures.front().message;
+    // The merge reads spilled leaf entries from disk, not just the array.
+    ASSERT_FALSE(input.rasterLeafFiles().empty());
+    uint64_t survivors = 0;
+    for (const ReadBuffer<uint32_t>& run : input.readList())
+    {
+        survivors += run.pointCount;
+    }
+    EXPECT_GT(survivors, 790000u);
+
+    info.lines.clear();
+    const std::optional<DistributionPlan<uint32_t>> plan = mergeLeafNodes<uint32_t>(input, 64 * 1024);
+    ASSERT_TRUE(plan);
+    uint64_t counted = plan->readPoints();
+    for (const LeafEntry<uint32_t>& critical : plan->pointCritical)
+    {
+        counted += critical.count;
+    }
+    EXPECT_EQ(counted, survivors);
+    EXPECT_EQ(plan->maxLod, maxLodOfRuns<uint32_t>(input.readList()));
+    for (const ReadCell<uint32_t>& cell : plan->readList)
+    {
+        EXPECT_LE(cell.count, input.mergeLimit());
+    }
+    EXPECT_EQ(info.lines, std::vector<std::string>{"Recomputation: Point critical: " +
+                                                   std::to_string(plan->pointCritical.size()) +
+                                                   "; Distribution critical: " +
+                                                   std::to_string(plan->distributionCritical.size())});
+
+    const TakeTable take = computeTakeTable(config, plan->maxLod);
+    const UpperTree<uint32_t> tree = buildUpperTree(*plan, take);
+    expectConsistentTree(tree, take);
+    EXPECT_GT(tree.nodes.size(), survivors / config.nodeSize);
+
+    // A raster leaf file lost before the merge: the merge fails with the file's name and the handler's line.
+    std::filesystem::remove(input.rasterLeafFile(input.rasterLeafFiles().front()));
+    errors.lines.clear();
+    EXPECT_FALSE(mergeLeafNodes<uint32_t>(input, 64 * 1024));
+    EXPECT_EQ(errors.lines,
+              (std::vector<std::string>{"Error: Could not open file = " + input.rasterLeafFile(input.rasterLeafFiles().front()),
+                                        "point distribution input handler: Could not compute merge leaf nodes."}));
 }
 
 }  // namespace
