@@ -49,6 +49,12 @@ public:
 
 private:
     // Cuts whole cells off the front until the list is within the limit, or empty at the end of the merge.
+    // The pivot lod is where the head and the newest entry part; the cut ends where the newest entry's cell of
+    // that lod begins, not a node past the head, so that no cell is ever split between two flushes (it would
+    // show up twice on the read list with half of its points each time). For the same reason the lod is
+    // lowered until the head's cell does not reach back over cells already filed. A cell above the limit that
+    // holds several entries is cut again where its entries part: only a single entry above the limit has to
+    // have its points looked at.
     bool flush(bool final)
     {
         while (!m_list.empty() && (final || m_sum > m_limit))
@@ -125,12 +131,11 @@ private:
 
     void dropFront(std::size_t count)
     {
-        m_list.erase(m_list.begin(), m_list.begin() + std::ptrdiff_t(count));
-        m_sum = 0;
-        for (const LeafEntry<W>& entry : m_list)
+        for (std::size_t i = 0; i < count; ++i)
         {
-            m_sum += entry.count;
+            m_sum -= m_list[i].count;
         }
+        m_list.erase(m_list.begin(), m_list.begin() + std::ptrdiff_t(count));
     }
 
     // Files the entries [begin, end) of the list cell by cell at `lod`.

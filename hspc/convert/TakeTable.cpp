@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
-#include <cstdlib>
 
 namespace HSPC
 {
@@ -34,12 +33,12 @@ TakeTable computeTakeTable(const RuntimeConfig& config, unsigned maxLod)
     return take;
 }
 
-void computeEqualDistributionTake(std::span<const uint32_t> counts, uint64_t total, std::span<uint32_t> takes)
+bool computeEqualDistributionTake(std::span<const uint32_t> counts, uint64_t total, std::span<uint32_t> takes)
 {
     const uint64_t cells = counts.size();
     if (cells == 0)
     {
-        return;
+        return total == 0;
     }
     uint64_t take = total / cells;
     uint64_t rest = total % cells;
@@ -60,7 +59,7 @@ void computeEqualDistributionTake(std::span<const uint32_t> counts, uint64_t tot
         }
         if (sum == total)
         {
-            return;
+            return true;
         }
         uint64_t leftover = total;
         uint64_t above = 0;
@@ -78,7 +77,8 @@ void computeEqualDistributionTake(std::span<const uint32_t> counts, uint64_t tot
         if (above == 0)
         {
             std::fputs("computeEqualDistributionTake: nbOfLeafs is zero: not possible\n.", stderr);
-            std::abort();
+            std::fflush(stderr);
+            return false;
         }
         take = leftover / above;
         rest = leftover % above;

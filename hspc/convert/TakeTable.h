@@ -19,7 +19,9 @@ TakeTable computeTakeTable(const RuntimeConfig& config, unsigned maxLod);
 
 // Shares `total` among the cells of `counts`: no cell gives more than it holds, the rest is spread equally,
 // earlier cells giving the odd points. `takes` receives one share per cell. A total above the sum of the
-// counts is a broken caller: it is reported on the standard error stream and the process aborts.
-void computeEqualDistributionTake(std::span<const uint32_t> counts, uint64_t total, std::span<uint32_t> takes);
+// counts is a broken caller: it is reported on the standard error stream and answered with false. The engine
+// runs inside its host's process, so a broken invariant fails the conversion instead of aborting the host.
+[[nodiscard]] bool computeEqualDistributionTake(std::span<const uint32_t> counts, uint64_t total,
+                                                std::span<uint32_t> takes);
 
 }  // namespace HSPC

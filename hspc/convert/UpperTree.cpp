@@ -45,7 +45,7 @@ public:
         }
     }
 
-    UpperTree<W> build()
+    std::optional<UpperTree<W>> build()
     {
         uint64_t total = 0;
         for (const LeafEntry<W>& leaf : m_tree.leaves)
@@ -59,9 +59,10 @@ public:
         // Appending children while walking the list is the breadth-first order itself.
         for (std::size_t i = 0; i < m_tree.nodes.size(); ++i)
         {
-            if (m_tree.nodes[i].points > m_tree.nodes[i].take && !m_tree.nodes[i].continuesInLeaf)
+            if (m_tree.nodes[i].points > m_tree.nodes[i].take && !m_tree.nodes[i].continuesInLeaf &&
+                !addChildren(i))
             {
-                addChildren(i);
+                return std::nullopt;
             }
         }
         return std::move(m_tree);
@@ -88,7 +89,7 @@ private:
         return points;
     }
 
-    void addChildren(std::size_t parentPosition)
+    bool addChildren(std::size_t parentPosition)
     {
         const NodeDistribution<W> parent = m_tree.nodes[parentPosition];
         const unsigned lod = std::min<unsigned>(parent.lod - 1u, m_cutLod);
@@ -117,13 +118,17 @@ private:
         const uint64_t takenAbove = rawPoints(parent.firstLeaf, parent.leafEnd) - (parent.points - parent.take);
         std::vector<uint32_t> shares(children.size());
         // Shares are of 32-bit counts; a child beyond them (billions of points in one cell) gives no more.
-        computeEqualDistributionTake(cellPoints, std::min(takenAbove, cellTotal), shares);
+        if (!computeEqualDistributionTake(cellPoints, std::min(takenAbove, cellTotal), shares))
+        {
+            return false;
+        }
         m_tree.nodes[parentPosition].firstChild = uint32_t(m_tree.nodes.size());
         m_tree.nodes[parentPosition].childCount = uint32_t(children.size());
         for (std::size_t i = 0; i < children.size(); ++i)
         {
             addNode(children[i], rawPoints(children[i].firstLeaf, children[i].leafEnd) - shares[i]);
         }
+        return true;
     }
 
     const TakeTable& m_take;
@@ -134,12 +139,14 @@ private:
 }  // namespace
 
 template <typename W>
-UpperTree<W> buildUpperTree(const DistributionPlan<W>& plan, const TakeTable& take)
+std::optional<UpperTree<W>> buildUpperTree(const DistributionPlan<W>& plan, const TakeTable& take)
 {
     return UpperTreeBuilder<W>(plan, take).build();
 }
 
-template UpperTree<uint32_t> buildUpperTree<uint32_t>(const DistributionPlan<uint32_t>&, const TakeTable&);
-template UpperTree<uint64_t> buildUpperTree<uint64_t>(const DistributionPlan<uint64_t>&, const TakeTable&);
+template std::optional<UpperTree<uint32_t>> buildUpperTree<uint32_t>(const DistributionPlan<uint32_t>&,
+                                                                    const TakeTable&);
+template std::optional<UpperTree<uint64_t>> buildUpperTree<uint64_t>(const DistributionPlan<uint64_t>&,
+                                                                    const TakeTable&);
 
 }  // namespace HSPC
