@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
-#include <mutex>
 #include <fstream>
 #include <numeric>
 #include <random>
@@ -50,9 +49,9 @@ LeafEntry<W> entry(uint64_t index, uint32_t count, uint8_t lod)
 template <typename W>
 bool sameEntries(const std::vector<LeafEntry<W>>& a, const std::vector<LeafEntry<W>>& b)
 {
-    return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](const LeafEntry<W>& x, const LeafEntry<W>& y) {
-        return x.index == y.index && x.count == y.count && x.lod == y.lod;
-    });
+    return std::equal(a.begin(), a.end(), b.begin(), b.end(),
+                      [](const LeafEntry<W>& x, const LeafEntry<W>& y)
+                      { return x.index == y.index && x.count == y.count && x.lod == y.lod; });
 }
 
 template <typename W>
@@ -63,7 +62,8 @@ std::string writeLeafFile(const std::filesystem::path& path, const std::vector<L
     {
         storeLeafEntry(bytes.data() + i * LeafEntry<W>::kPackedSize, entries[i]);
     }
-    std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()), std::streamsize(bytes.size()));
+    std::ofstream(path, std::ios::binary)
+        .write(reinterpret_cast<const char*>(bytes.data()), std::streamsize(bytes.size()));
     return path.string();
 }
 
@@ -114,9 +114,10 @@ TYPED_TEST(DistributionPlanTest, DiskWindowsGiveTheEntriesOfTheArrayAndBadFilesF
 
     BufferMemInputStructure<W> memory(entries);
     EXPECT_TRUE(sameEntries(drain(memory), entries));
-    // One entry, less than one entry, a window that ends inside an entry, the smallest merge window, more than
-    // the file.
-    for (uint64_t window : std::vector<uint64_t>{kEntry, kEntry - 1, 3 * kEntry + 5, 170, 1000 * kEntry + 1, 1u << 20})
+    // One entry, less than one entry, a window that ends inside an entry, the smallest merge window, more
+    // than the file.
+    for (uint64_t window :
+         std::vector<uint64_t>{kEntry, kEntry - 1, 3 * kEntry + 5, 170, 1000 * kEntry + 1, 1u << 20})
     {
         pcp_test::MessageLog errors;
         BufferDiskInputStructure<W> disk(path, window, errors.logger());
@@ -157,10 +158,10 @@ TYPED_TEST(DistributionPlanTest, DiskWindowsGiveTheEntriesOfTheArrayAndBadFilesF
     BufferDiskInputStructure<W> wrongLodSource(wrongLod, 170, errors.logger());
     EXPECT_FALSE(wrongLodSource.valid());
 
-    EXPECT_EQ(errors.lines, (std::vector<std::string>{"Error: Could not open file = " + missing,
-                                                      "Error: Could not read file = " + cut,
-                                                      "Error: Could not read file = " + unordered,
-                                                      "Error: Could not read file = " + wrongLod}));
+    EXPECT_EQ(errors.lines,
+              (std::vector<std::string>{
+                  "Error: Could not open file = " + missing, "Error: Could not read file = " + cut,
+                  "Error: Could not read file = " + unordered, "Error: Could not read file = " + wrongLod}));
 }
 
 // Every point counted once: the read cells and the point critical cells hold all points of `inputs`, do not
@@ -212,14 +213,16 @@ void expectEveryPointFiledOnce(const DistributionPlan<W>& plan, const std::vecto
         filed += cells[i].count;
         if (i + 1 < cells.size())
         {
-            EXPECT_LE(nextIndexAtLod(cells[i].index, cells[i].lod), cells[i + 1].index) << "cells overlap at " << i;
+            EXPECT_LE(nextIndexAtLod(cells[i].index, cells[i].lod), cells[i + 1].index)
+                << "cells overlap at " << i;
         }
     }
     EXPECT_EQ(filed, total);
     for (const LeafEntry<W>& input : inputs)
     {
-        const auto after = std::upper_bound(cells.begin(), cells.end(), input.index,
-                                            [](const MortonIndex3D<W>& key, const auto& c) { return key < c.index; });
+        const auto after =
+            std::upper_bound(cells.begin(), cells.end(), input.index,
+                             [](const MortonIndex3D<W>& key, const auto& c) { return key < c.index; });
         const bool covered = after != cells.begin() &&
                              (std::prev(after)->index == input.index ||
                               input.index < nextIndexAtLod(std::prev(after)->index, std::prev(after)->lod));
@@ -251,13 +254,14 @@ TYPED_TEST(DistributionPlanTest, MergeFoldsNestedEntriesAndFilesEveryCellByItsRu
     EXPECT_EQ(plan->readList[2].index, code<W>(4096));
     EXPECT_EQ(plan->readList[1].lod, 1);
     EXPECT_EQ(plan->readList[2].count, 10u);
-    EXPECT_TRUE(sameEntries(plan->distributionList, {entry<W>(0, 60, 0), entry<W>(8, 60, 0), entry<W>(4096, 10, 0)}));
+    EXPECT_TRUE(
+        sameEntries(plan->distributionList, {entry<W>(0, 60, 0), entry<W>(8, 60, 0), entry<W>(4096, 10, 0)}));
     EXPECT_TRUE(sameEntries(plan->pointCritical, {entry<W>(64, 150, 0)}));
     EXPECT_TRUE(plan->distributionCritical.empty());
     expectEveryPointFiledOnce(*plan, single, input.mergeLimit);
 
-    // An entry of a raster file inside a coarser entry of the array folds into it; a cell holding an entry too
-    // coarse for its distribution lod is critical.
+    // An entry of a raster file inside a coarser entry of the array folds into it; a cell holding an entry
+    // too coarse for its distribution lod is critical.
     const std::vector<LeafEntry<W>> array = {entry<W>(0, 30, 2), entry<W>(512, 50, 1)};
     const std::vector<LeafEntry<W>> spilled = {entry<W>(5, 10, 0), entry<W>(70, 20, 0)};
     input.leaves = array;
@@ -274,12 +278,14 @@ TYPED_TEST(DistributionPlanTest, MergeFoldsNestedEntriesAndFilesEveryCellByItsRu
     std::vector<LeafEntry<W>> all = array;
     all.insert(all.end(), spilled.begin(), spilled.end());
     expectEveryPointFiledOnce(*plan, all, input.mergeLimit);
-    EXPECT_EQ(info.lines, std::vector<std::string>{"Recomputation: Point critical: 0; Distribution critical: 1"});
+    EXPECT_EQ(info.lines,
+              std::vector<std::string>{"Recomputation: Point critical: 0; Distribution critical: 1"});
 
     info.lines.clear();
     logMergeSummary(*plan, input.mergeLimit, info.logger());
-    EXPECT_EQ(info.lines, (std::vector<std::string>{"Max lod = 10", "Merge max point count = 60 < 100 = max points limit",
-                                                    "Read count         : 2", "Distribution count : 1"}));
+    EXPECT_EQ(info.lines,
+              (std::vector<std::string>{"Max lod = 10", "Merge max point count = 60 < 100 = max points limit",
+                                        "Read count         : 2", "Distribution count : 1"}));
 
     // A raster file that is gone stops the merge.
     input.rasterLeafFiles.push_back((folder.path() / "gone.dat").string());
@@ -307,8 +313,8 @@ TYPED_TEST(DistributionPlanTest, MergeOfManySourcesFilesEveryPointOnce)
         input.leaves = sources[0];
         for (std::size_t i = 1; i < sources.size(); ++i)
         {
-            input.rasterLeafFiles.push_back(
-                writeLeafFile<W>(folder.path() / ("r" + std::to_string(round) + "_" + std::to_string(i)), sources[i]));
+            input.rasterLeafFiles.push_back(writeLeafFile<W>(
+                folder.path() / ("r" + std::to_string(round) + "_" + std::to_string(i)), sources[i]));
         }
         input.maxLod = unsigned(4 + round * 2);
         input.mergeLimit = limit;
@@ -365,7 +371,8 @@ TEST(DistributionPlan, TakeTableFollowsTheNodeSizes)
 
 TEST(DistributionPlan, EqualDistributionTakeIsFairAndNeverTakesMoreThanACellHas)
 {
-    auto shares = [](std::vector<uint32_t> counts, uint64_t total) {
+    auto shares = [](std::vector<uint32_t> counts, uint64_t total)
+    {
         std::vector<uint32_t> takes(counts.size());
         EXPECT_TRUE(computeEqualDistributionTake(counts, total, takes));
         return takes;
@@ -378,12 +385,13 @@ TEST(DistributionPlan, EqualDistributionTakeIsFairAndNeverTakesMoreThanACellHas)
     std::vector<uint32_t> takes(2);
     testing::internal::CaptureStderr();
     EXPECT_FALSE(computeEqualDistributionTake(std::vector<uint32_t>{1, 2}, 5, takes));
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "computeEqualDistributionTake: nbOfLeafs is zero: not possible\n.");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "computeEqualDistributionTake: nbOfLeafs is zero: not possible\n.");
 }
 
-// Takes never exceed the points; every point is taken by a node or left to a leaf's own part; a node with more
-// points than its take has children (or is a leaf's cell), whose leaves are the parent's and whose points are
-// the parent's less its take.
+// Takes never exceed the points; every point is taken by a node or left to a leaf's own part; a node with
+// more points than its take has children (or is a leaf's cell), whose leaves are the parent's and whose
+// points are the parent's less its take.
 template <typename W>
 void expectConsistentTree(const UpperTree<W>& tree, const TakeTable& take)
 {
@@ -467,7 +475,8 @@ TYPED_TEST(DistributionPlanTest, UpperTreeTakesFromTheTopDown)
     deep.pointCritical = {entry<W>(64, 500, 1)};
     tree = buildUpperTree(deep, take).value();
     expectConsistentTree(tree, take);
-    EXPECT_TRUE(std::any_of(tree.nodes.begin(), tree.nodes.end(), [](const auto& n) { return n.continuesInLeaf; }));
+    EXPECT_TRUE(
+        std::any_of(tree.nodes.begin(), tree.nodes.end(), [](const auto& n) { return n.continuesInLeaf; }));
 }
 
 TYPED_TEST(DistributionPlanTest, UpperTreeOfMergedRandomEntries)
@@ -528,8 +537,8 @@ public:
         buffer = HSPCBuffer<uint8_t>(count * kRecordSize);
         for (uint64_t i = 0; i < count; ++i, ++m_next)
         {
-            const MortonIndex3D<uint32_t> position =
-                encodeMortonSigned<uint32_t>(coordinate(m_next, 0), coordinate(m_next, 1), coordinate(m_next, 2));
+            const MortonIndex3D<uint32_t> position = encodeMortonSigned<uint32_t>(
+                coordinate(m_next, 0), coordinate(m_next, 1), coordinate(m_next, 2));
             const uint32_t id = uint32_t(m_next);
             std::memcpy(buffer.data() + i * kRecordSize, position.words.data(), 12);
             std::memcpy(buffer.data() + i * kRecordSize + 12, &id, 4);
@@ -549,31 +558,19 @@ private:
     uint64_t m_end;
 };
 
-struct LockedLog
-{
-    std::mutex mutex;
-    std::vector<std::string> lines;
-    LogFunction logger()
-    {
-        return [this](const std::string& line) {
-            std::lock_guard lock(mutex);
-            lines.push_back(line);
-        };
-    }
-};
-
 TEST(DistributionPlan, PlanOfARealRawSortCountsEverySurvivingPoint)
 {
     pcp_test::TempFolder folder;
-    LockedLog info, errors;
+    pcp_test::LockedMessageLog info, errors;
     RuntimeConfig config;
     config.batchSize = 64 * 1024;
     config.targetMemory = 3 * 1024 * 1024;
     config.workerCount = 2;
     config.reservedThreads = 2;
     config.tempWriterCount = 2;
-    config.encodingAttributes = {{MortonIndex3D<uint32_t>::kAttributeTypeCode, AttributeRole::POSITION, "POSITION"},
-                                 {AttributeType::U32, AttributeRole::CUSTOM, "id"}};
+    config.encodingAttributes = {
+        {MortonIndex3D<uint32_t>::kAttributeTypeCode, AttributeRole::POSITION, "POSITION"},
+        {AttributeType::U32, AttributeRole::CUSTOM, "id"}};
     config.inputAttributes = config.encodingAttributes;
     config.inputRecordSize = config.encodedRecordSize = kRecordSize;
     config.scale = {1.0, 1.0, 1.0};
@@ -613,10 +610,10 @@ TEST(DistributionPlan, PlanOfARealRawSortCountsEverySurvivingPoint)
     {
         EXPECT_LE(cell.count, input.mergeLimit());
     }
-    EXPECT_EQ(info.lines, std::vector<std::string>{"Recomputation: Point critical: " +
-                                                   std::to_string(plan->pointCritical.size()) +
-                                                   "; Distribution critical: " +
-                                                   std::to_string(plan->distributionCritical.size())});
+    EXPECT_EQ(info.lines,
+              std::vector<std::string>{
+                  "Recomputation: Point critical: " + std::to_string(plan->pointCritical.size()) +
+                  "; Distribution critical: " + std::to_string(plan->distributionCritical.size())});
 
     const TakeTable take = computeTakeTable(config, plan->maxLod);
     const std::optional<UpperTree<uint32_t>> tree = buildUpperTree(*plan, take);
@@ -629,8 +626,9 @@ TEST(DistributionPlan, PlanOfARealRawSortCountsEverySurvivingPoint)
     errors.lines.clear();
     EXPECT_FALSE(mergeLeafNodes<uint32_t>(input, 64 * 1024));
     EXPECT_EQ(errors.lines,
-              (std::vector<std::string>{"Error: Could not open file = " + input.rasterLeafFile(input.rasterLeafFiles().front()),
-                                        "point distribution input handler: Could not compute merge leaf nodes."}));
+              (std::vector<std::string>{
+                  "Error: Could not open file = " + input.rasterLeafFile(input.rasterLeafFiles().front()),
+                  "point distribution input handler: Could not compute merge leaf nodes."}));
 }
 
 }  // namespace

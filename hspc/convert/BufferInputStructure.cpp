@@ -41,7 +41,8 @@ void BufferInputStructureBase<W>::loadCurrent()
 }
 
 template <typename W>
-BufferMemInputStructure<W>::BufferMemInputStructure(std::span<const LeafEntry<W>> entries) : m_entries(entries)
+BufferMemInputStructure<W>::BufferMemInputStructure(std::span<const LeafEntry<W>> entries)
+    : m_entries(entries)
 {
     this->m_windowEnd = entries.size();
     this->start();

@@ -49,9 +49,9 @@ public:
 
 private:
     // Cuts whole cells off the front until the list is within the limit, or empty at the end of the merge.
-    // The pivot lod is where the head and the newest entry part; the cut ends where the newest entry's cell of
-    // that lod begins, not a node past the head, so that no cell is ever split between two flushes (it would
-    // show up twice on the read list with half of its points each time). For the same reason the lod is
+    // The pivot lod is where the head and the newest entry part; the cut ends where the newest entry's cell
+    // of that lod begins, not a node past the head, so that no cell is ever split between two flushes (it
+    // would show up twice on the read list with half of its points each time). For the same reason the lod is
     // lowered until the head's cell does not reach back over cells already filed. A cell above the limit that
     // holds several entries is cut again where its entries part: only a single entry above the limit has to
     // have its points looked at.
@@ -67,7 +67,8 @@ private:
                 }
                 continue;
             }
-            const std::optional<MortonPivot<W>> pivot = computeSmallerPivot(m_list.front().index, m_list.back().index);
+            const std::optional<MortonPivot<W>> pivot =
+                computeSmallerPivot(m_list.front().index, m_list.back().index);
             if (!pivot)
             {
                 reportTo(m_errorLogger, "Merge: two leaf entries share one index.");
@@ -79,9 +80,10 @@ private:
             if (!final)
             {
                 const MortonIndex3D<W> open = cellStartAtLod(m_list.back().index, lod);
-                cut = std::size_t(std::partition_point(m_list.begin(), m_list.end(),
-                                                       [&](const LeafEntry<W>& e) { return e.index < open; }) -
-                                  m_list.begin());
+                cut =
+                    std::size_t(std::partition_point(m_list.begin(), m_list.end(),
+                                                     [&](const LeafEntry<W>& e) { return e.index < open; }) -
+                                m_list.begin());
             }
             if (!emitCells(0, cut, lod))
             {
@@ -161,8 +163,8 @@ private:
         return true;
     }
 
-    bool emitCell(std::size_t first, std::size_t last, const MortonIndex3D<W>& cell, unsigned lod, uint64_t points,
-                  uint8_t highest)
+    bool emitCell(std::size_t first, std::size_t last, const MortonIndex3D<W>& cell, unsigned lod,
+                  uint64_t points, uint8_t highest)
     {
         if (points > m_limit)
         {
@@ -171,7 +173,8 @@ private:
                 return addPointCritical(m_list[first]);
             }
             // Several entries: the cell splits where its first and last entries part.
-            const std::optional<MortonPivot<W>> pivot = computeSmallerPivot(m_list[first].index, m_list[last - 1].index);
+            const std::optional<MortonPivot<W>> pivot =
+                computeSmallerPivot(m_list[first].index, m_list[last - 1].index);
             return pivot && emitCells(first, last, pivot->lod);
         }
         const uint8_t distributionLod = uint8_t(lod >= 2 ? lod - 2 : 0);
@@ -278,9 +281,12 @@ std::optional<DistributionPlan<W>> mergeLeafNodes(const LeafMergeInput<W>& input
     sources.push_back(std::make_unique<BufferMemInputStructure<W>>(input.leaves));
     for (const std::string& path : input.rasterLeafFiles)
     {
-        sources.push_back(std::make_unique<BufferDiskInputStructure<W>>(path, windowBytes, input.errorLogger));
+        sources.push_back(
+            std::make_unique<BufferDiskInputStructure<W>>(path, windowBytes, input.errorLogger));
     }
-    std::priority_queue<BufferInputStructureBase<W>*, std::vector<BufferInputStructureBase<W>*>, LaterSource<W>> heap;
+    std::priority_queue<BufferInputStructureBase<W>*, std::vector<BufferInputStructureBase<W>*>,
+                        LaterSource<W>>
+        heap;
     for (const auto& source : sources)
     {
         if (!source->valid())
@@ -326,13 +332,15 @@ std::optional<DistributionPlan<W>> mergeLeafNodes(const LeafMergeInput<W>& input
     }
     DistributionPlan<W> plan = merger.takePlan();
     plan.maxLod = input.maxLod;
-    reportTo(input.infoLogger, "Recomputation: Point critical: " + std::to_string(plan.pointCritical.size()) +
-                                   "; Distribution critical: " + std::to_string(plan.distributionCritical.size()));
+    reportTo(input.infoLogger,
+             "Recomputation: Point critical: " + std::to_string(plan.pointCritical.size()) +
+                 "; Distribution critical: " + std::to_string(plan.distributionCritical.size()));
     return plan;
 }
 
 template <typename W>
-std::optional<DistributionPlan<W>> mergeLeafNodes(const PointDistributionInputHandler<W>& input, uint64_t memory)
+std::optional<DistributionPlan<W>> mergeLeafNodes(const PointDistributionInputHandler<W>& input,
+                                                  uint64_t memory)
 {
     std::vector<uint32_t> numbers = input.rasterLeafFiles();
     std::sort(numbers.begin(), numbers.end());
@@ -364,21 +372,22 @@ void logMergeSummary(const DistributionPlan<W>& plan, uint32_t mergeLimit, const
         fullest = std::max(fullest, cell.count);
     }
     reportTo(infoLogger, "Max lod = " + std::to_string(plan.maxLod));
-    reportTo(infoLogger, "Merge max point count = " + std::to_string(fullest) + (fullest > mergeLimit ? " > " : " < ") +
-                             std::to_string(mergeLimit) + " = max points limit");
+    reportTo(infoLogger, "Merge max point count = " + std::to_string(fullest) +
+                             (fullest > mergeLimit ? " > " : " < ") + std::to_string(mergeLimit) +
+                             " = max points limit");
     reportTo(infoLogger, "Read count         : " + std::to_string(plan.readList.size()));
     reportTo(infoLogger, "Distribution count : " + std::to_string(plan.distributionList.size()));
 }
 
 template unsigned maxLodOfRuns<uint32_t>(std::span<const ReadBuffer<uint32_t>>);
 template std::optional<DistributionPlan<uint32_t>> mergeLeafNodes<uint32_t>(const LeafMergeInput<uint32_t>&);
-template std::optional<DistributionPlan<uint32_t>> mergeLeafNodes<uint32_t>(const PointDistributionInputHandler<uint32_t>&,
-                                                                   uint64_t);
+template std::optional<DistributionPlan<uint32_t>> mergeLeafNodes<uint32_t>(
+    const PointDistributionInputHandler<uint32_t>&, uint64_t);
 template void logMergeSummary<uint32_t>(const DistributionPlan<uint32_t>&, uint32_t, const LogFunction&);
 template unsigned maxLodOfRuns<uint64_t>(std::span<const ReadBuffer<uint64_t>>);
 template std::optional<DistributionPlan<uint64_t>> mergeLeafNodes<uint64_t>(const LeafMergeInput<uint64_t>&);
-template std::optional<DistributionPlan<uint64_t>> mergeLeafNodes<uint64_t>(const PointDistributionInputHandler<uint64_t>&,
-                                                                   uint64_t);
+template std::optional<DistributionPlan<uint64_t>> mergeLeafNodes<uint64_t>(
+    const PointDistributionInputHandler<uint64_t>&, uint64_t);
 template void logMergeSummary<uint64_t>(const DistributionPlan<uint64_t>&, uint32_t, const LogFunction&);
 
 }  // namespace HSPC

@@ -1,6 +1,6 @@
-// The merge of the leaf arrays: the in-memory leaf array and the raster leaf files are read together in Morton
-// order, entries nested in a coarser entry are folded into it, and the merged entries are cut into cells of at
-// most the merge limit, the units in which the runs are read and distributed.
+// The merge of the leaf arrays: the in-memory leaf array and the raster leaf files are read together in
+// Morton order, entries nested in a coarser entry are folded into it, and the merged entries are cut into
+// cells of at most the merge limit, the units in which the runs are read and distributed.
 #pragma once
 
 #include <cstdint>
@@ -44,7 +44,8 @@ std::optional<DistributionPlan<W>> mergeLeafNodes(const LeafMergeInput<W>& input
 // The same over what the raw sort left in `input`, with `memory` bytes for the windows; the raster leaf files
 // are read in the order of their numbers. A failure adds the handler's own line on the error logger.
 template <typename W>
-std::optional<DistributionPlan<W>> mergeLeafNodes(const PointDistributionInputHandler<W>& input, uint64_t memory);
+std::optional<DistributionPlan<W>> mergeLeafNodes(const PointDistributionInputHandler<W>& input,
+                                                  uint64_t memory);
 
 // The figures of a finished merge on the info logger: max lod, the fullest read cell against the limit, and
 // the sizes of the read and distribution lists.

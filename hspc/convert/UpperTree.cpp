@@ -72,8 +72,10 @@ private:
     void addNode(NodeDistribution<W> node, uint64_t points)
     {
         node.points = points;
-        node.take = uint32_t(std::min<uint64_t>(m_take[std::min<std::size_t>(node.lod, m_take.size() - 1)], points));
-        const bool oneLeaf = node.leafEnd - node.firstLeaf == 1 && m_tree.leaves[node.firstLeaf].lod == node.lod;
+        node.take =
+            uint32_t(std::min<uint64_t>(m_take[std::min<std::size_t>(node.lod, m_take.size() - 1)], points));
+        const bool oneLeaf =
+            node.leafEnd - node.firstLeaf == 1 && m_tree.leaves[node.firstLeaf].lod == node.lod;
         // A cell of lod 0 has no children: whatever its take leaves is for the leaf's own part.
         node.continuesInLeaf = (oneLeaf || node.lod == 0) && points > node.take;
         m_tree.nodes.push_back(node);
@@ -115,7 +117,8 @@ private:
         }
         // What the parent and its ancestors took from the parent's cell is spread fairly over the children,
         // as the distribution picks its points: evenly over the occupied cells, none giving more than it has.
-        const uint64_t takenAbove = rawPoints(parent.firstLeaf, parent.leafEnd) - (parent.points - parent.take);
+        const uint64_t takenAbove =
+            rawPoints(parent.firstLeaf, parent.leafEnd) - (parent.points - parent.take);
         std::vector<uint32_t> shares(children.size());
         // Shares are of 32-bit counts; a child beyond them (billions of points in one cell) gives no more.
         if (!computeEqualDistributionTake(cellPoints, std::min(takenAbove, cellTotal), shares))
@@ -145,8 +148,8 @@ std::optional<UpperTree<W>> buildUpperTree(const DistributionPlan<W>& plan, cons
 }
 
 template std::optional<UpperTree<uint32_t>> buildUpperTree<uint32_t>(const DistributionPlan<uint32_t>&,
-                                                                    const TakeTable&);
+                                                                     const TakeTable&);
 template std::optional<UpperTree<uint64_t>> buildUpperTree<uint64_t>(const DistributionPlan<uint64_t>&,
-                                                                    const TakeTable&);
+                                                                     const TakeTable&);
 
 }  // namespace HSPC

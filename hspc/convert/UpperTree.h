@@ -42,16 +42,16 @@ struct UpperTree
     std::vector<NodeDistribution<W>> nodes;
 };
 
-// The root is the whole space. Below it, children are cut at maxLod of the plan (or at the coarsest leaf, when
-// one is coarser), then one lod at a time: the levels between the whole space and maxLod would each hold one
-// node, every one of them taking points from the same cell for nothing. Nothing when the plan's leaves do not
-// hold the points its nodes are to take (the shares are reported on the standard error stream).
+// The root is the whole space. Below it, children are cut at maxLod of the plan (or at the coarsest leaf,
+// when one is coarser), then one lod at a time: the levels between the whole space and maxLod would each hold
+// one node, every one of them taking points from the same cell for nothing. Nothing when the plan's leaves do
+// not hold the points its nodes are to take (the shares are reported on the standard error stream).
 template <typename W>
 std::optional<UpperTree<W>> buildUpperTree(const DistributionPlan<W>& plan, const TakeTable& take);
 
 extern template std::optional<UpperTree<uint32_t>> buildUpperTree<uint32_t>(const DistributionPlan<uint32_t>&,
-                                                                           const TakeTable&);
+                                                                            const TakeTable&);
 extern template std::optional<UpperTree<uint64_t>> buildUpperTree<uint64_t>(const DistributionPlan<uint64_t>&,
-                                                                           const TakeTable&);
+                                                                            const TakeTable&);
 
 }  // namespace HSPC
