@@ -61,10 +61,14 @@ private:
         {
             if (m_list.size() == 1)
             {
-                if (!flushSingle(final))
+                // Above the limit no count can split it; at the end it is a cell of its own, with room for
+                // its entry to be distributed two lods below.
+                const LeafEntry<W>& entry = m_list.front();
+                if (!emitCells(0, 1, lodNotBefore(entry.index, std::min<unsigned>(entry.lod + 2u, m_maxLod))))
                 {
                     return false;
                 }
+                dropFront(1);
                 continue;
             }
             const std::optional<MortonPivot<W>> pivot =
@@ -91,33 +95,6 @@ private:
             }
             dropFront(cut);
         }
-        return true;
-    }
-
-    // A list of one entry: above the limit no count can split it; at the end it is a cell of its own.
-    bool flushSingle(bool final)
-    {
-        const LeafEntry<W> entry = m_list.front();
-        if (entry.count > m_limit)
-        {
-            if (!addPointCritical(entry))
-            {
-                return false;
-            }
-        }
-        else if (final)
-        {
-            const unsigned lod = lodNotBefore(entry.index, std::min<unsigned>(entry.lod + 2u, m_maxLod));
-            if (!emitCells(0, 1, lod))
-            {
-                return false;
-            }
-        }
-        else
-        {
-            return true;
-        }
-        dropFront(1);
         return true;
     }
 
@@ -170,7 +147,8 @@ private:
         {
             if (last - first == 1)
             {
-                return addPointCritical(m_list[first]);
+                addPointCritical(m_list[first]);
+                return true;
             }
             // Several entries: the cell splits where its first and last entries part.
             const std::optional<MortonPivot<W>> pivot =
@@ -214,17 +192,12 @@ private:
         list.push_back(LeafEntry<W>{coarse, entry.count, lod});
     }
 
-    bool addPointCritical(const LeafEntry<W>& entry)
+    // Entries of one index were folded into one before they reached the list, so an entry comes here once:
+    // no cell can be filed twice as critical.
+    void addPointCritical(const LeafEntry<W>& entry)
     {
-        std::vector<LeafEntry<W>>& critical = m_plan.pointCritical;
-        if (!critical.empty() && critical.back().index == entry.index)
-        {
-            reportTo(m_errorLogger, "Merge: the cell of one leaf entry was cut twice.");
-            return false;
-        }
-        critical.push_back(entry);
+        m_plan.pointCritical.push_back(entry);
         markFiled(extentEnd(entry));
-        return true;
     }
 
     void markFiled(const MortonIndex3D<W>& end) { m_filedEnd = std::max(m_filedEnd, end); }
