@@ -436,7 +436,6 @@ void expectConsistentTree(const UpperTree<W>& tree, const TakeTable& take)
             EXPECT_EQ(childPoints, node.points - node.take);
         }
     }
-    EXPECT_LE(taken, total);
     EXPECT_EQ(taken + leftToLeaves, total);
 }
 
