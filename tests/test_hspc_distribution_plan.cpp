@@ -582,8 +582,8 @@ TEST(DistributionPlan, PlanOfARealRawSortCountsEverySurvivingPoint)
 
     PointDistributionInputHandler<uint32_t> input(config);
     ProcessHandle handle;
-    BlockImporter first(0, 400000);
-    BlockImporter second(400000, 400000);
+    BlockImporter first(0, 1000000);
+    BlockImporter second(1000000, 1000000);
     const ConversionFailures failures = rawSort<uint32_t>(config, {&first, &second}, input, handle);
     ASSERT_TRUE(failures.empty()) << failures.front().message;
     // The merge reads spilled leaf entries from disk, not just the array.
@@ -593,7 +593,7 @@ TEST(DistributionPlan, PlanOfARealRawSortCountsEverySurvivingPoint)
     {
         survivors += run.pointCount;
     }
-    EXPECT_GT(survivors, 790000u);
+    EXPECT_GT(survivors, 1990000u);
 
     info.lines.clear();
     const std::optional<DistributionPlan<uint32_t>> plan = mergeLeafNodes<uint32_t>(input, 64 * 1024);
