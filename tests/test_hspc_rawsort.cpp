@@ -19,6 +19,7 @@
 #include "hspc/format/NodeDecompressor.h"
 #include "hspc/format/TrackedMemory.h"
 #include "support/LittleEndianBytes.h"
+#include "support/MessageLog.h"
 #include "support/TempFolder.h"
 
 using namespace HSPC;
@@ -27,25 +28,6 @@ namespace
 {
 
 using pcp_test::Bytes;
-
-// A logger that worker threads may call at once.
-struct LockedLog
-{
-    std::mutex mutex;
-    std::vector<std::string> lines;
-    LogFunction logger()
-    {
-        return [this](const std::string& line) {
-            std::lock_guard lock(mutex);
-            lines.push_back(line);
-        };
-    }
-    bool contains(const std::string& line)
-    {
-        std::lock_guard lock(mutex);
-        return std::find(lines.begin(), lines.end(), line) != lines.end();
-    }
-};
 
 // A well-mixed 64-bit value of `value`.
 uint64_t mixed(uint64_t value)
@@ -191,8 +173,8 @@ struct StageShape
 };
 
 template <typename W>
-RuntimeConfig stageConfig(const std::filesystem::path& temp, const StageShape& shape, LockedLog& info,
-                          LockedLog& errors)
+RuntimeConfig stageConfig(const std::filesystem::path& temp, const StageShape& shape,
+                          pcp_test::LockedMessageLog& info, pcp_test::LockedMessageLog& errors)
 {
     RuntimeConfig config;
     config.batchSize = shape.batchSize;
@@ -369,8 +351,8 @@ struct Stage
     }
 
     pcp_test::TempFolder folder;
-    LockedLog info;
-    LockedLog errors;
+    pcp_test::LockedMessageLog info;
+    pcp_test::LockedMessageLog errors;
     RuntimeConfig config;
     PointDistributionInputHandler<W> input{config};
     ProcessHandle handle;
@@ -381,6 +363,8 @@ void sortsFiltersAndCountsMillionsOfPoints(bool compress)
 {
     StageShape shape;
     shape.compress = compress;
+    // Small enough that each worker's leaf array outgrows its share however the batches fall to the workers.
+    shape.targetMemory = 1536 * 1024;
     Stage<W> stage(shape);
     constexpr uint64_t kPerImporter = 600000;
     std::vector<std::unique_ptr<GeneratedImporter<W>>> importers;

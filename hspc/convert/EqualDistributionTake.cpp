@@ -1,5 +1,6 @@
 #include "hspc/convert/EqualDistributionTake.h"
 
+#include <algorithm>
 #include <cstdio>
 
 namespace HSPC
@@ -10,6 +11,11 @@ bool computeEqualDistributionTake(std::span<const uint32_t> counts, uint64_t tot
     // The points still to spread over the cells that hold more than the current share, and how many such
     // cells there are. Each round either balances or moves at least one cell to the "gives all" side, so
     // there are at most n rounds.
+    if (total == 0)
+    {
+        std::fill(takes.begin(), takes.end(), 0u);
+        return true;
+    }
     uint64_t leftover = total;
     uint64_t sharing = counts.size();
     uint64_t share = 0;
