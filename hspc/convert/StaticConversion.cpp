@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <cstdio>
 
+#include "hspc/convert/DistributionPlanning.h"
+#include "hspc/convert/PointDistribution.h"
 #include "hspc/convert/PointDistributionInputHandler.h"
 #include "hspc/convert/RawSort.h"
 
@@ -49,11 +51,13 @@ ConversionFailures staticConversionOf(const RuntimeConfig& runtime, const std::v
     const Clock::time_point distributionStart = Clock::now();
     if (failures.empty())
     {
-        // The sorted runs are complete here, but nothing turns them into nodes yet: say so instead of
-        // reporting a data set that was never written.
-        failures.push_back(makeFailure(FailureCode::kStage,
-                                       "staticConversion: the point distribution is not available in this "
-                                       "build; the sorted points were not written as a data set."));
+        // Without any point the plan is empty and the distribution writes the tree files of an empty data set.
+        DistributionLayout<W> layout;
+        failures = planDistribution<W>(runtime, input, handle, layout);
+        if (failures.empty())
+        {
+            failures = distributePoints<W>(runtime, input, layout, handle);
+        }
     }
     runtime.infoLogger("Distribution: elapsed: " + secondsSince(distributionStart) + " [s].");
     return failures;
