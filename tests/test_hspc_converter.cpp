@@ -31,6 +31,7 @@
 #include "support/LittleEndianBytes.h"
 #include "support/MessageLog.h"
 #include "support/TempFolder.h"
+#include "support/HspcConversionSetup.h"
 
 using namespace HSPC;
 
@@ -39,53 +40,10 @@ namespace
 
 namespace fs = std::filesystem;
 using Messages = pcp_test::MessageLog;
-
-struct ProgressReport
-{
-    int percent;
-    std::string message;
-    friend bool operator==(const ProgressReport&, const ProgressReport&) = default;
-};
-
-// Valid records for a conversion into folders "out" and "tmp" of a fresh temporary folder, with every logger
-// captured.
-struct ConversionSetup
-{
-    pcp_test::TempFolder folder;
-    BasicConfig basic;
-    AdvancedConfig advanced;
-    PointCloudEncodingConfig encoding;
-    Messages errors;
-    Messages warnings;
-    Messages infos;
-    std::vector<ProgressReport> progress;
-
-    ConversionSetup()
-    {
-        fs::create_directory(folder.path() / "out");
-        fs::create_directory(folder.path() / "tmp");
-        basic.attributes = {{AttributeType::I32, AttributeRole::X, "X"},
-                            {AttributeType::I32, AttributeRole::Y, "Y"},
-                            {AttributeType::I32, AttributeRole::Z, "Z"},
-                            {AttributeType::U16, AttributeRole::INTENSITY, "Intensity"}};
-        basic.scale = {0.001, 0.001, 0.001};
-        basic.outputPath = (folder.path() / "out").string();
-        basic.tempPath = (folder.path() / "tmp").string();
-        advanced.workerCount = 2;
-        advanced.targetMemory = 64u << 20;
-        advanced.errorLogger = errors.logger();
-        advanced.warningLogger = warnings.logger();
-        advanced.infoLogger = infos.logger();
-        advanced.progressLogger = [this](int percent, const std::string& message) {
-            progress.push_back({percent, message});
-        };
-    }
-
-    std::unique_ptr<Converter> converter() const
-    {
-        return std::make_unique<Converter>(basic, advanced, encoding);
-    }
-};
+using pcp_test::ConversionSetup;
+using pcp_test::ProgressReport;
+using pcp_test::convertRecords;
+using pcp_test::recordImporter;
 
 // Every file and folder below `root` with its size, to show that nothing was created, changed or removed.
 std::map<std::string, uintmax_t> snapshot(const fs::path& root)
@@ -424,65 +382,6 @@ TEST(StaticConversion, InputTreesFailBeforeAnyImporterIsRead)
 
 namespace
 {
-
-// Raw records of x, y, z in millimetres (I32), 16-bit colours and an intensity, spread over a few metres.
-constexpr const char* kRecordDescription = R"({"attribute-description": [
-    {"attribute": {"name": "X", "role": "X", "type": "I32"}, "scale": 0.001},
-    {"attribute": {"name": "Y", "role": "Y", "type": "I32"}, "scale": 0.001},
-    {"attribute": {"name": "Z", "role": "Z", "type": "I32"}, "scale": 0.001},
-    {"attribute": {"name": "Red", "role": "R", "type": "U16"}},
-    {"attribute": {"name": "Green", "role": "G", "type": "U16"}},
-    {"attribute": {"name": "Blue", "role": "B", "type": "U16"}},
-    {"attribute": {"name": "Intensity", "role": "INTENSITY", "type": "U16"}}]})";
-
-std::shared_ptr<std::vector<uint8_t>> recordsFrom(uint64_t first, uint64_t count)
-{
-    auto bytes = std::make_shared<std::vector<uint8_t>>();
-    for (uint64_t point = first; point < first + count; ++point)
-    {
-        for (unsigned axis = 0; axis < 3; ++axis)
-            pcp_test::put(*bytes, int32_t(point * (7919 + axis * 104729) % 5000003));
-        for (unsigned channel = 0; channel < 4; ++channel)
-            pcp_test::put(*bytes, uint16_t(point * (channel + 3)));
-    }
-    return bytes;
-}
-
-EncodingAttribute encoded(uint8_t type, uint8_t role, std::string name, std::optional<double> defaultValue = {})
-{
-    EncodingAttribute attribute;
-    attribute.attribute = Attribute{type, role, std::move(name)};
-    attribute.defaultValue = defaultValue;
-    return attribute;
-}
-
-// The converter's records for the importers below: the importers deliver the encoded layout, a millimetre
-// grid with 8-bit colours, so the input attributes are the encoded ones. Small batches make many of them.
-void convertRecords(ConversionSetup& setup)
-{
-    setup.basic.attributes = {{AttributeType::M96, AttributeRole::POSITION, "POSITION"},
-                              {AttributeType::U8, AttributeRole::R, "Red"},
-                              {AttributeType::U8, AttributeRole::G, "Green"},
-                              {AttributeType::U8, AttributeRole::B, "Blue"},
-                              {AttributeType::U16, AttributeRole::INTENSITY, "Intensity"}};
-    setup.advanced.batchSize = 64 * 1024;
-    setup.advanced.reservedThreads = 2;
-}
-
-std::shared_ptr<Importer> recordImporter(const ConversionSetup& setup, uint64_t first, uint64_t count,
-                                         const LogFunction& errorLogger)
-{
-    EncodingTarget target;
-    target.attributes = {encoded(AttributeType::M96, AttributeRole::POSITION, "POSITION"),
-                         encoded(AttributeType::U8, AttributeRole::R, "Red", 255.0),
-                         encoded(AttributeType::U8, AttributeRole::G, "Green", 255.0),
-                         encoded(AttributeType::U8, AttributeRole::B, "Blue", 255.0),
-                         encoded(AttributeType::U16, AttributeRole::INTENSITY, "Intensity")};
-    target.origin = setup.basic.origin;
-    target.scale = setup.basic.scale;
-    return BinaryRecordImporter::create(kRecordDescription, makeMemorySource(recordsFrom(first, count)), target,
-                                        EncodingFlags{}, errorLogger);
-}
 
 // Passes everything on to another importer, but calls `onPause` on its `pauseAt`-th request for points
 // first, so that a test can act while a stage is surely reading.

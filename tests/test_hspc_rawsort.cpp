@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "hspc/convert/RawSort.h"
+#include "hspc/convert/RunSliceReader.h"
 #include "hspc/format/NodeDecompressor.h"
 #include "hspc/format/TrackedMemory.h"
 #include "support/LittleEndianBytes.h"
@@ -261,6 +262,39 @@ std::vector<std::pair<MortonIndex3D<W>, uint32_t>> cellsOf(const Bytes& packed)
     return cells;
 }
 
+// Slices of every run read back through the run reader equal the run's records, split anywhere, and its codes
+// alone; a slice past a run's end is refused with the file named.
+template <typename W>
+void checkSliceReads(const PointDistributionInputHandler<W>& input, pcp_test::LockedMessageLog& errors)
+{
+    RunSliceReader<W> reader(input);
+    for (uint32_t i = 0; i < input.readList().size(); ++i)
+    {
+        const ReadBuffer<W>& run = input.readList()[i];
+        const Bytes records = runRecords(input, run);
+        const uint32_t third = run.pointCount / 3;
+        // Codes first, so that a compressed run is decoded for its positions alone, then again whole.
+        std::vector<MortonIndex3D<W>> codes;
+        ASSERT_TRUE(reader.readCodes(RunSlice{i, third, third}, codes));
+        ASSERT_EQ(codes.size(), third);
+        for (uint32_t k = 0; k < third; ++k)
+        {
+            ASSERT_EQ(codes[k], codeAt<W>(records, third + k)) << "run " << i << " code " << k;
+        }
+        HSPCBuffer<uint8_t> read;
+        ASSERT_TRUE(reader.readRecords(RunSlice{i, 0, third}, read));
+        ASSERT_TRUE(reader.readRecords(RunSlice{i, third, run.pointCount - third}, read));
+        ASSERT_TRUE(std::equal(read.begin(), read.end(), records.begin(), records.end())) << "run " << i;
+        reader.release(i);
+    }
+    HSPCBuffer<uint8_t> read;
+    const ReadBuffer<W>& last = input.readList().back();
+    EXPECT_FALSE(reader.readRecords(RunSlice{uint32_t(input.readList().size() - 1), 1, last.pointCount}, read));
+    EXPECT_TRUE(read.empty());
+    EXPECT_TRUE(errors.contains("Failed to read file=" + input.tempPointFile(last.fileNumber) +
+                                "; You might want to check your disk."));
+}
+
 // What the checks of a finished stage found.
 struct StageOutcome
 {
@@ -409,6 +443,7 @@ void sortsFiltersAndCountsMillionsOfPoints(bool compress)
     }
     EXPECT_TRUE(stage.input.queuesEmpty());
     EXPECT_TRUE(stage.errors.lines.empty());
+    checkSliceReads(stage.input, stage.errors);
 }
 
 }  // namespace

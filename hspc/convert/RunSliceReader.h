@@ -41,7 +41,11 @@ public:
 
 private:
     struct DecodedRun;
+    // The run decoded whole, from the kept ones when it is there; nothing when it cannot be read or decoded.
     const DecodedRun* decoded(uint32_t run, bool positionsOnly);
+    bool sliceFits(const RunSlice& slice) const;
+    bool readRaw(const RunSlice& slice, uint8_t* out);
+    bool fail(uint32_t run);
 
     const PointDistributionInputHandler<W>& m_input;
     std::unique_ptr<NodeDecompressor> m_decompressor;
