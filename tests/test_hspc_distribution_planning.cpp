@@ -1,0 +1,378 @@
+// The planning half of the distribution on what real raw sorts leave behind: every leaf's slices of the runs
+// hold exactly its points and cover every run once, critical cells are recomputed from their points into
+// leaves within the merge limit, a cell of one position above the limit fails clearly without the duplicate
+// filter and stays one leaf with it, and a cancel reaches the recomputation.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "hspc/convert/DistributionPlanning.h"
+#include "hspc/convert/MortonRecords.h"
+#include "hspc/convert/ProcessHandle.h"
+#include "hspc/convert/RawSort.h"
+#include "hspc/convert/RunSliceReader.h"
+#include "support/MessageLog.h"
+#include "support/TempFolder.h"
+
+using namespace HSPC;
+
+namespace
+{
+
+// Records of a 32-bit Morton position and the point's number.
+constexpr uint32_t kRecordSize = 16;
+using Position = std::array<int32_t, 3>;
+using Code = MortonIndex3D<uint32_t>;
+
+// Delivers `count` points whose positions `positionOf` gives by point number.
+class GeneratedImporter : public Importer
+{
+public:
+    GeneratedImporter(uint64_t count, std::function<Position(uint64_t)> positionOf)
+        : m_end(count), m_positionOf(std::move(positionOf))
+    {
+    }
+
+    ReadResult readBatch(HSPCBuffer<uint8_t>& buffer, uint64_t maxBytes) override
+    {
+        const uint64_t count = std::min(m_end - m_next, maxBytes / kRecordSize);
+        if (count == 0)
+        {
+            return ReadResult::kEnd;
+        }
+        buffer = HSPCBuffer<uint8_t>(count * kRecordSize);
+        for (uint64_t i = 0; i < count; ++i, ++m_next)
+        {
+            const Position p = m_positionOf(m_next);
+            const Code code = encodeMortonSigned<uint32_t>(p[0], p[1], p[2]);
+            const uint32_t id = uint32_t(m_next);
+            std::memcpy(buffer.data() + i * kRecordSize, code.words.data(), 12);
+            std::memcpy(buffer.data() + i * kRecordSize + 12, &id, 4);
+        }
+        return ReadResult::kData;
+    }
+    bool convertBatch(HSPCBuffer<uint8_t>& batch, HSPCBuffer<uint8_t>& output) const override
+    {
+        output = std::move(batch);
+        return true;
+    }
+    std::array<double, 3> origin() const override { return {0.0, 0.0, 0.0}; }
+    std::array<double, 3> scale() const override { return {1.0, 1.0, 1.0}; }
+
+private:
+    uint64_t m_next = 0;
+    uint64_t m_end;
+    std::function<Position(uint64_t)> m_positionOf;
+};
+
+uint64_t mixed(uint64_t value)
+{
+    uint64_t h = value * 0x9E3779B97F4A7C15ull;
+    h ^= h >> 31;
+    h *= 0x94D049BB133111EBull;
+    return h ^ (h >> 29);
+}
+
+// In blocks of 2048 points close together (within 2^12 cells a side), the blocks anywhere in a cube of 2^20
+// cells a side, as a scanner's stream comes.
+Position spread(uint64_t id)
+{
+    Position p;
+    for (unsigned axis = 0; axis < 3; ++axis)
+    {
+        const uint64_t block = mixed((id / 2048 + 1) * 3 + axis);
+        p[axis] = int32_t(block % (1u << 20)) - (1 << 19) + int32_t(mixed(id * 3 + axis) % (1u << 12));
+    }
+    return p;
+}
+
+struct Conversion
+{
+    pcp_test::TempFolder folder;
+    pcp_test::LockedMessageLog info, warnings, errors;
+    RuntimeConfig config;
+    ProcessHandle handle;
+
+    explicit Conversion(uint64_t batchPoints)
+    {
+        config.batchSize = batchPoints * kRecordSize;
+        // Small, so that cell lists and leaf arrays spill to disk.
+        config.targetMemory = 512 * 1024;
+        config.workerCount = 2;
+        config.distributionWorkerCount = 2;
+        config.reservedThreads = 2;
+        config.tempWriterCount = 2;
+        config.encodingAttributes = {{Code::kAttributeTypeCode, AttributeRole::POSITION, "POSITION"},
+                                     {AttributeType::U32, AttributeRole::CUSTOM, "id"}};
+        config.inputAttributes = config.encodingAttributes;
+        config.inputRecordSize = config.encodedRecordSize = kRecordSize;
+        config.scale = {1.0, 1.0, 1.0};
+        config.tempPath = folder.path().string();
+        setTempPrefixes(config, 7);
+        config.infoLogger = info.logger();
+        config.warningLogger = warnings.logger();
+        config.errorLogger = errors.logger();
+        config.nodeSize = config.topNodeSize = 5000;
+    }
+
+    // Sorts the points into runs; the points that survive the filters.
+    uint64_t sort(PointDistributionInputHandler<uint32_t>& input, uint64_t count,
+                  std::function<Position(uint64_t)> positionOf)
+    {
+        GeneratedImporter importer(count, std::move(positionOf));
+        const ConversionFailures failures = rawSort<uint32_t>(config, {&importer}, input, handle);
+        EXPECT_TRUE(failures.empty()) << failures.front().message;
+        uint64_t survivors = 0;
+        for (const ReadBuffer<uint32_t>& run : input.readList())
+        {
+            survivors += run.pointCount;
+        }
+        return survivors;
+    }
+
+    bool logged(const std::string& prefix)
+    {
+        std::lock_guard lock(info.mutex);
+        return std::any_of(info.lines.begin(), info.lines.end(),
+                           [&](const std::string& line) { return line.rfind(prefix, 0) == 0; });
+    }
+};
+
+// Each leaf's slices lie in increasing runs and hold exactly its count of points, every one of them inside
+// the leaf's cell (read back from the runs); together the slices cover every run once, front to back.
+void expectSlicesHoldTheLeaves(const DistributionLayout<uint32_t>& layout,
+                               const PointDistributionInputHandler<uint32_t>& input, uint64_t survivors)
+{
+    const std::vector<LeafEntry<uint32_t>>& leaves = layout.upper.leaves;
+    ASSERT_EQ(layout.sliceBegin.size(), leaves.size() + 1);
+    ASSERT_EQ(layout.sliceBegin.back(), layout.slices.size());
+    std::vector<std::vector<RunSlice>> byRun(input.readList().size());
+    RunSliceReader<uint32_t> reader(input);
+    uint64_t total = 0;
+    uint64_t outside = 0;
+    for (std::size_t leaf = 0; leaf < leaves.size(); ++leaf)
+    {
+        uint64_t points = 0;
+        for (uint32_t s = layout.sliceBegin[leaf]; s < layout.sliceBegin[leaf + 1]; ++s)
+        {
+            const RunSlice& slice = layout.slices[s];
+            if (s > layout.sliceBegin[leaf])
+            {
+                EXPECT_GT(slice.run, layout.slices[s - 1].run);
+            }
+            ASSERT_LT(slice.run, byRun.size());
+            byRun[slice.run].push_back(slice);
+            points += slice.pointCount;
+            std::vector<Code> codes;
+            ASSERT_TRUE(reader.readCodes(slice, codes));
+            ASSERT_EQ(codes.size(), slice.pointCount);
+            for (const Code& code : codes)
+            {
+                outside += cellStartAtLod(code, leaves[leaf].lod) != leaves[leaf].index;
+            }
+        }
+        EXPECT_EQ(points, leaves[leaf].count) << "leaf " << leaf;
+        total += points;
+    }
+    EXPECT_EQ(outside, 0u);
+    EXPECT_EQ(total, survivors);
+    EXPECT_EQ(layout.totalPoints, survivors);
+    EXPECT_EQ(layout.upper.nodes.front().points, survivors);
+    for (std::size_t run = 0; run < byRun.size(); ++run)
+    {
+        std::sort(byRun[run].begin(), byRun[run].end(),
+                  [](const RunSlice& a, const RunSlice& b) { return a.firstPoint < b.firstPoint; });
+        uint64_t next = 0;
+        for (const RunSlice& slice : byRun[run])
+        {
+            EXPECT_EQ(slice.firstPoint, next) << "run " << run;
+            next = slice.firstPoint + slice.pointCount;
+        }
+        EXPECT_EQ(next, input.readList()[run].pointCount) << "run " << run;
+    }
+}
+
+bool anySpilledCellList(const PointDistributionInputHandler<uint32_t>& input)
+{
+    return std::any_of(input.readList().begin(), input.readList().end(),
+                       [](const ReadBuffer<uint32_t>& run) { return run.cellFile.has_value(); });
+}
+
+TEST(DistributionPlanning, SlicesOfARealRawSortCoverEveryRunOnceAndEachLeafsCount)
+{
+    Conversion conversion(4096);
+    PointDistributionInputHandler<uint32_t> input(conversion.config);
+    const uint64_t survivors = conversion.sort(input, 400000, spread);
+    ASSERT_GT(input.readList().size(), 50u);
+    ASSERT_TRUE(anySpilledCellList(input));
+    ASSERT_FALSE(input.rasterLeafFiles().empty());
+
+    DistributionLayout<uint32_t> layout;
+    const ConversionFailures failures = planDistribution<uint32_t>(conversion.config, input, conversion.handle, layout);
+    ASSERT_TRUE(failures.empty()) << failures.front().message;
+    expectSlicesHoldTheLeaves(layout, input, survivors);
+    for (const LeafEntry<uint32_t>& leaf : layout.upper.leaves)
+    {
+        EXPECT_LE(leaf.count, input.mergeLimit());
+    }
+    // Without critical cells nothing is recomputed; the spilled counts are gone, the runs stay for reading.
+    EXPECT_TRUE(conversion.logged("Recomputation: Point critical: 0;"));
+    EXPECT_FALSE(conversion.logged("Recomputation:   elapsed: "));
+    EXPECT_TRUE(conversion.logged("Merging:         elapsed: "));
+    for (const ReadBuffer<uint32_t>& run : input.readList())
+    {
+        EXPECT_TRUE(std::filesystem::exists(input.tempPointFile(run.fileNumber)));
+        if (run.cellFile)
+        {
+            EXPECT_FALSE(std::filesystem::exists(input.leafBufferFile(*run.cellFile)));
+        }
+    }
+    for (uint32_t number : input.rasterLeafFiles())
+    {
+        EXPECT_FALSE(std::filesystem::exists(input.rasterLeafFile(number)));
+    }
+    EXPECT_TRUE(conversion.warnings.lines.empty());
+
+    // Nothing sorted: an empty layout and no failure.
+    PointDistributionInputHandler<uint32_t> empty(conversion.config);
+    EXPECT_TRUE(planDistribution<uint32_t>(conversion.config, empty, conversion.handle, layout).empty());
+    EXPECT_TRUE(layout.slices.empty());
+    EXPECT_TRUE(layout.upper.leaves.empty());
+    EXPECT_EQ(layout.totalPoints, 0u);
+}
+
+TEST(DistributionPlanning, ADamagedSpilledCellListFailsThePartitionClearly)
+{
+    Conversion conversion(4096);
+    PointDistributionInputHandler<uint32_t> input(conversion.config);
+    conversion.sort(input, 200000, spread);
+    const auto spilled = std::find_if(input.readList().begin(), input.readList().end(),
+                                      [](const ReadBuffer<uint32_t>& run) { return run.cellFile.has_value(); });
+    ASSERT_NE(spilled, input.readList().end());
+    const std::string path = input.leafBufferFile(*spilled->cellFile);
+    std::filesystem::resize_file(path, std::filesystem::file_size(path) - 3);
+
+    DistributionLayout<uint32_t> layout;
+    const ConversionFailures failures = planDistribution<uint32_t>(conversion.config, input, conversion.handle, layout);
+    ASSERT_EQ(failures.size(), 1u);
+    EXPECT_EQ(failures[0].code, FailureCode::kStage);
+    EXPECT_EQ(failures[0].message, "Could not compute distribution nodes.");
+    EXPECT_EQ(conversion.errors.lines,
+              (std::vector<std::string>{"Error: Could not read file = " + path,
+                                        "Point distribution input handler: error: could not compute read partition.",
+                                        "Could not compute distribution nodes."}));
+}
+
+// Points anywhere, and a share of them in a cube of 16 cells a side, so dense that its cell's count passes
+// the merge limit in one leaf entry.
+Position spreadWithCluster(uint64_t id)
+{
+    if (mixed(id + 77) % 8 != 0)
+    {
+        return spread(id);
+    }
+    const uint64_t inCube = mixed(id + 5);
+    return Position{int32_t(1000 + inCube % 16), int32_t(2000 + (inCube >> 8) % 16), int32_t(3000 + (inCube >> 16) % 16)};
+}
+
+TEST(DistributionPlanning, ACriticalCellOfMixedPositionsIsRecomputedIntoLeavesWithinTheLimit)
+{
+    Conversion conversion(4096);
+    PointDistributionInputHandler<uint32_t> input(conversion.config);
+    const uint64_t survivors = conversion.sort(input, 200000, spreadWithCluster);
+
+    DistributionLayout<uint32_t> layout;
+    const ConversionFailures failures = planDistribution<uint32_t>(conversion.config, input, conversion.handle, layout);
+    ASSERT_TRUE(failures.empty()) << failures.front().message;
+    EXPECT_FALSE(conversion.logged("Recomputation: Point critical: 0;"));
+    EXPECT_TRUE(conversion.logged("Recomputation:   elapsed: "));
+    EXPECT_TRUE(conversion.logged("Read Array:      elapsed: "));
+    expectSlicesHoldTheLeaves(layout, input, survivors);
+    const Code cube = encodeMortonSigned<uint32_t>(1000, 2000, 3000);
+    std::size_t leavesInCube = 0;
+    for (const LeafEntry<uint32_t>& leaf : layout.upper.leaves)
+    {
+        EXPECT_LE(leaf.count, input.mergeLimit());
+        leavesInCube += cellStartAtLod(leaf.index, 4) == cellStartAtLod(cube, 4);
+    }
+    // The cube's points are more than one leaf may hold: the recomputation cut them into several.
+    EXPECT_GT(leavesInCube, 1u);
+}
+
+// 200 batches of 200 points; ten points of each batch share one position.
+constexpr int32_t kShared = 4242;
+Position spreadWithOnePosition(uint64_t id)
+{
+    return id % 20 == 0 ? Position{kShared, kShared, kShared} : spread(id);
+}
+
+TEST(DistributionPlanning, OnePositionAboveTheLimitFailsWithoutTheFilterAndIsOneLeafWithIt)
+{
+    {
+        Conversion conversion(200);
+        conversion.config.filterDuplicates = false;
+        PointDistributionInputHandler<uint32_t> input(conversion.config);
+        ASSERT_EQ(conversion.sort(input, 40000, spreadWithOnePosition), 40000u);
+        DistributionLayout<uint32_t> layout;
+        testing::internal::CaptureStderr();
+        const ConversionFailures failures =
+            planDistribution<uint32_t>(conversion.config, input, conversion.handle, layout);
+        const std::string diagnostics = testing::internal::GetCapturedStderr();
+        EXPECT_NE(diagnostics.find("## 1 pathological array size = 2000\n"), std::string::npos) << diagnostics;
+        EXPECT_NE(diagnostics.find("recompute node read index = "), std::string::npos);
+        ASSERT_EQ(failures.size(), 2u);
+        EXPECT_EQ(failures[0].message, "Could not recompute node.");
+        EXPECT_EQ(failures[1].code, FailureCode::kStage);
+        EXPECT_EQ(failures[1].message, "Could not compute distribution nodes.");
+        EXPECT_TRUE(conversion.errors.contains("Error: inner iteration failed."));
+        EXPECT_TRUE(
+            conversion.errors.contains("point distribution input handler: Could not recompute merge leaf nodes."));
+    }
+    {
+        // With the filter a batch keeps one of its ten: 200 points of one position, one leaf above the limit.
+        Conversion conversion(200);
+        PointDistributionInputHandler<uint32_t> input(conversion.config);
+        const uint64_t survivors = conversion.sort(input, 40000, spreadWithOnePosition);
+        ASSERT_EQ(survivors, 40000u - 200u * 9u);
+        DistributionLayout<uint32_t> layout;
+        const ConversionFailures failures =
+            planDistribution<uint32_t>(conversion.config, input, conversion.handle, layout);
+        ASSERT_TRUE(failures.empty()) << failures.front().message;
+        expectSlicesHoldTheLeaves(layout, input, survivors);
+        const Code shared = encodeMortonSigned<uint32_t>(kShared, kShared, kShared);
+        const auto leaf = std::find_if(layout.upper.leaves.begin(), layout.upper.leaves.end(),
+                                       [&](const LeafEntry<uint32_t>& l) { return l.index == shared; });
+        ASSERT_NE(leaf, layout.upper.leaves.end());
+        EXPECT_EQ(leaf->lod, 0);
+        EXPECT_EQ(leaf->count, 200u);
+    }
+}
+
+TEST(DistributionPlanning, CancelReachesTheRecomputation)
+{
+    Conversion conversion(4096);
+    PointDistributionInputHandler<uint32_t> input(conversion.config);
+    conversion.sort(input, 200000, spreadWithCluster);
+    // The cancel comes as the merge reports its critical cells, before the recomputation starts its threads.
+    conversion.config.infoLogger = [&](const std::string& line)
+    {
+        if (line.rfind("Recomputation: Point critical:", 0) == 0)
+        {
+            conversion.handle.cancel();
+        }
+    };
+    DistributionLayout<uint32_t> layout;
+    const ConversionFailures failures = planDistribution<uint32_t>(conversion.config, input, conversion.handle, layout);
+    ASSERT_EQ(failures.size(), 2u);
+    EXPECT_EQ(failures[0].code, FailureCode::kCancelled);
+    EXPECT_EQ(failures[0].message, "Recomputation: process got cancelled!");
+    EXPECT_EQ(failures[1].message, "Could not compute distribution nodes.");
+}
+
+}  // namespace
