@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cstring>
 #include <filesystem>
 #include <functional>
 #include <string>
@@ -18,6 +17,7 @@
 #include "hspc/convert/RawSort.h"
 #include "hspc/convert/RunSliceReader.h"
 #include "support/MessageLog.h"
+#include "support/MortonRecordRuns.h"
 #include "support/TempFolder.h"
 
 using namespace HSPC;
@@ -25,72 +25,9 @@ using namespace HSPC;
 namespace
 {
 
-// Records of a 32-bit Morton position and the point's number.
-constexpr uint32_t kRecordSize = 16;
-using Position = std::array<int32_t, 3>;
+using Position = pcp_test::GeneratedPosition;
 using Code = MortonIndex3D<uint32_t>;
-
-// Delivers `count` points whose positions `positionOf` gives by point number.
-class GeneratedImporter : public Importer
-{
-public:
-    GeneratedImporter(uint64_t count, std::function<Position(uint64_t)> positionOf)
-        : m_end(count), m_positionOf(std::move(positionOf))
-    {
-    }
-
-    ReadResult readBatch(HSPCBuffer<uint8_t>& buffer, uint64_t maxBytes) override
-    {
-        const uint64_t count = std::min(m_end - m_next, maxBytes / kRecordSize);
-        if (count == 0)
-        {
-            return ReadResult::kEnd;
-        }
-        buffer = HSPCBuffer<uint8_t>(count * kRecordSize);
-        for (uint64_t i = 0; i < count; ++i, ++m_next)
-        {
-            const Position p = m_positionOf(m_next);
-            const Code code = encodeMortonSigned<uint32_t>(p[0], p[1], p[2]);
-            const uint32_t id = uint32_t(m_next);
-            std::memcpy(buffer.data() + i * kRecordSize, code.words.data(), 12);
-            std::memcpy(buffer.data() + i * kRecordSize + 12, &id, 4);
-        }
-        return ReadResult::kData;
-    }
-    bool convertBatch(HSPCBuffer<uint8_t>& batch, HSPCBuffer<uint8_t>& output) const override
-    {
-        output = std::move(batch);
-        return true;
-    }
-    std::array<double, 3> origin() const override { return {0.0, 0.0, 0.0}; }
-    std::array<double, 3> scale() const override { return {1.0, 1.0, 1.0}; }
-
-private:
-    uint64_t m_next = 0;
-    uint64_t m_end;
-    std::function<Position(uint64_t)> m_positionOf;
-};
-
-uint64_t mixed(uint64_t value)
-{
-    uint64_t h = value * 0x9E3779B97F4A7C15ull;
-    h ^= h >> 31;
-    h *= 0x94D049BB133111EBull;
-    return h ^ (h >> 29);
-}
-
-// In blocks of 2048 points close together (within 2^12 cells a side), the blocks anywhere in a cube of 2^20
-// cells a side, as a scanner's stream comes.
-Position spread(uint64_t id)
-{
-    Position p;
-    for (unsigned axis = 0; axis < 3; ++axis)
-    {
-        const uint64_t block = mixed((id / 2048 + 1) * 3 + axis);
-        p[axis] = int32_t(block % (1u << 20)) - (1 << 19) + int32_t(mixed(id * 3 + axis) % (1u << 12));
-    }
-    return p;
-}
+using pcp_test::mixedBits;
 
 struct Conversion
 {
@@ -101,20 +38,10 @@ struct Conversion
 
     explicit Conversion(uint64_t batchPoints)
     {
-        config.batchSize = batchPoints * kRecordSize;
         // Small, so that cell lists and leaf arrays spill to disk.
-        config.targetMemory = 512 * 1024;
-        config.workerCount = 2;
+        pcp_test::setUpMortonRecordSort(config, folder.path().string(), batchPoints * pcp_test::kMortonRecordSize,
+                                        512 * 1024);
         config.distributionWorkerCount = 2;
-        config.reservedThreads = 2;
-        config.tempWriterCount = 2;
-        config.encodingAttributes = {{Code::kAttributeTypeCode, AttributeRole::POSITION, "POSITION"},
-                                     {AttributeType::U32, AttributeRole::CUSTOM, "id"}};
-        config.inputAttributes = config.encodingAttributes;
-        config.inputRecordSize = config.encodedRecordSize = kRecordSize;
-        config.scale = {1.0, 1.0, 1.0};
-        config.tempPath = folder.path().string();
-        setTempPrefixes(config, 7);
         config.infoLogger = info.logger();
         config.warningLogger = warnings.logger();
         config.errorLogger = errors.logger();
@@ -125,7 +52,7 @@ struct Conversion
     uint64_t sort(PointDistributionInputHandler<uint32_t>& input, uint64_t count,
                   std::function<Position(uint64_t)> positionOf)
     {
-        GeneratedImporter importer(count, std::move(positionOf));
+        pcp_test::GeneratedMortonImporter importer(0, count, std::move(positionOf));
         const ConversionFailures failures = rawSort<uint32_t>(config, {&importer}, input, handle);
         EXPECT_TRUE(failures.empty()) << failures.front().message;
         uint64_t survivors = 0;
@@ -208,7 +135,7 @@ TEST(DistributionPlanning, SlicesOfARealRawSortCoverEveryRunOnceAndEachLeafsCoun
 {
     Conversion conversion(4096);
     PointDistributionInputHandler<uint32_t> input(conversion.config);
-    const uint64_t survivors = conversion.sort(input, 400000, spread);
+    const uint64_t survivors = conversion.sort(input, 400000, pcp_test::blockPosition);
     ASSERT_GT(input.readList().size(), 50u);
     ASSERT_TRUE(anySpilledCellList(input));
     ASSERT_FALSE(input.rasterLeafFiles().empty());
@@ -251,7 +178,7 @@ TEST(DistributionPlanning, ADamagedSpilledCellListFailsThePartitionClearly)
 {
     Conversion conversion(4096);
     PointDistributionInputHandler<uint32_t> input(conversion.config);
-    conversion.sort(input, 200000, spread);
+    conversion.sort(input, 200000, pcp_test::blockPosition);
     const auto spilled = std::find_if(input.readList().begin(), input.readList().end(),
                                       [](const ReadBuffer<uint32_t>& run) { return run.cellFile.has_value(); });
     ASSERT_NE(spilled, input.readList().end());
@@ -273,11 +200,11 @@ TEST(DistributionPlanning, ADamagedSpilledCellListFailsThePartitionClearly)
 // the merge limit in one leaf entry.
 Position spreadWithCluster(uint64_t id)
 {
-    if (mixed(id + 77) % 8 != 0)
+    if (mixedBits(id + 77) % 8 != 0)
     {
-        return spread(id);
+        return pcp_test::blockPosition(id);
     }
-    const uint64_t inCube = mixed(id + 5);
+    const uint64_t inCube = mixedBits(id + 5);
     return Position{int32_t(1000 + inCube % 16), int32_t(2000 + (inCube >> 8) % 16), int32_t(3000 + (inCube >> 16) % 16)};
 }
 
@@ -309,7 +236,7 @@ TEST(DistributionPlanning, ACriticalCellOfMixedPositionsIsRecomputedIntoLeavesWi
 constexpr int32_t kShared = 4242;
 Position spreadWithOnePosition(uint64_t id)
 {
-    return id % 20 == 0 ? Position{kShared, kShared, kShared} : spread(id);
+    return id % 20 == 0 ? Position{kShared, kShared, kShared} : pcp_test::blockPosition(id);
 }
 
 TEST(DistributionPlanning, OnePositionAboveTheLimitFailsWithoutTheFilterAndIsOneLeafWithIt)

@@ -10,7 +10,7 @@ namespace HSPC
 
 template <typename W>
 RunCellStream<W>::RunCellStream(const PointDistributionInputHandler<W>& input, const ReadBuffer<W>& run)
-    : m_run(run), m_errorLogger(input.config().errorLogger)
+    : m_errorLogger(input.config().errorLogger)
 {
     if (!run.cellFile)
     {

@@ -34,7 +34,6 @@ private:
     bool refill();
     bool fail();
 
-    const ReadBuffer<W>& m_run;
     const LogFunction& m_errorLogger;
     std::string m_path;
     std::optional<FileHandler> m_file;
