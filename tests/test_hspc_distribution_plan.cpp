@@ -223,9 +223,11 @@ void expectEveryPointFiledOnce(const DistributionPlan<W>& plan, const std::vecto
         const auto after =
             std::upper_bound(cells.begin(), cells.end(), input.index,
                              [](const MortonIndex3D<W>& key, const auto& c) { return key < c.index; });
-        const bool covered = after != cells.begin() &&
-                             (std::prev(after)->index == input.index ||
-                              input.index < nextIndexAtLod(std::prev(after)->index, std::prev(after)->lod));
+        // The entry's whole cell lies inside one filed cell, not just its first code: the runs' points
+        // anywhere in it are counted there.
+        const bool covered =
+            after != cells.begin() && std::prev(after)->index <= input.index &&
+            nextIndexAtLod(input.index, input.lod) <= nextIndexAtLod(std::prev(after)->index, std::prev(after)->lod);
         EXPECT_TRUE(covered) << "an input entry outside every cell";
     }
 }
