@@ -63,6 +63,17 @@ struct Conversion
         return survivors;
     }
 
+    std::string errorText()
+    {
+        std::lock_guard lock(errors.mutex);
+        std::string text;
+        for (const std::string& line : errors.lines)
+        {
+            text += line + "\n";
+        }
+        return text;
+    }
+
     bool logged(const std::string& prefix)
     {
         std::lock_guard lock(info.mutex);
@@ -196,23 +207,33 @@ TEST(DistributionPlanning, ADamagedSpilledCellListFailsThePartitionClearly)
                                         "Could not compute distribution nodes."}));
 }
 
-// Points anywhere, and a share of them in a cube of 16 cells a side, so dense that its cell's count passes
-// the merge limit in one leaf entry.
-Position spreadWithCluster(uint64_t id)
+// Corners of three cubes of 16 cells a side, each a cell of lod 4.
+constexpr std::array<Position, 3> kCubes = {Position{1024, 2048, 3072}, Position{-4096, 512, 8192},
+                                            Position{65536, -65536, 0}};
+
+// Points anywhere, and a share of them in the cubes, so dense that each cube's cell passes the merge limit
+// in one leaf entry.
+Position spreadWithClusters(uint64_t id)
 {
-    if (mixedBits(id + 77) % 8 != 0)
+    const uint64_t share = mixedBits(id + 77) % 16;
+    if (share >= kCubes.size())
     {
         return pcp_test::blockPosition(id);
     }
     const uint64_t inCube = mixedBits(id + 5);
-    return Position{int32_t(1000 + inCube % 16), int32_t(2000 + (inCube >> 8) % 16), int32_t(3000 + (inCube >> 16) % 16)};
+    const Position& corner = kCubes[share];
+    return Position{int32_t(corner[0] + inCube % 16), int32_t(corner[1] + (inCube >> 8) % 16),
+                    int32_t(corner[2] + (inCube >> 16) % 16)};
 }
 
-TEST(DistributionPlanning, ACriticalCellOfMixedPositionsIsRecomputedIntoLeavesWithinTheLimit)
+TEST(DistributionPlanning, CriticalCellsOfMixedPositionsAreRecomputedIntoLeavesWithinTheLimit)
 {
     Conversion conversion(4096);
     PointDistributionInputHandler<uint32_t> input(conversion.config);
-    const uint64_t survivors = conversion.sort(input, 200000, spreadWithCluster);
+    const uint64_t survivors = conversion.sort(input, 200000, spreadWithClusters);
+    // Too little memory for even one cell's codes: readers wait for a worker to free some whenever a cell is
+    // ready, and read on when none is.
+    conversion.config.targetMemory = 64;
 
     DistributionLayout<uint32_t> layout;
     const ConversionFailures failures = planDistribution<uint32_t>(conversion.config, input, conversion.handle, layout);
@@ -221,15 +242,21 @@ TEST(DistributionPlanning, ACriticalCellOfMixedPositionsIsRecomputedIntoLeavesWi
     EXPECT_TRUE(conversion.logged("Recomputation:   elapsed: "));
     EXPECT_TRUE(conversion.logged("Read Array:      elapsed: "));
     expectSlicesHoldTheLeaves(layout, input, survivors);
-    const Code cube = encodeMortonSigned<uint32_t>(1000, 2000, 3000);
-    std::size_t leavesInCube = 0;
+    std::array<std::size_t, kCubes.size()> leavesInCube{};
     for (const LeafEntry<uint32_t>& leaf : layout.upper.leaves)
     {
         EXPECT_LE(leaf.count, input.mergeLimit());
-        leavesInCube += cellStartAtLod(leaf.index, 4) == cellStartAtLod(cube, 4);
+        for (std::size_t cube = 0; cube < kCubes.size(); ++cube)
+        {
+            const Code corner = encodeMortonSigned<uint32_t>(kCubes[cube][0], kCubes[cube][1], kCubes[cube][2]);
+            leavesInCube[cube] += cellStartAtLod(leaf.index, 4) == corner;
+        }
     }
-    // The cube's points are more than one leaf may hold: the recomputation cut them into several.
-    EXPECT_GT(leavesInCube, 1u);
+    // Each cube's points are more than one leaf may hold: the recomputation cut them into several.
+    for (std::size_t cube = 0; cube < kCubes.size(); ++cube)
+    {
+        EXPECT_GT(leavesInCube[cube], 1u) << "cube " << cube;
+    }
 }
 
 // 200 batches of 200 points; ten points of each batch share one position.
@@ -253,7 +280,7 @@ TEST(DistributionPlanning, OnePositionAboveTheLimitFailsWithoutTheFilterAndIsOne
         const std::string diagnostics = testing::internal::GetCapturedStderr();
         EXPECT_NE(diagnostics.find("## 1 pathological array size = 2000\n"), std::string::npos) << diagnostics;
         EXPECT_NE(diagnostics.find("recompute node read index = "), std::string::npos);
-        ASSERT_EQ(failures.size(), 2u);
+        ASSERT_EQ(failures.size(), 2u) << conversion.errorText();
         EXPECT_EQ(failures[0].message, "Could not recompute node.");
         EXPECT_EQ(failures[1].code, FailureCode::kStage);
         EXPECT_EQ(failures[1].message, "Could not compute distribution nodes.");
@@ -285,7 +312,7 @@ TEST(DistributionPlanning, CancelReachesTheRecomputation)
 {
     Conversion conversion(4096);
     PointDistributionInputHandler<uint32_t> input(conversion.config);
-    conversion.sort(input, 200000, spreadWithCluster);
+    conversion.sort(input, 200000, spreadWithClusters);
     // The cancel comes as the merge reports its critical cells, before the recomputation starts its threads.
     conversion.config.infoLogger = [&](const std::string& line)
     {
