@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "hspc/convert/CriticalCellSplit.h"
 #include "hspc/convert/DistributionPlanning.h"
 #include "hspc/convert/MortonRecords.h"
 #include "hspc/convert/ProcessHandle.h"
@@ -327,6 +328,81 @@ TEST(DistributionPlanning, CancelReachesTheRecomputation)
     EXPECT_EQ(failures[0].code, FailureCode::kCancelled);
     EXPECT_EQ(failures[0].message, "Recomputation: process got cancelled!");
     EXPECT_EQ(failures[1].message, "Could not compute distribution nodes.");
+}
+
+}  // namespace
+
+namespace
+{
+
+TEST(DistributionPlanning, SplitOfACellGivesEachLeafItsShareOfEveryRunAndChecksThePieces)
+{
+    NodeToProcess<uint32_t> unit;
+    unit.index = encodeMortonSigned<uint32_t>(64, 64, 64);
+    unit.lod = 3;
+    unit.distributionLod = 2;
+    unit.expectedCount = 30;
+    unit.slices = {RunSlice{4, 100, 20}, RunSlice{9, 0, 10}};
+    std::vector<std::vector<Code>> pieces(2);
+    for (int32_t i = 0; i < 20; ++i)
+    {
+        pieces[0].push_back(encodeMortonSigned<uint32_t>(64 + i % 8, 64 + i / 8, 64));
+    }
+    for (int32_t i = 0; i < 10; ++i)
+    {
+        pieces[1].push_back(encodeMortonSigned<uint32_t>(64, 64 + i % 8, 65 + i / 8));
+    }
+    for (std::vector<Code>& piece : pieces)
+    {
+        std::sort(piece.begin(), piece.end());
+    }
+    const CellSplitLimits limits{8, false};
+    pcp_test::MessageLog errors;
+    RecomputedLeaves<uint32_t> out;
+    std::string failure;
+    ASSERT_TRUE(splitCriticalCell<uint32_t>(unit, pieces, limits, errors.logger(), out, failure));
+    ASSERT_EQ(out.slices.cellCount(), out.leaves.size());
+    // Leaf by leaf, each run's slices follow on from each other: the leaves cut the runs' ranges in order.
+    std::array<uint64_t, 2> next = {100, 0};
+    uint64_t total = 0;
+    for (std::size_t leaf = 0; leaf < out.leaves.size(); ++leaf)
+    {
+        EXPECT_LE(out.leaves[leaf].count, 8u);
+        EXPECT_EQ(cellStartAtLod(out.leaves[leaf].index, 3), unit.index);
+        uint64_t points = 0;
+        for (const RunSlice& slice : out.slices.of(leaf))
+        {
+            const std::size_t piece = slice.run == 4 ? 0 : 1;
+            EXPECT_EQ(slice.firstPoint, next[piece]);
+            next[piece] += slice.pointCount;
+            points += slice.pointCount;
+            // The slice's codes are inside the leaf.
+            for (uint64_t i = slice.firstPoint; i < slice.firstPoint + slice.pointCount; ++i)
+            {
+                const Code code = pieces[piece][i - unit.slices[piece].firstPoint];
+                EXPECT_EQ(cellStartAtLod(code, out.leaves[leaf].lod), out.leaves[leaf].index);
+            }
+        }
+        EXPECT_EQ(points, out.leaves[leaf].count);
+        total += points;
+    }
+    EXPECT_EQ(next, (std::array<uint64_t, 2>{120, 10}));
+    EXPECT_EQ(total, 30u);
+    EXPECT_TRUE(errors.lines.empty());
+
+    // A piece that is not what its slice says: shorter, or with a code outside the cell.
+    std::vector<std::vector<Code>> shorter = pieces;
+    shorter[1].pop_back();
+    EXPECT_FALSE(splitCriticalCell<uint32_t>(unit, shorter, limits, errors.logger(), out, failure));
+    EXPECT_EQ(failure, "Could not compute leaf node.");
+    std::vector<std::vector<Code>> outside = pieces;
+    outside[0].back() = encodeMortonSigned<uint32_t>(72, 64, 64);
+    EXPECT_FALSE(splitCriticalCell<uint32_t>(unit, outside, limits, errors.logger(), out, failure));
+    EXPECT_EQ(errors.lines, (std::vector<std::string>{"Error: read index = 9; distributionLod = 2 node.distribution = 3",
+                                                      "Error: read index = 4; distributionLod = 2 node.distribution = 3"}));
+    EXPECT_EQ(distributionLodOf(10, 4000, 100, 7), 7u);
+    EXPECT_EQ(distributionLodOf(20, 4000, 100, 7), 14u);
+    EXPECT_EQ(distributionLodOf(5, 10, 100, 7), 5u);
 }
 
 }  // namespace
