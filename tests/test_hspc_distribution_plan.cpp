@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <numeric>
@@ -20,6 +19,7 @@
 #include "hspc/convert/TakeTable.h"
 #include "hspc/convert/UpperTree.h"
 #include "support/MessageLog.h"
+#include "support/MortonRecordRuns.h"
 #include "support/TempFolder.h"
 
 using namespace HSPC;
@@ -223,9 +223,11 @@ void expectEveryPointFiledOnce(const DistributionPlan<W>& plan, const std::vecto
         const auto after =
             std::upper_bound(cells.begin(), cells.end(), input.index,
                              [](const MortonIndex3D<W>& key, const auto& c) { return key < c.index; });
-        const bool covered = after != cells.begin() &&
-                             (std::prev(after)->index == input.index ||
-                              input.index < nextIndexAtLod(std::prev(after)->index, std::prev(after)->lod));
+        // The entry's whole cell lies inside one filed cell, not just its first code: the runs' points
+        // anywhere in it are counted there.
+        const bool covered =
+            after != cells.begin() && std::prev(after)->index <= input.index &&
+            nextIndexAtLod(input.index, input.lod) <= nextIndexAtLod(std::prev(after)->index, std::prev(after)->lod);
         EXPECT_TRUE(covered) << "an input entry outside every cell";
     }
 }
@@ -482,79 +484,12 @@ TYPED_TEST(DistributionPlanTest, UpperTreeOfMergedRandomEntries)
     }
 }
 
-// Points in blocks of 2048 close together (within 2^12 cells per axis), the blocks spread over 2^20 cells per
-// axis, as a scanner's stream comes: records of a 32-bit Morton position and the point's id.
-constexpr uint32_t kRecordSize = 16;
-
-uint64_t mixed(uint64_t value)
-{
-    uint64_t h = value * 0x9E3779B97F4A7C15ull;
-    h ^= h >> 31;
-    h *= 0x94D049BB133111EBull;
-    return h ^ (h >> 29);
-}
-
-int32_t coordinate(uint64_t id, unsigned axis)
-{
-    const uint64_t block = mixed((id / 2048 + 1) * 3 + axis);
-    const uint64_t inBlock = mixed((id + 1) * 3 + axis);
-    return int32_t(block % (1u << 20)) - (1 << 19) + int32_t(inBlock % (1u << 12));
-}
-
-class BlockImporter : public Importer
-{
-public:
-    BlockImporter(uint64_t first, uint64_t count) : m_next(first), m_end(first + count) {}
-
-    ReadResult readBatch(HSPCBuffer<uint8_t>& buffer, uint64_t maxBytes) override
-    {
-        const uint64_t count = std::min(m_end - m_next, maxBytes / kRecordSize);
-        if (count == 0)
-        {
-            return ReadResult::kEnd;
-        }
-        buffer = HSPCBuffer<uint8_t>(count * kRecordSize);
-        for (uint64_t i = 0; i < count; ++i, ++m_next)
-        {
-            const MortonIndex3D<uint32_t> position = encodeMortonSigned<uint32_t>(
-                coordinate(m_next, 0), coordinate(m_next, 1), coordinate(m_next, 2));
-            const uint32_t id = uint32_t(m_next);
-            std::memcpy(buffer.data() + i * kRecordSize, position.words.data(), 12);
-            std::memcpy(buffer.data() + i * kRecordSize + 12, &id, 4);
-        }
-        return ReadResult::kData;
-    }
-    bool convertBatch(HSPCBuffer<uint8_t>& batch, HSPCBuffer<uint8_t>& output) const override
-    {
-        output = std::move(batch);
-        return true;
-    }
-    std::array<double, 3> origin() const override { return {0.0, 0.0, 0.0}; }
-    std::array<double, 3> scale() const override { return {1.0, 1.0, 1.0}; }
-
-private:
-    uint64_t m_next;
-    uint64_t m_end;
-};
-
 TEST(DistributionPlan, PlanOfARealRawSortCountsEverySurvivingPoint)
 {
     pcp_test::TempFolder folder;
     pcp_test::LockedMessageLog info, errors;
     RuntimeConfig config;
-    config.batchSize = 64 * 1024;
-    config.targetMemory = 3 * 1024 * 1024;
-    config.workerCount = 2;
-    config.reservedThreads = 2;
-    config.tempWriterCount = 2;
-    config.encodingAttributes = {
-        {MortonIndex3D<uint32_t>::kAttributeTypeCode, AttributeRole::POSITION, "POSITION"},
-        {AttributeType::U32, AttributeRole::CUSTOM, "id"}};
-    config.inputAttributes = config.encodingAttributes;
-    config.inputRecordSize = config.encodedRecordSize = kRecordSize;
-    config.scale = {1.0, 1.0, 1.0};
-    config.tempPath = folder.path().string();
-    setTempPrefixes(config, 3);
+    pcp_test::setUpMortonRecordSort(config, folder.path().string(), 64 * 1024, 3 * 1024 * 1024);
     config.infoLogger = info.logger();
     config.warningLogger = errors.logger();
     config.errorLogger = errors.logger();
@@ -562,8 +497,8 @@ TEST(DistributionPlan, PlanOfARealRawSortCountsEverySurvivingPoint)
 
     PointDistributionInputHandler<uint32_t> input(config);
     ProcessHandle handle;
-    BlockImporter first(0, 1000000);
-    BlockImporter second(1000000, 1000000);
+    pcp_test::GeneratedMortonImporter first(0, 1000000, pcp_test::blockPosition);
+    pcp_test::GeneratedMortonImporter second(1000000, 1000000, pcp_test::blockPosition);
     const ConversionFailures failures = rawSort<uint32_t>(config, {&first, &second}, input, handle);
     ASSERT_TRUE(failures.empty()) << failures.front().message;
     // The merge reads spilled leaf entries from disk, not just the array.
