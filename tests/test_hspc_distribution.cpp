@@ -15,12 +15,15 @@
 #include <thread>
 #include <vector>
 
+#include "hspc/convert/FinalTree.h"
 #include "hspc/convert/MortonRecords.h"
 #include "hspc/convert/PointDistribution.h"
 #include "hspc/convert/TakeTable.h"
 #include "hspc/format/AttributeRecord.h"
 #include "hspc/format/NodeBlobName.h"
 #include "hspc/format/NodeDecompressor.h"
+#include "hspc/store/CustomStore.h"
+#include "hspc/store/DiskArchive.h"
 #include "hspc/store/FolderStore.h"
 #include "hspc/tree/SerializeTree.h"
 #include "support/MessageLog.h"
@@ -437,6 +440,92 @@ TEST(Distribution, FewRunsAreReadByOneThreadAndEachRunFileGoesOnceRead)
     EXPECT_EQ(files->threads.size(), 1u);
     EXPECT_EQ(files->threads.count(std::this_thread::get_id()), 0u);
     EXPECT_FALSE(setup.tempFilesLeft());
+}
+
+TEST(Distribution, FolderArchiveAndCallbacksGetTheSameNodes)
+{
+    using W = uint32_t;
+    const std::vector<Record> points = makePoints<W>(40000, 13);
+
+    // Into a folder, with so little memory that the read thread has to wait for the workers.
+    DistributionSetup<W> inFolder(points, 5, 8, 1500);
+    inFolder.config.targetMemory = 256 * 1024;
+    ASSERT_TRUE(distributePoints(inFolder.config, *inFolder.input, inFolder.layout, inFolder.handle).empty());
+
+    DistributionSetup<W> inArchive(points, 5, 8, 1500);
+    const std::string archive = inArchive.config.outputPath + "/tree.hspc.pack";
+    std::filesystem::create_directories(inArchive.config.outputPath);
+    inArchive.config.rootWriter = std::make_shared<DiskWriteArchive>(archive);
+    ASSERT_TRUE(distributePoints(inArchive.config, *inArchive.input, inArchive.layout, inArchive.handle).empty());
+    inArchive.config.rootWriter.reset();
+
+    DistributionSetup<W> byCallback(points, 5, 8, 1500);
+    std::mutex mutex;
+    std::map<std::string, std::vector<uint8_t>> blobs;
+    byCallback.config.rootWriter = std::make_shared<CustomWriter>(
+        [&](const std::string& name, const std::vector<uint8_t>& bytes)
+        {
+            std::lock_guard lock(mutex);
+            blobs[name] = bytes;
+            return true;
+        });
+    ASSERT_TRUE(distributePoints(byCallback.config, *byCallback.input, byCallback.layout, byCallback.handle).empty());
+    ASSERT_TRUE(blobs.count("/tree.hspc") && blobs.count(kQueryTreeName) && blobs.count(kInfoName));
+
+    FolderReader folder(inFolder.config.outputPath);
+    DiskReadArchive packed(archive);
+    std::size_t nodes = 0;
+    for (const auto& [name, bytes] : blobs)
+    {
+        if (!name.ends_with(".apr"))
+        {
+            continue;
+        }
+        ++nodes;
+        std::vector<uint8_t> fromFolder;
+        std::vector<uint8_t> fromArchive;
+        EXPECT_TRUE(folder.read(name, fromFolder)) << name;
+        EXPECT_TRUE(packed.read(name, fromArchive)) << name;
+        EXPECT_EQ(fromFolder, bytes) << name;
+        EXPECT_EQ(fromArchive, bytes) << name;
+    }
+    Tree tree;
+    EXPECT_EQ(readDataSet<W>(inFolder.config.outputPath, tree).size(), nodes);
+}
+
+TEST(Distribution, FinalTreeStandsInEmptyNodesForCellsWithoutPoints)
+{
+    RuntimeConfig config;
+    config.nodeSize = 100;
+    config.maxNodeSize = 400;
+    const auto written = [](uint32_t x, uint32_t y, unsigned lod, uint32_t points)
+    {
+        WrittenNode<uint32_t> node;
+        node.index = encodeMorton<uint32_t>(x, y, 0);
+        node.lod = uint8_t(lod);
+        node.pointCount = points;
+        node.localMax = {1, 1, 1};
+        return node;
+    };
+    // A root at lod 5 and two nodes at lod 2 whose ancestors at lods 4 and 3 hold nothing.
+    Tree tree;
+    ASSERT_TRUE(buildFinalTree<uint32_t>({written(0, 4, 2, 7), written(0, 0, 5, 10), written(4, 0, 2, 3)}, config,
+                                         tree));
+    EXPECT_EQ(tree.header.maxLod, 5);
+    EXPECT_EQ(tree.header.minLod, 2);
+    EXPECT_EQ(tree.header.pointCount, 20u);
+    EXPECT_EQ(tree.lodNodeCounts, (std::vector<uint64_t>{1, 1, 1, 2}));
+    ASSERT_EQ(tree.nodes.size(), 5u);
+    EXPECT_EQ(tree.nodes[0].childMask, 1);
+    EXPECT_EQ(tree.nodes[1].childMask, 1);
+    EXPECT_EQ(tree.nodes[1].pointCount, 0u);
+    EXPECT_FALSE(hasValidBox(tree.nodes[1]));
+    EXPECT_EQ(tree.nodes[2].childMask, 0b110);
+    EXPECT_EQ(tree.nodes[3].pointCount, 3u);
+    EXPECT_EQ(tree.nodes[4].pointCount, 7u);
+
+    // Two nodes of one name make no tree.
+    EXPECT_FALSE(buildFinalTree<uint32_t>({written(4, 0, 2, 3), written(4, 0, 2, 3)}, config, tree));
 }
 
 TEST(Distribution, CancelAndFailedWritesEndTheStageCleanly)
