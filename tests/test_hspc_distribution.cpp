@@ -575,6 +575,25 @@ TEST(Distribution, CancelAndFailedWritesEndTheStageCleanly)
         EXPECT_TRUE(setup.errors.contains("Failed to write node file=" + failedName));
         EXPECT_FALSE(setup.tempFilesLeft());
     }
+    {
+        // A run's file lost before it is read: the first leaf with a slice in it cannot be read.
+        DistributionSetup<W> setup(points, 3, 8, 1000);
+        std::filesystem::remove(setup.input->tempPointFile(2));
+        uint32_t leaf = 0;
+        while (std::none_of(setup.layout.slices.begin() + setup.layout.sliceBegin[leaf],
+                            setup.layout.slices.begin() + setup.layout.sliceBegin[leaf + 1],
+                            [](const RunSlice& slice) { return slice.run == 2; }))
+        {
+            ++leaf;
+        }
+        const ConversionFailures failures =
+            distributePoints(setup.config, *setup.input, setup.layout, setup.handle);
+        ASSERT_FALSE(failures.empty());
+        EXPECT_EQ(failures[0].message, "Could not read leaf data for iRead=" + std::to_string(leaf));
+        EXPECT_TRUE(setup.errors.contains("Failed to read file=" + setup.input->tempPointFile(2) +
+                                          "; You might want to check your disk."));
+        EXPECT_FALSE(setup.tempFilesLeft());
+    }
 }
 
 }  // namespace

@@ -322,8 +322,9 @@ void runLeafReader(DistributionStage<W>& stage, uint32_t readerIndex, uint32_t r
         ReadLeaf read{leaf, {}};
         if (!readLeaf(stage, reader, read))
         {
-            manager.markFailed(
-                makeFailure(FailureCode::kStage, "Could not read leaf data for iRead=" + std::to_string(leaf)));
+            const std::string failure = "Could not read leaf data for iRead=" + std::to_string(leaf);
+            reportTo(stage.config.errorLogger, failure);
+            manager.markFailed(makeFailure(FailureCode::kStage, failure));
             break;
         }
         manager.readQueue().push(std::move(read));

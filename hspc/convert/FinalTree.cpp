@@ -125,7 +125,6 @@ bool buildFinalTree(std::vector<WrittenNode<W>> nodes, const RuntimeConfig& conf
     TreeHeader& header = tree.header;
     header.nodeSize = config.nodeSize;
     header.maxNodeSize = config.maxNodeSize;
-    header.densityBase = config.nodeSize;
     header.scale = config.scale;
     header.origin = config.origin;
     header.attributeId = config.attributeId;
