@@ -395,6 +395,28 @@ TEST(Distribution, DuplicatesAreDroppedAndSmallDataSetsAreOneNode)
     EXPECT_EQ(one[0].records.size(), few.size());
 }
 
+TEST(Distribution, EqualPositionsBeyondANodeFailWithoutTheDuplicateFilter)
+{
+    using W = uint32_t;
+    // Every point repeats the first one's position.
+    DistributionSetup<W> setup(makePoints<W>(2000, 3, 1), 2, 0, 250);
+    setup.config.filterDuplicates = false;
+    const ConversionFailures failures = distributePoints(setup.config, *setup.input, setup.layout, setup.handle);
+    ASSERT_EQ(failures.size(), 1u);
+    EXPECT_EQ(failures[0].code, FailureCode::kStage);
+    EXPECT_EQ(failures[0].message, "Could not distribute points onto nodes.");
+    EXPECT_TRUE(setup.errors.contains("Failed to distribute points"));
+    EXPECT_FALSE(setup.tempFilesLeft());
+
+    // With the filter one point is left, in one node.
+    DistributionSetup<W> filtered(makePoints<W>(2000, 3, 1), 2, 0, 250);
+    ASSERT_TRUE(distributePoints(filtered.config, *filtered.input, filtered.layout, filtered.handle).empty());
+    Tree tree;
+    const std::vector<ReadNode<W>> nodes = readDataSet<W>(filtered.config.outputPath, tree);
+    ASSERT_EQ(nodes.size(), 1u);
+    EXPECT_EQ(nodes[0].records.size(), 1u);
+}
+
 // Deletes temp files like the default store, noting which threads did.
 class WatchedTempFiles : public TempFileStore
 {
