@@ -295,12 +295,8 @@ DistributionStage<W>::DistributionStage(const RuntimeConfig& config_, PointDistr
       manager(manager_),
       writer(writer_),
       upperNodes(layout_.upper),
-      slicesLeft(new std::atomic<uint32_t>[input_.readList().size()])
+      slicesLeft(std::make_unique<std::atomic<uint32_t>[]>(input_.readList().size()))
 {
-    for (std::size_t run = 0; run < input.readList().size(); ++run)
-    {
-        slicesLeft[run] = 0;
-    }
     for (const RunSlice& slice : layout.slices)
     {
         ++slicesLeft[slice.run];
