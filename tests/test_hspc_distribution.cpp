@@ -548,6 +548,15 @@ TEST(Distribution, FinalTreeStandsInEmptyNodesForCellsWithoutPoints)
 
     // Two nodes of one name make no tree.
     EXPECT_FALSE(buildFinalTree<uint32_t>({written(4, 0, 2, 3), written(4, 0, 2, 3)}, config, tree));
+
+    // No leaves at all: the data set is an empty tree.
+    DistributionSetup<uint32_t> setup(makePoints<uint32_t>(10, 1), 1, 4, 100);
+    setup.layout = DistributionLayout<uint32_t>{};
+    setup.layout.sliceBegin = {0};
+    setup.layout.upper.leafTakeBegin = {0};
+    ASSERT_TRUE(distributePoints(setup.config, *setup.input, setup.layout, setup.handle).empty());
+    EXPECT_TRUE(readDataSet<uint32_t>(setup.config.outputPath, tree).empty());
+    EXPECT_EQ(tree.header.pointCount, 0u);
 }
 
 TEST(Distribution, CancelAndFailedWritesEndTheStageCleanly)

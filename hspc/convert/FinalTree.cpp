@@ -137,6 +137,8 @@ bool buildFinalTree(std::vector<WrittenNode<W>> nodes, const RuntimeConfig& conf
     tree.attributes.attributes = config.encodingAttributes;
     if (nodes.empty())
     {
+        // One lod, 0, without nodes: the tree files still state a level for each lod from max to min.
+        tree.lodNodeCounts = {0};
         return true;
     }
     bool first = true;
