@@ -371,52 +371,96 @@ TEST(DistributionPlan, TakeTableFollowsTheNodeSizes)
     EXPECT_EQ(take[64], 1000u);
 }
 
-// Takes never exceed the points; every point is taken by a node or left to a leaf's own part; a node with
-// more points than its take has children (or is a leaf's cell), whose leaves are the parent's and whose
-// points are the parent's less its take.
+// The leaves of a plan as the upper tree takes them: the read cells and the point critical cells, in Morton
+// order.
+template <typename W>
+std::vector<LeafEntry<W>> planLeaves(const DistributionPlan<W>& plan)
+{
+    std::vector<LeafEntry<W>> leaves;
+    for (const ReadCell<W>& cell : plan.readList)
+    {
+        leaves.push_back(LeafEntry<W>{cell.index, cell.count, cell.lod});
+    }
+    for (const LeafEntry<W>& critical : plan.pointCritical)
+    {
+        leaves.push_back(LeafEntry<W>{cellStartAtLod(critical.index, critical.lod), critical.count, critical.lod});
+    }
+    std::sort(leaves.begin(), leaves.end(), [](const auto& a, const auto& b) { return a.index < b.index; });
+    return leaves;
+}
+
+// Takes never exceed the points or the table; a node's take is shared out over its leaves exactly, no leaf
+// giving more than it has and each giving to one node per lod, coarsest first; a node with points left over
+// has children one lod below, whose leaves are the parent's and whose points are the parent's less its take;
+// what a leaf does not give to the upper tree is what its own top node holds.
 template <typename W>
 void expectConsistentTree(const UpperTree<W>& tree, const TakeTable& take)
 {
     ASSERT_FALSE(tree.nodes.empty());
+    ASSERT_EQ(tree.leafTakeBegin.size(), tree.leaves.size() + 1);
     uint64_t total = 0;
     for (const LeafEntry<W>& leaf : tree.leaves)
     {
         total += leaf.count;
     }
     EXPECT_EQ(tree.nodes[0].points, total);
+    std::vector<uint64_t> takenByNode(tree.nodes.size(), 0);
+    std::vector<uint32_t> feeding(tree.nodes.size(), 0);
+    std::vector<uint64_t> leftInLeaf(tree.leaves.size());
+    for (std::size_t leaf = 0; leaf < tree.leaves.size(); ++leaf)
+    {
+        uint64_t given = 0;
+        unsigned previousLod = 65;
+        for (uint32_t t = tree.leafTakeBegin[leaf]; t < tree.leafTakeBegin[leaf + 1]; ++t)
+        {
+            const LeafTake& share = tree.leafTakes[t];
+            const NodeDistribution<W>& node = tree.nodes[share.node];
+            EXPECT_LT(node.lod, previousLod);
+            previousLod = node.lod;
+            EXPECT_GT(node.lod, tree.leaves[leaf].lod);
+            EXPECT_EQ(cellStartAtLod(tree.leaves[leaf].index, node.lod), node.index);
+            takenByNode[share.node] += share.points;
+            ++feeding[share.node];
+            given += share.points;
+        }
+        EXPECT_LE(given, tree.leaves[leaf].count);
+        leftInLeaf[leaf] = tree.leaves[leaf].count - given;
+    }
     uint64_t taken = 0;
     uint64_t leftToLeaves = 0;
-    for (const NodeDistribution<W>& node : tree.nodes)
+    for (std::size_t i = 0; i < tree.nodes.size(); ++i)
     {
+        const NodeDistribution<W>& node = tree.nodes[i];
+        EXPECT_GT(node.points, 0u);
+        EXPECT_EQ(takenByNode[i], node.take);
+        EXPECT_EQ(feeding[i], node.feedingLeaves);
+        if (node.isLeafTop)
+        {
+            EXPECT_EQ(node.take, 0u);
+            EXPECT_EQ(node.childCount, 0u);
+            EXPECT_EQ(node.leafEnd, node.firstLeaf + 1);
+            EXPECT_EQ(node.points, leftInLeaf[node.firstLeaf]);
+            leftToLeaves += node.points;
+            continue;
+        }
         EXPECT_LE(node.take, node.points);
         EXPECT_LE(node.take, take[node.lod]);
         taken += node.take;
-        if (node.continuesInLeaf)
-        {
-            leftToLeaves += node.points - node.take;
-            EXPECT_EQ(node.childCount, 0u);
-            continue;
-        }
         EXPECT_EQ(node.childCount > 0, node.points > node.take);
         uint64_t childPoints = 0;
-        uint32_t nextLeaf = node.firstLeaf;
         for (uint32_t c = node.firstChild; c < node.firstChild + node.childCount; ++c)
         {
             const NodeDistribution<W>& child = tree.nodes[c];
-            EXPECT_LT(child.lod, node.lod);
-            EXPECT_EQ(child.firstLeaf, nextLeaf);
-            nextLeaf = child.leafEnd;
+            EXPECT_EQ(child.lod + 1, node.lod);
+            EXPECT_GE(child.firstLeaf, node.firstLeaf);
+            EXPECT_LE(child.leafEnd, node.leafEnd);
             childPoints += child.points;
             for (uint32_t l = child.firstLeaf; l < child.leafEnd; ++l)
             {
                 EXPECT_EQ(cellStartAtLod(tree.leaves[l].index, child.lod), child.index);
             }
         }
-        if (node.childCount > 0)
-        {
-            EXPECT_EQ(nextLeaf, node.leafEnd);
-            EXPECT_EQ(childPoints, node.points - node.take);
-        }
+        EXPECT_EQ(childPoints, node.points - node.take);
     }
     EXPECT_EQ(taken + leftToLeaves, total);
 }
@@ -427,37 +471,51 @@ TYPED_TEST(DistributionPlanTest, UpperTreeTakesFromTheTopDown)
     TakeTable take;
     take.fill(100);
 
-    DistributionPlan<W> small;
-    small.maxLod = 3;
-    small.readList = {ReadCell<W>{code<W>(0), 50, 3, 0, 0}};
-    UpperTree<W> tree = buildUpperTree(small, take).value();
+    // One leaf: the root is the leaf's own cell, which the leaf's distribution makes.
+    UpperTree<W> tree = buildUpperTree(std::vector<LeafEntry<W>>{entry<W>(0, 50, 3)}, take).value();
     ASSERT_EQ(tree.nodes.size(), 1u);
-    EXPECT_EQ(tree.nodes[0].take, 50u);
-    EXPECT_EQ(tree.nodes[0].lod, MortonIndex3D<W>::kBitsPerAxis);
+    EXPECT_TRUE(tree.nodes[0].isLeafTop);
+    EXPECT_EQ(tree.nodes[0].lod, 3);
+    EXPECT_EQ(tree.nodes[0].points, 50u);
+    EXPECT_TRUE(buildUpperTree(std::vector<LeafEntry<W>>{}, take).value().nodes.empty());
 
-    // The root takes 100 of 160, evenly from its two children's cells; each child then takes its 30.
-    DistributionPlan<W> two;
-    two.maxLod = 2;
-    two.readList = {ReadCell<W>{code<W>(0), 80, 1, 0, 0}, ReadCell<W>{code<W>(64), 80, 1, 0, 0}};
-    tree = buildUpperTree(two, take).value();
+    // The root, the smallest cell over both leaves at lod 3, takes 100 of 160 evenly from its two occupied
+    // cells; each child then takes its 30, and nothing is left for the leaves' own nodes.
+    tree = buildUpperTree(std::vector<LeafEntry<W>>{entry<W>(0, 80, 1), entry<W>(64, 80, 1)}, take).value();
     ASSERT_EQ(tree.nodes.size(), 3u);
+    EXPECT_EQ(tree.nodes[0].lod, 3);
     EXPECT_EQ(tree.nodes[0].childCount, 2u);
     EXPECT_EQ(tree.nodes[1].index, code<W>(0));
     EXPECT_EQ(tree.nodes[2].index, code<W>(64));
     EXPECT_EQ(tree.nodes[1].lod, 2);
     EXPECT_EQ(tree.nodes[1].take, 30u);
     EXPECT_EQ(tree.nodes[2].take, 30u);
+    EXPECT_EQ(tree.leafTakes.size(), 4u);
     expectConsistentTree(tree, take);
 
-    // A leaf's own cell that holds more than its take stops the walk; a point critical cell is a leaf too.
-    DistributionPlan<W> deep;
-    deep.maxLod = 4;
-    deep.readList = {ReadCell<W>{code<W>(0), 90, 2, 0, 0}, ReadCell<W>{code<W>(4096), 90, 4, 0, 0}};
-    deep.pointCritical = {entry<W>(64, 500, 1)};
-    tree = buildUpperTree(deep, take).value();
+    // A take shared over cells of 1, 1 and 10 points gives 1, 1 and 4; the third leaf's top keeps the 6 left.
+    take.fill(6);
+    tree = buildUpperTree(std::vector<LeafEntry<W>>{entry<W>(0, 1, 0), entry<W>(1, 1, 0), entry<W>(2, 10, 0)},
+                          take)
+               .value();
+    ASSERT_EQ(tree.nodes.size(), 2u);
+    EXPECT_EQ(tree.nodes[0].lod, 1);
+    EXPECT_EQ(tree.nodes[0].feedingLeaves, 3u);
+    ASSERT_EQ(tree.leafTakes.size(), 3u);
+    EXPECT_EQ(tree.leafTakes[0].points, 1u);
+    EXPECT_EQ(tree.leafTakes[1].points, 1u);
+    EXPECT_EQ(tree.leafTakes[2].points, 4u);
+    EXPECT_TRUE(tree.nodes[1].isLeafTop);
+    EXPECT_EQ(tree.nodes[1].points, 6u);
     expectConsistentTree(tree, take);
-    EXPECT_TRUE(
-        std::any_of(tree.nodes.begin(), tree.nodes.end(), [](const auto& n) { return n.continuesInLeaf; }));
+
+    // Leaves of different lods, one of them far above the merge limit.
+    take.fill(100);
+    tree = buildUpperTree(
+               std::vector<LeafEntry<W>>{entry<W>(0, 90, 2), entry<W>(64, 500, 1), entry<W>(4096, 90, 4)}, take)
+               .value();
+    expectConsistentTree(tree, take);
+    EXPECT_TRUE(std::any_of(tree.nodes.begin(), tree.nodes.end(), [](const auto& n) { return n.isLeafTop; }));
 }
 
 TYPED_TEST(DistributionPlanTest, UpperTreeOfMergedRandomEntries)
@@ -477,7 +535,7 @@ TYPED_TEST(DistributionPlanTest, UpperTreeOfMergedRandomEntries)
         RuntimeConfig config;
         config.nodeSize = config.topNodeSize = nodeSize;
         const TakeTable take = computeTakeTable(config, plan->maxLod);
-        const std::optional<UpperTree<W>> tree = buildUpperTree(*plan, take);
+        const std::optional<UpperTree<W>> tree = buildUpperTree(planLeaves(*plan), take);
         ASSERT_TRUE(tree);
         expectConsistentTree(*tree, take);
         EXPECT_EQ(tree->nodes.size() == 1, tree->nodes[0].points <= nodeSize);
@@ -530,7 +588,7 @@ TEST(DistributionPlan, PlanOfARealRawSortCountsEverySurvivingPoint)
                   "; Distribution critical: " + std::to_string(plan->distributionCritical.size())});
 
     const TakeTable take = computeTakeTable(config, plan->maxLod);
-    const std::optional<UpperTree<uint32_t>> tree = buildUpperTree(*plan, take);
+    const std::optional<UpperTree<uint32_t>> tree = buildUpperTree(planLeaves(*plan), take);
     ASSERT_TRUE(tree);
     expectConsistentTree(*tree, take);
     EXPECT_GT(tree->nodes.size(), survivors / config.nodeSize);

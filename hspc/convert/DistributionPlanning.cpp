@@ -193,14 +193,12 @@ ConversionFailures planDistribution(const RuntimeConfig& config, PointDistributi
     RunSlices slices;
     finalLeaves(coarse, *coarseSlices, recomputation.leaves, leaves, slices);
     const TakeTable takes = computeTakeTable(config, plan->maxLod);
-    // Until the upper tree is built from the leaves directly, it is given them as the read cells of a plan.
-    DistributionPlan<W> leafPlan;
-    leafPlan.maxLod = plan->maxLod;
+    uint64_t totalPoints = 0;
     for (const LeafEntry<W>& leaf : leaves)
     {
-        leafPlan.readList.push_back(ReadCell<W>{leaf.index, leaf.count, leaf.lod, 0, 0});
+        totalPoints += leaf.count;
     }
-    std::optional<UpperTree<W>> upper = buildUpperTree<W>(leafPlan, takes);
+    std::optional<UpperTree<W>> upper = buildUpperTree<W>(std::move(leaves), takes);
     if (!upper)
     {
         return failPlan(config, {});
@@ -210,10 +208,7 @@ ConversionFailures planDistribution(const RuntimeConfig& config, PointDistributi
     layout.sliceBegin = std::move(slices.sliceBegin);
     layout.upper = std::move(*upper);
     layout.takes = takes;
-    for (const LeafEntry<W>& leaf : leaves)
-    {
-        layout.totalPoints += leaf.count;
-    }
+    layout.totalPoints = totalPoints;
     reportTo(config.infoLogger, "Merging:         elapsed: " + secondsSince(start) + " [s].");
     return {};
 }
