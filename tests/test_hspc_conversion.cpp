@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <set>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -186,47 +187,94 @@ TEST(Conversion, OneLeafsTopNodeSpreadsItsTakeOverItsCellsFairly)
 {
     ConversionSetup setup;
     pcp_test::convertRecords(setup);
-    // Batches big enough that 20000 points are one read cell; the root is then that leaf's own top node.
+    // 20000 points within a metre: one cell of lod 10, read as its eight children of about 2500 points. Each
+    // such leaf needs one level below it (cells of lod 8, about 320 points, fit a node of 600), so a node of
+    // the leaf shares its take over the leaf's cells of lod 8.
     setup.advanced.batchSize = 8u << 20;
-    setup.encoding.nodeSize = 1000;
-    setup.encoding.maxNodeSize = 1500;
-    ASSERT_EQ(convert(setup, 20000, 1), 0) << joined(setup.errors.lines);
+    setup.encoding.nodeSize = 100;
+    setup.encoding.maxNodeSize = 600;
+    auto bytes = std::make_shared<std::vector<uint8_t>>();
+    std::vector<PointRecord> input;
+    for (uint32_t point = 0; point < 20000; ++point)
+    {
+        const PointRecord record{{int32_t(point * 7919 % 1009), int32_t(point * 104729 % 1013),
+                                  int32_t(point * 15485863 % 1019)},
+                                 uint16_t(point * 6)};
+        for (int32_t value : record.cell)
+            pcp_test::put(*bytes, value);
+        for (unsigned channel = 0; channel < 4; ++channel)
+            pcp_test::put(*bytes, uint16_t(point * (channel + 3)));
+        input.push_back(record);
+    }
+    Converter converter(setup.basic, setup.advanced, setup.encoding);
+    ASSERT_TRUE(converter.addImporter(pcp_test::recordImporterOf(setup, bytes, setup.errors.logger())));
+    ASSERT_EQ(converter.run(), 0) << joined(setup.errors.lines);
     FolderReader reader(setup.basic.outputPath);
     const ReadDataSet dataSet = readDataSet(reader);
-    ASSERT_FALSE(dataSet.nodes.empty());
+    // The nodes one lod below the root are the leaves' own top nodes, which take their share from what the
+    // root left in their cell.
+    ASSERT_GT(dataSet.nodes.size(), 2u);
     const ReadNode& root = dataSet.nodes[0];
-    ASSERT_EQ(root.points.size(), 1000u);
+    const ReadNode& node = dataSet.nodes[1];
+    ASSERT_EQ(node.lod + 1, root.lod);
+    ASSERT_EQ(node.points.size(), 100u);
 
-    // Counted by hand: the first level below the root with at most 1000 occupied cells, the input points per
-    // cell there, and what a fair share of 1000 over those cells gives each.
-    const std::vector<PointRecord> input = generatedPoints(0, 20000);
-    auto cellsAt = [&](const std::vector<PointRecord>& points, unsigned lod) {
-        std::map<std::array<uint64_t, 3>, uint32_t> cells;
+    auto inNode = [&](const PointRecord& point) {
+        for (unsigned axis = 0; axis < 3; ++axis)
+        {
+            // Node corners are in the code's unsigned axes: the signed cell with its sign bit flipped.
+            const uint64_t cell = uint32_t(point.cell[axis]) ^ 0x80000000u;
+            if (cell < node.corner[axis] || cell >= node.corner[axis] + (uint64_t(1) << node.lod))
+                return false;
+        }
+        return true;
+    };
+    std::multiset<PointRecord> unused;
+    for (const PointRecord& point : input)
+    {
+        if (inNode(point))
+            unused.insert(point);
+    }
+    for (const PointRecord& point : root.points)
+    {
+        if (inNode(point))
+            unused.erase(unused.find(point));
+    }
+    // Points per cell of `lod`, the cells in Morton order (x in the lowest bit), the order in which a share's
+    // rest goes to the first cells. The cells here are below 2^21 on every axis.
+    auto cellsAt = [](const auto& points, unsigned lod) {
+        std::map<uint64_t, uint32_t> cells;
         for (const PointRecord& point : points)
         {
-            std::array<uint64_t, 3> key{};
+            uint64_t key = 0;
             for (unsigned axis = 0; axis < 3; ++axis)
-                key[axis] = uint64_t(uint32_t(point.cell[axis])) >> lod;
+            {
+                const uint64_t cell = uint64_t(uint32_t(point.cell[axis])) >> lod;
+                for (unsigned bit = 0; bit < 21; ++bit)
+                    key |= ((cell >> bit) & 1) << (3 * bit + axis);
+            }
             ++cells[key];
         }
         return cells;
     };
-    unsigned lod = root.lod;
-    while (lod > 0 && cellsAt(input, lod - 1).size() <= 1000)
-        --lod;
-    const auto inputCells = cellsAt(input, lod);
+    // Counted by hand: the unused points per cell of lod 8, and what a fair share of 100 over those cells
+    // gives each.
+    const unsigned lod = 8;
+    const auto unusedCells = cellsAt(unused, lod);
+    ASSERT_EQ(unusedCells.size(), 8u);
     std::vector<uint32_t> counts;
-    for (const auto& [cell, count] : inputCells)
+    for (const auto& [cell, count] : unusedCells)
         counts.push_back(count);
     std::vector<uint32_t> shares(counts.size());
-    ASSERT_TRUE(computeEqualDistributionTake(counts, 1000, shares));
-    const auto rootCells = cellsAt(root.points, lod);
+    ASSERT_TRUE(computeEqualDistributionTake(counts, 100, shares));
+    const auto nodeCells = cellsAt(node.points, lod);
     size_t i = 0;
-    for (const auto& [cell, count] : inputCells)
+    for (const auto& [cell, count] : unusedCells)
     {
-        const auto found = rootCells.find(cell);
-        EXPECT_EQ(found == rootCells.end() ? 0u : found->second, shares[i++]);
+        const auto found = nodeCells.find(cell);
+        EXPECT_EQ(found == nodeCells.end() ? 0u : found->second, shares[i++]) << "cell " << i - 1;
     }
+    EXPECT_EQ(nodeCells.size(), std::count_if(shares.begin(), shares.end(), [](uint32_t n) { return n > 0; }));
 }
 
 TEST(Conversion, FolderPackArchiveAndCallbacksGetTheSameBlobs)
