@@ -415,6 +415,19 @@ TEST(Riegl, AnRdbFileAloneIsOneScanWithoutOptionalAttributes)
     EXPECT_FALSE(c.attributes.intensity || c.attributes.color || c.attributes.normals || c.attributes.scanId);
     for (size_t i = 0; i < 5; ++i)
         EXPECT_LE(distance(world(c.scans[0][i], c.probe.transfo), file.points[i].xyz), kStep);
+
+    // A file without points: the probe finds none, the conversion writes no scan.
+    RdbDoubleFile().write(folder.path() / "empty.rdbx");
+    const std::wstring empty = folder.file(L"empty.rdbx");
+    Riegl prober(empty, 1.0, kRieglMode, s2ws(pcp_test::rdbDoubleLibrary()));
+    EXPECT_FALSE(prober.probe(kStep, {}).transfo.isValid());
+    EXPECT_EQ(prober.getWarnings(), std::vector<std::wstring>{L"Probe could not find any points in input data"});
+    IoTransfo transfo;
+    transfo.offset = {0, 0, 0};
+    transfo.scale = {kStep, kStep, kStep};
+    Riegl converter(empty, 1.0, kRieglMode, s2ws(pcp_test::rdbDoubleLibrary()));
+    converter.run(toWide(folder.path() / "cache"), transfo, false, {}, {});
+    EXPECT_TRUE(converter.getScanFiles().empty());
 }
 
 TEST(Riegl, BindingAndLibraryFailuresBecomeRieglErrors)

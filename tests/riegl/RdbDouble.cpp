@@ -392,7 +392,8 @@ PCP_RDB_EXPORT RDBResult rdb_pointcloud_query_stat_index_filter(RDBContext* cont
 {
     if (filter && *filter)
         return fail(context, 5, "Filters are not supported by the test library", filter);
-    root->id = kRootNode;
+    // An empty database has no index node: the importer then selects without one.
+    root->id = query->cloud->points.empty() ? 0 : kRootNode;
     root->revision = 1;
     root->pointCountTotal = query->cloud->points.size();
     root->pointCountNode = 0;
