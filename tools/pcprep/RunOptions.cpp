@@ -71,6 +71,7 @@ RunOptions parseRunOptions(const Arguments& arguments)
                                              {"--hspc", false},
                                              {"--normals", false},
                                              {"--local-frame", false},
+                                             {"--riegl-library", true},
                                              {"--columns", true},
                                              {"--delimiter", true},
                                              {"--skip-prefix", true},
@@ -102,6 +103,7 @@ RunOptions parseRunOptions(const Arguments& arguments)
     options.hspc = parsed.has("--hspc");
     options.normals = parsed.has("--normals");
     options.localFrame = parsed.has("--local-frame");
+    options.rieglLibrary = parsed.text("--riegl-library", "");
     options.columns = parsed.text("--columns", "");
     options.delimiter = parsed.text("--delimiter", "");
     options.skipPrefix = parsed.text("--skip-prefix", "");

@@ -25,6 +25,7 @@ struct RunOptions
     bool hspc = false;
     bool normals = false;
     bool localFrame = false;
+    std::string rieglLibrary;  // empty: the RIEGL library's usual names
     std::string columns;
     std::string delimiter;
     std::string skipPrefix;
