@@ -9,7 +9,6 @@
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <numbers>
 #include <string>
 #include <vector>
@@ -66,13 +65,6 @@ std::string header(uint64_t columns, uint64_t rows, const Pose& p = {}, const st
     for (int k = 0; k < 3; ++k)
         text += line("%.17g %.17g %.17g", r[3 * k], r[3 * k + 1], r[3 * k + 2]) + " 0" + end;
     return text + line("%.17g %.17g %.17g", t[0], t[1], t[2]) + " 1" + end;
-}
-
-std::wstring writeFile(const pcp_test::TempFolder& folder, const std::wstring& name, const std::string& bytes)
-{
-    const std::wstring path = folder.file(name);
-    std::ofstream(toPath(path), std::ios::binary) << bytes;
-    return path;
 }
 
 std::string ptxError(const std::wstring& file, const std::string& text, uint64_t lineNumber = 0)
@@ -178,7 +170,7 @@ TEST(Ptx, ScansLandInTheWorldThroughTheirOwnPoses)
                 {w, r << 8, g << 8, b << 8, uint16_t(std::stod(intensity) * 65535.99999999999)});
         }
     }
-    const std::wstring file = writeFile(folder, L"two scans.ptx", text);
+    const std::wstring file = folder.write(L"two scans.ptx", text);
 
     const Conversion c = convert(folder, file);
     EXPECT_EQ(c.probe.colorMode, ColorMode(kRgb8Bit, kIntensityUnit));
@@ -219,7 +211,7 @@ TEST(Ptx, SkipsMissingReturnsAndClampsBrightOnesWithAnyLineEnd)
                     : i == 7  ? "7 0 0 1.5" + end
                     : i == 60 ? "60 0 0 2" + end
                               : std::to_string(i) + " 20 -30 0.5" + end;
-        const std::wstring file = writeFile(folder, L"grid.ptx", text + end);
+        const std::wstring file = folder.write(L"grid.ptx", text + end);
         const Conversion c = convert(folder, file, 0.001);
         // The intensity stands in for the colour in the range as in the points: a file without colour
         // hands a run the 8-bit mode, which keeps the colours of inputs that follow it.
@@ -282,7 +274,7 @@ TEST(Ptx, BrokenFilesFailWithTheirTextAndLine)
     };
     for (const Case& c : cases)
     {
-        const std::wstring file = writeFile(folder, L"broken.ptx", c.text);
+        const std::wstring file = folder.write(L"broken.ptx", c.text);
         Ptx importer(file, 1.0, ColorMode());
         EXPECT_EQ(errorText([&] { importer.probe(kStep, {}); }), ptxError(file, c.failure, c.line)) << c.text;
         EXPECT_EQ(importer.workDone(), importer.workTotal()) << c.text;
@@ -292,8 +284,7 @@ TEST(Ptx, BrokenFilesFailWithTheirTextAndLine)
     // sees them, and an error for a run that was told the file is 8-bit.
     std::string noisy = scan;
     noisy.replace(noisy.find(" 0\n", noisy.find("0 1 0 0")), 3, " 1e-9\n");
-    const std::wstring wide =
-        writeFile(folder, L"wide.ptx", noisy + "1 2 3 0.5 256 0 0\n" + points.substr(0, 57));
+    const std::wstring wide = folder.write(L"wide.ptx", noisy + "1 2 3 0.5 256 0 0\n" + points.substr(0, 57));
     const Conversion sixteenBit = convert(folder, wide);
     EXPECT_EQ(sixteenBit.probe.colorMode, ColorMode(kRgb16Bit, kIntensityUnit));
     ASSERT_EQ(sixteenBit.scans.size(), 1u);
@@ -308,7 +299,7 @@ TEST(Ptx, BrokenFilesFailWithTheirTextAndLine)
                   }),
               ptxError(wide, formatText("1 2 3 0.5 256 0 0", true), 11));
     // Only a run that reads 16-bit channels leaves the 8-bit range out of the text.
-    const std::wstring dark = writeFile(folder, L"dark.ptx", scan + "1 2 3 -0.5 256 0 0\n");
+    const std::wstring dark = folder.write(L"dark.ptx", scan + "1 2 3 -0.5 256 0 0\n");
     EXPECT_EQ(errorText(
                   [&]
                   {
@@ -317,7 +308,7 @@ TEST(Ptx, BrokenFilesFailWithTheirTextAndLine)
                   }),
               ptxError(dark, formatText("1 2 3 -0.5 256 0 0"), 11));
 
-    const std::wstring empty = writeFile(folder, L"empty.ptx", "");
+    const std::wstring empty = folder.write(L"empty.ptx", "");
     EXPECT_EQ(errorText([&] { Ptx(empty, 1.0, ColorMode()).probe(kStep, {}); }),
               ptxError(empty, "Could not open file."));
 }
@@ -351,7 +342,7 @@ TEST(Ptx, ProgressIsTheImportersOwnCount)
     std::string text = header(2, 2);
     for (int i = 1; i <= 4; ++i)
         text += std::to_string(i) + " 0 0 0.5\n";
-    const std::wstring file = writeFile(folder, L"progress.ptx", text);
+    const std::wstring file = folder.write(L"progress.ptx", text);
     const ProbeResult probe = Ptx(file, 1.0, ColorMode()).probe(kStep, {});
 
     Ptx sound(file, 1.0, probe.colorMode);
