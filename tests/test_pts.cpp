@@ -11,13 +11,13 @@
 #include <string>
 #include <vector>
 
-#include "cachefiles/PntFiles.h"
 #include "core/StringConversion.h"
 #include "fuzz/PtsFuzzCase.h"
 #include "importers/PtsImporter.h"
 #include "importers/text/FileSource.h"
 #include "support/ErrorText.h"
 #include "support/FuzzCorpus.h"
+#include "support/ImportRun.h"
 #include "support/TempFolder.h"
 
 using namespace pc_preprocess;
@@ -55,44 +55,26 @@ IoTransfo millimetreGrid()
     return t;
 }
 
-std::vector<IoLightPoint> readPoints(const std::wstring& cache, const std::wstring& input)
+pcp_test::ImporterMaker ptsImporter(const std::wstring& file, const Settings& s)
 {
-    IoTransfo transfo;
-    std::vector<IoLightPoint> points;
-    readPNT(toWide(toPath(Convertor::getPointFolder(cache)) /
-                   toPath(Convertor::baseNameForScanId(input, 0) + L"-temp.pnt")),
-            transfo, points);
-    return points;
+    return [=](const ColorMode& mode) { return std::make_unique<PtsImporter>(file, kScale, mode, s); };
 }
 
 // Runs the importer in the given colour mode onto a grid of millimetres around the origin.
 std::vector<IoLightPoint> runIn(const pcp_test::TempFolder& folder, const std::wstring& file,
                                 const Settings& s, const ColorMode& mode)
 {
-    const std::wstring cache = toWide(folder.path() / "cache");
-    std::filesystem::create_directories(toPath(Convertor::getPointFolder(cache)));
-    PtsImporter(file, kScale, mode, s).run(cache, millimetreGrid(), false, {}, {});
-    return readPoints(cache, file);
+    pcp_test::ImportSettings settings;
+    settings.runMode = mode;
+    settings.grid = millimetreGrid();
+    settings.probe = false;
+    return pcp_test::runImport(folder, ptsImporter(file, s), mode, kScale, settings).points;
 }
 
 // What a host does: probe with one importer, convert with a fresh one in the probed transfo and mode.
-struct Conversion
+pcp_test::ImportRun convert(const pcp_test::TempFolder& folder, const std::wstring& file, const Settings& s)
 {
-    ProbeResult probe;
-    std::vector<IoLightPoint> points;
-    std::vector<double> progress;
-};
-
-Conversion convert(const pcp_test::TempFolder& folder, const std::wstring& file, const Settings& s)
-{
-    Conversion c;
-    c.probe = PtsImporter(file, kScale, ColorMode(), s).probe(kScale, {});
-    const std::wstring cache = toWide(folder.path() / "cache");
-    std::filesystem::create_directories(toPath(Convertor::getPointFolder(cache)));
-    PtsImporter(file, kScale, c.probe.colorMode, s)
-        .run(cache, c.probe.transfo, false, [&](double f) { c.progress.push_back(f); }, {});
-    c.points = readPoints(cache, file);
-    return c;
+    return pcp_test::runImport(folder, ptsImporter(file, s), ColorMode(), kScale);
 }
 
 // The cache integer of a raw coordinate in millimetres: the grid has the same step, so it is exact.
@@ -217,7 +199,7 @@ TEST(PtsImporter, FormatStringsChooseColumnsOrFailWithTheirReason)
     pcp_test::TempFolder folder;
     const std::wstring file = folder.write(L"format.pts", "1 2 3 4 5 6\n1 2 3 -1 -1 10 20 30\n7 8 9\n");
     // Six numbers are too few for the colour in columns 6 to 8; that line is passed over without a word.
-    const Conversion skipped = convert(folder, file, settings("XYZ..RGB"));
+    const pcp_test::ImportRun skipped = convert(folder, file, settings("XYZ..RGB"));
     ASSERT_EQ(skipped.points.size(), 1u);
     expectPosition(skipped.points[0], skipped.probe.transfo, 1, 2, 3);
     EXPECT_EQ(skipped.points[0].r, 10 << 8);
@@ -247,21 +229,21 @@ TEST(PtsImporter, ParsesNumbersByTheDelimitersGrammar)
 {
     pcp_test::TempFolder folder;
     const std::wstring comma = folder.write(L"comma.pts", "1, 2 ,3\n  +4 ,-5.5e1,.5  \n7;8;9\n10,11\n");
-    const Conversion c = convert(folder, comma, settings("XYZ", ","));
+    const pcp_test::ImportRun c = convert(folder, comma, settings("XYZ", ","));
     ASSERT_EQ(c.points.size(), 2u);
     expectPosition(c.points[0], c.probe.transfo, 1, 2, 3);
     expectPosition(c.points[1], c.probe.transfo, 4, -55, 0.5);
 
     // A blank as the delimiter stands anywhere in a run of white space.
     const std::wstring blank = folder.write(L"blank.pts", "1 \t 2  3\n");
-    const Conversion b = convert(folder, blank, settings("XYZ", " "));
+    const pcp_test::ImportRun b = convert(folder, blank, settings("XYZ", " "));
     ASSERT_EQ(b.points.size(), 1u);
     expectPosition(b.points[0], b.probe.transfo, 1, 2, 3);
 
     // White space: runs of any kind between numbers, none before the first; the first non-number ends a line.
     const std::wstring blanks =
         folder.write(L"blanks.pts", "1, 2 ,3\n 4 5 6\n7\t 8\v9\f10\r\n11 12 13x 14\n15 16 inf\n17 0x1 2\n");
-    const Conversion w = convert(folder, blanks, settings("XYZ"));
+    const pcp_test::ImportRun w = convert(folder, blanks, settings("XYZ"));
     ASSERT_EQ(w.points.size(), 2u);
     expectPosition(w.points[0], w.probe.transfo, 7, 8, 9);
     expectPosition(w.points[1], w.probe.transfo, 11, 12, 13);
@@ -288,7 +270,7 @@ TEST(PtsImporter, ProbesModesAndScalesColourAndIntensity)
         folder.write(L"unit.pts",
                      "3\n1500 -2500 700 1.0 255 0 7\n1501 -2499 701 0 1 2 3\n1502 -2498 702 0.5 10 "
                      "20 30.9\n");
-    const Conversion u = convert(folder, unit, settings(""));
+    const pcp_test::ImportRun u = convert(folder, unit, settings(""));
     EXPECT_EQ(u.probe.colorMode, ColorMode(kRgb8Bit, kIntensityUnit));
     EXPECT_EQ(u.probe.transfo.offset, (std::array<double, 3>{2.0, -3.0, 1.0}));
     EXPECT_EQ(u.probe.transfo.scale, (std::array<double, 3>{kScale, kScale, kScale}));
@@ -304,7 +286,7 @@ TEST(PtsImporter, ProbesModesAndScalesColourAndIntensity)
 
     // Signed intensity without colour: both ends reach the 16-bit ends, and the colour takes the intensity.
     const std::wstring signedFile = folder.write(L"signed.pts", "1 2 3 2048\n1 2 3 -2048\n1 2 3 0\n");
-    const Conversion s = convert(folder, signedFile, settings(""));
+    const pcp_test::ImportRun s = convert(folder, signedFile, settings(""));
     EXPECT_EQ(s.probe.colorMode, ColorMode(kRgbFromIntensity, kIntensitySigned));
     ASSERT_EQ(s.points.size(), 3u);
     EXPECT_EQ(s.points[0].intensity, 65535);
@@ -315,7 +297,7 @@ TEST(PtsImporter, ProbesModesAndScalesColourAndIntensity)
 
     // Channels above 255 are 16-bit and kept (truncated); 8-bit and 16-bit intensities.
     const std::wstring wide = folder.write(L"wide.pts", "1 2 3 200 300.7 0 65535.5\n1 2 3 100.5 0 0 0\n");
-    const Conversion d = convert(folder, wide, settings("XYZIRGB"));
+    const pcp_test::ImportRun d = convert(folder, wide, settings("XYZIRGB"));
     EXPECT_EQ(d.probe.colorMode, ColorMode(kRgb16Bit, kIntensity8Bit));
     ASSERT_EQ(d.points.size(), 2u);
     EXPECT_EQ(d.points[0].r, 300);
@@ -389,7 +371,7 @@ TEST(PtsImporter, ReadsAcrossWindowsWithAnyLineEnd)
         ASSERT_GT(content.size(), (1u << 20) + 100);
         ASSERT_NE(content[(1u << 20) - 1], '\n');  // a line straddles the first window boundary
         const std::wstring file = folder.write(L"many.pts", content);
-        const Conversion c = convert(folder, file, settings(""));
+        const pcp_test::ImportRun c = convert(folder, file, settings(""));
         EXPECT_EQ(c.probe.colorMode, ColorMode(kRgb8Bit, kIntensityUnit));
         ASSERT_EQ(c.points.size(), size_t(count));
         for (int i = 0; i < count; ++i)
@@ -425,7 +407,7 @@ TEST(PtsImporter, SurvivesEmptyFarAndGappedFiles)
     // Long runs of blanks between tokens once overflowed the stack of the splitting expression.
     const std::string gap(300000, ' ');
     const std::wstring gaps = folder.write(L"gaps.pts", "1" + gap + "2" + gap + "3\n");
-    const Conversion g = convert(folder, gaps, settings(""));
+    const pcp_test::ImportRun g = convert(folder, gaps, settings(""));
     EXPECT_EQ(PtsImporter(gaps, kScale, ColorMode(), settings("")).getColumnFormat(), "XYZ");
     ASSERT_EQ(g.points.size(), 1u);
 }

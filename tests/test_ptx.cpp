@@ -21,6 +21,7 @@
 #include "sample/SampleScene.h"
 #include "support/ErrorText.h"
 #include "support/FuzzCorpus.h"
+#include "support/ImportRun.h"
 #include "support/TempFolder.h"
 
 using namespace pc_preprocess;
@@ -86,35 +87,11 @@ std::string formatText(const std::string& offendingLine, bool eightBit = false)
 }
 
 // What a host does: probe with one importer, convert with a fresh one in the probed grid and mode.
-struct Conversion
+pcp_test::ImportRun convert(const pcp_test::TempFolder& folder, const std::wstring& file, double scale = 1.0)
 {
-    ProbeResult probe;
-    std::vector<std::wstring> warnings;
-    SupportedAttributes attributes;
-    std::vector<std::vector<IoLightPoint>> scans;
-    std::vector<MetaData> metas;
-};
-
-Conversion convert(const pcp_test::TempFolder& folder, const std::wstring& file, double scale = 1.0)
-{
-    Conversion c;
-    c.probe = Ptx(file, scale, ColorMode()).probe(kStep, {});
-    const std::wstring cache = toWide(folder.path() / "cache");
-    std::filesystem::remove_all(toPath(cache));
-    std::filesystem::create_directories(toPath(Convertor::getPointFolder(cache)));
-    Ptx converter(file, scale, c.probe.colorMode);
-    converter.run(cache, c.probe.transfo, false, {}, {});
-    c.warnings = converter.getWarnings();
-    c.attributes = converter.getSupportedAttributes();
-    for (const ScanFiles& files : converter.getScanFiles())
-    {
-        IoTransfo transfo;
-        c.scans.emplace_back();
-        readPNT(files.pntFile, transfo, c.scans.back());
-        EXPECT_EQ(transfo, c.probe.transfo);
-        c.metas.push_back(readMetaFile(files.metaFile));
-    }
-    return c;
+    return pcp_test::runImport(
+        folder, [&](const ColorMode& mode) { return std::make_unique<Ptx>(file, scale, mode); }, ColorMode(),
+        kStep);
 }
 
 // How far a cache point lies from a world position, in the largest of its axes.
@@ -172,7 +149,7 @@ TEST(Ptx, ScansLandInTheWorldThroughTheirOwnPoses)
     }
     const std::wstring file = folder.write(L"two scans.ptx", text);
 
-    const Conversion c = convert(folder, file);
+    const pcp_test::ImportRun c = convert(folder, file);
     EXPECT_EQ(c.probe.colorMode, ColorMode(kRgb8Bit, kIntensityUnit));
     EXPECT_TRUE(c.probe.hasScanViews);
     EXPECT_EQ(c.probe.transfo.scale, (std::array<double, 3>{kStep, kStep, kStep}));
@@ -212,7 +189,7 @@ TEST(Ptx, SkipsMissingReturnsAndClampsBrightOnesWithAnyLineEnd)
                     : i == 60 ? "60 0 0 2" + end
                               : std::to_string(i) + " 20 -30 0.5" + end;
         const std::wstring file = folder.write(L"grid.ptx", text + end);
-        const Conversion c = convert(folder, file, 0.001);
+        const pcp_test::ImportRun c = convert(folder, file, 0.001);
         // The intensity stands in for the colour in the range as in the points: a file without colour
         // hands a run the 8-bit mode, which keeps the colours of inputs that follow it.
         EXPECT_EQ(c.probe.colorMode, ColorMode(kRgb8Bit, kIntensityUnit));
@@ -285,7 +262,7 @@ TEST(Ptx, BrokenFilesFailWithTheirTextAndLine)
     std::string noisy = scan;
     noisy.replace(noisy.find(" 0\n", noisy.find("0 1 0 0")), 3, " 1e-9\n");
     const std::wstring wide = folder.write(L"wide.ptx", noisy + "1 2 3 0.5 256 0 0\n" + points.substr(0, 57));
-    const Conversion sixteenBit = convert(folder, wide);
+    const pcp_test::ImportRun sixteenBit = convert(folder, wide);
     EXPECT_EQ(sixteenBit.probe.colorMode, ColorMode(kRgb16Bit, kIntensityUnit));
     ASSERT_EQ(sixteenBit.scans.size(), 1u);
     ASSERT_EQ(sixteenBit.scans[0].size(), 4u);
