@@ -20,51 +20,38 @@ Json::Value parseJson(const std::string& text)
 namespace
 {
 
-// Where `actual` differs from `expected`, as a path and the two values; empty when it holds all of it.
-std::string firstDifference(const Json::Value& actual, const Json::Value& expected, const std::string& path)
+bool holds(const Json::Value& actual, const Json::Value& expected)
 {
-    const auto differs = [&]
-    { return path + ": " + actual.toStyledString() + " is not " + expected.toStyledString(); };
     if (expected.isObject())
     {
         if (!actual.isObject())
-            return differs();
+            return false;
         for (const std::string& name : expected.getMemberNames())
-        {
-            if (!actual.isMember(name))
-                return path + "/" + name + " is missing";
-            const std::string difference = firstDifference(actual[name], expected[name], path + "/" + name);
-            if (!difference.empty())
-                return difference;
-        }
-        return "";
+            if (!actual.isMember(name) || !holds(actual[name], expected[name]))
+                return false;
+        return true;
     }
     if (expected.isArray())
     {
         if (!actual.isArray() || actual.size() != expected.size())
-            return differs();
+            return false;
         for (Json::ArrayIndex i = 0; i < expected.size(); ++i)
-        {
-            const std::string difference =
-                firstDifference(actual[i], expected[i], path + "/" + std::to_string(i));
-            if (!difference.empty())
-                return difference;
-        }
-        return "";
+            if (!holds(actual[i], expected[i]))
+                return false;
+        return true;
     }
     if (expected.isNumeric() && actual.isNumeric() && !expected.isBool() && !actual.isBool())
-        return actual.asDouble() == expected.asDouble() ? "" : differs();
-    return actual == expected ? "" : differs();
+        return actual.asDouble() == expected.asDouble();
+    return actual == expected;
 }
 
 }  // namespace
 
 ::testing::AssertionResult holdsJson(const Json::Value& actual, const std::string& expected)
 {
-    const std::string difference = firstDifference(actual, parseJson(expected), "");
-    if (difference.empty())
+    if (holds(actual, parseJson(expected)))
         return ::testing::AssertionSuccess();
-    return ::testing::AssertionFailure() << difference;
+    return ::testing::AssertionFailure() << actual.toStyledString() << "does not hold " << expected;
 }
 
 }  // namespace pcp_test
