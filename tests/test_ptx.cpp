@@ -301,16 +301,6 @@ public:
     int64_t workTotal() const override { return Ptx::workTotal() / 2; }
 };
 
-// The fractions that a run of `importer` reports.
-std::vector<double> progressOf(Convertor& importer, const pcp_test::TempFolder& folder, const IoTransfo& grid)
-{
-    const std::wstring cache = toWide(folder.path() / "cache");
-    std::filesystem::create_directories(toPath(Convertor::getPointFolder(cache)));
-    std::vector<double> fractions;
-    importer.run(cache, grid, false, [&](double fraction) { fractions.push_back(fraction); }, {});
-    return fractions;
-}
-
 }  // namespace
 
 TEST(Ptx, ProgressIsTheImportersOwnCount)
@@ -320,18 +310,18 @@ TEST(Ptx, ProgressIsTheImportersOwnCount)
     for (int i = 1; i <= 4; ++i)
         text += std::to_string(i) + " 0 0 0.5\n";
     const std::wstring file = folder.write(L"progress.ptx", text);
-    const ProbeResult probe = Ptx(file, 1.0, ColorMode()).probe(kStep, {});
-
-    Ptx sound(file, 1.0, probe.colorMode);
-    const std::vector<double> fractions = progressOf(sound, folder, probe.transfo);
+    const std::vector<double> fractions = convert(folder, file).progress;
     ASSERT_FALSE(fractions.empty());
     EXPECT_TRUE(std::is_sorted(fractions.begin(), fractions.end()));
     EXPECT_EQ(fractions.back(), 1.0);
 
     // Counted past its total, the fraction goes out as it is: the conversion's check refuses it with
     // "fraction should be in between 0.0 and 1.0.".
-    HalfTotalPtx overshooting(file, 1.0, probe.colorMode);
-    const std::vector<double> beyond = progressOf(overshooting, folder, probe.transfo);
+    const std::vector<double> beyond =
+        pcp_test::runImport(
+            folder, [&](const ColorMode& mode) { return std::make_unique<HalfTotalPtx>(file, 1.0, mode); },
+            ColorMode(), kStep)
+            .progress;
     ASSERT_FALSE(beyond.empty());
     EXPECT_GT(beyond.back(), 1.9);
 }
