@@ -21,6 +21,7 @@
 #include "core/StringConversion.h"
 #include "scanview/NormalCodes.h"
 #include "support/FileText.h"
+#include "support/HspcDataSetPoints.h"
 #include "support/PtsSamples.h"
 #include "hspc/store/DiskArchive.h"
 #include "hspc/store/FolderStore.h"
@@ -559,4 +560,112 @@ TEST(Pcprep, HspcDataSetsAreDescribedAndChecked)
         << out;
     EXPECT_NE(runPcprep(temp, {"info", (folder / "queryTree.hspc").string()}, &out, &err), 0);
     EXPECT_NE(err.find("loadTree: "), std::string::npos) << err;
+}
+
+namespace
+{
+
+// The points of every per-scan file in a convert-only cache's point folder, as a data set of them holds them.
+std::vector<pcp_test::DataSetPoint> scanFilePoints(const fs::path& data, const std::vector<HSPC::Attribute>& attributes)
+{
+    std::vector<pcp_test::DataSetPoint> points;
+    for (const auto& entry : fs::directory_iterator(data))
+    {
+        const std::string name = entry.path().filename().string();
+        if (name.size() < 9 || name.compare(name.size() - 9, 9, "-temp.pnt") != 0)
+            continue;
+        pc_preprocess::IoTransfo transfo;
+        std::vector<pc_preprocess::IoLightPoint> scan;
+        pc_preprocess::readPNT(pc_preprocess::toWide(entry.path()), transfo, scan);
+        for (const pc_preprocess::IoLightPoint& p : scan)
+            points.push_back(pcp_test::dataSetPointOf(p, attributes));
+    }
+    return points;
+}
+
+void addLeafPoints(const fs::path& data, const pc_preprocess::VrmNode& node,
+                   const std::vector<HSPC::Attribute>& attributes, std::vector<pcp_test::DataSetPoint>& out)
+{
+    for (const pc_preprocess::VrmNode& child : node.children)
+        addLeafPoints(data, child, attributes, out);
+    if (!node.children.empty())
+        return;
+    pc_preprocess::IoTransfo transfo;
+    std::vector<pc_preprocess::IoLightPoint> points;
+    pc_preprocess::readPNZ(
+        pc_preprocess::toWide(data / pc_preprocess::toPath(node.file).replace_extension(".pnz")), transfo,
+        points);
+    for (const pc_preprocess::IoLightPoint& p : points)
+        out.push_back(pcp_test::dataSetPointOf(p, attributes));
+}
+
+}  // namespace
+
+TEST(Pcprep, HspcRunHoldsThePointsOfTheScansAndExportHoldsTheLeaves)
+{
+    pcp_test::TempFolder temp;
+    const fs::path sample = temp.path() / "s";
+    ASSERT_EQ(runPcprep(temp, {"sample", sample.string(), "--parts", "pts,las,ptx,e57", "--points", "20000",
+                               "--scans", "2", "--ptx-points", "40000", "--e57-points", "40000"}),
+              0);
+    const std::vector<std::string> project = {
+        (sample / "pts" / "room-scan-1.pts").string(), (sample / "pts" / "room-scan-2.pts").string(),
+        (sample / "ptx" / "room-scans.ptx").string(), (sample / "las" / "room-tile.las").string(),
+        (sample / "e57" / "room-project.e57").string()};
+    const auto run = [&](const fs::path& cache, std::vector<std::string> options, std::string& out)
+    {
+        std::vector<std::string> arguments = {"run", "--cache", cache.string(), "--threads", "2"};
+        arguments.insert(arguments.end(), options.begin(), options.end());
+        arguments.insert(arguments.end(), project.begin(), project.end());
+        std::string err;
+        EXPECT_EQ(runPcprep(temp, arguments, &out, &err), 0) << err;
+    };
+    std::string out;
+    const fs::path converted = temp.path() / "converted";
+    run(converted, {"--convert-only"}, out);
+    for (const bool pack : {false, true})
+    {
+        SCOPED_TRACE(pack ? "pack" : "folder");
+        const fs::path cache = temp.path() / (pack ? "packed" : "hspc");
+        run(cache, pack ? std::vector<std::string>{"--hspc", "--pack"} : std::vector<std::string>{"--hspc"}, out);
+        const fs::path dataSet = pack ? cache / "cache.hspc.pack" : cache;
+        EXPECT_NE(out.find("  data set " + (pack ? dataSet : cache / "queryTree.hspc").string()), std::string::npos)
+            << out;
+        EXPECT_NE(out.find("key file complete"), std::string::npos) << out;
+        EXPECT_FALSE(fs::exists(cache / "temp"));
+        for (const auto& entry : fs::directory_iterator(cache / "Data"))
+            ADD_FAILURE() << "a scan file is left: " << entry.path();
+
+        const pcp_test::DataSetContent content = pcp_test::readDataSetPoints(dataSet);
+        const std::vector<pcp_test::DataSetPoint> expected =
+            scanFilePoints(converted / "Data", content.tree.attributes.attributes);
+        ASSERT_GT(expected.size(), 50000u);
+        pcp_test::expectSamePointsLessDuplicates(expected, content.points);
+
+        std::string err;
+        EXPECT_EQ(runPcprep(temp, {"info", dataSet.string()}, &out, &err), 0) << err;
+        EXPECT_NE(out.find("Points        " + std::to_string(content.points.size())), std::string::npos) << out;
+        EXPECT_EQ(runPcprep(temp, {"verify", dataSet.string()}, &out, &err), 0) << out << err;
+    }
+
+    // An octree cache out to a data set, as a folder and as one archive: the points of its leaves.
+    const fs::path octree = temp.path() / "octree";
+    run(octree, {}, out);
+    for (const char* target : {"leaves.hspc", "leaves.hspc.pack"})
+    {
+        SCOPED_TRACE(target);
+        const fs::path path = temp.path() / target;
+        std::string err;
+        ASSERT_EQ(runPcprep(temp, {"export", octree.string(), path.string()}, &out, &err), 0) << err;
+        EXPECT_NE(out.find("to the HSPC data set " + path.string()), std::string::npos) << out;
+        EXPECT_FALSE(fs::exists(temp.path() / "leaves.hspc.pack.partial"));
+        const pcp_test::DataSetContent content = pcp_test::readDataSetPoints(path);
+        std::vector<pcp_test::DataSetPoint> leaves;
+        addLeafPoints(octree / "Data", pc_preprocess::readVrm(pc_preprocess::toWide(octree / "cache.vrm")),
+                      content.tree.attributes.attributes, leaves);
+        pcp_test::expectSamePointsLessDuplicates(leaves, content.points);
+        // An existing target is never overwritten.
+        EXPECT_EQ(runPcprep(temp, {"export", octree.string(), path.string()}, &out, &err), 1);
+        EXPECT_NE(err.find("already exists"), std::string::npos) << err;
+    }
 }
