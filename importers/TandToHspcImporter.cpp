@@ -1,11 +1,11 @@
 #include "importers/TandToHspcImporter.h"
 
 #include <algorithm>
-#include <cmath>
 #include <cstring>
 #include <limits>
 #include <utility>
 
+#include "core/IoTransfo.h"
 #include "hspc/format/MortonIndex3D.h"
 #include "scanview/NormalCodes.h"
 
@@ -24,16 +24,6 @@ uint8_t* put(uint8_t* out, T value)
 {
     std::memcpy(out, &value, sizeof value);
     return out + sizeof value;
-}
-
-// A cell of the grid, or false when the value does not fit 32 bits (NaN included).
-bool toCell(double value, double origin, double inverseScale, int32_t& cell)
-{
-    const double rounded = std::round((value - origin) * inverseScale);
-    if (!(rounded >= -2147483648.0 && rounded <= 2147483647.0))
-        return false;
-    cell = static_cast<int32_t>(rounded);
-    return true;
 }
 
 template <typename T>
@@ -110,9 +100,9 @@ bool TandToHspcImporter::writeRecord(const ExportPoint& point, uint8_t* out) con
 {
     const geom::Point3d p = m_transform.transform(point.position);
     int32_t cell[3];
-    if (!toCell(p.x, m_origin[0], m_inverseScale[0], cell[0]) ||
-        !toCell(p.y, m_origin[1], m_inverseScale[1], cell[1]) ||
-        !toCell(p.z, m_origin[2], m_inverseScale[2], cell[2]))
+    if (!toGridInteger(p.x, m_origin[0], m_inverseScale[0], cell[0]) ||
+        !toGridInteger(p.y, m_origin[1], m_inverseScale[1], cell[1]) ||
+        !toGridInteger(p.z, m_origin[2], m_inverseScale[2], cell[2]))
         return false;
     const auto code = HSPC::encodeMortonSigned<uint32_t>(cell[0], cell[1], cell[2]);
     out = put(out, code.words[0]);

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <set>
 #include <sstream>
 #include <thread>
@@ -134,10 +135,12 @@ void addSidePoints(const std::vector<pc_preprocess::IoLightPoint>& points, std::
         out.emplace_back(p.x, p.y, p.z, p.classification, pc_preprocess::encodeNormal({p.nx, p.ny, p.nz}));
 }
 
-void leafSidePoints(const fs::path& data, const pc_preprocess::VrmNode& node, std::vector<SidePoint>& out)
+// Calls `visit` with the points of each leaf of a tree.
+void forEachLeaf(const fs::path& data, const pc_preprocess::VrmNode& node,
+                 const std::function<void(const std::vector<pc_preprocess::IoLightPoint>&)>& visit)
 {
     for (const pc_preprocess::VrmNode& child : node.children)
-        leafSidePoints(data, child, out);
+        forEachLeaf(data, child, visit);
     if (!node.children.empty())
         return;
     pc_preprocess::IoTransfo transfo;
@@ -145,7 +148,7 @@ void leafSidePoints(const fs::path& data, const pc_preprocess::VrmNode& node, st
     pc_preprocess::readPNZ(
         pc_preprocess::toWide(data / pc_preprocess::toPath(node.file).replace_extension(".pnz")), transfo,
         points);
-    addSidePoints(points, out);
+    visit(points);
 }
 
 // The line of `pcprep info` that sums up a cache's tree.
@@ -358,7 +361,8 @@ TEST(Pcprep, LazRoundTripKeepsNormalsAndClasses)
     addSidePoints(source, expected);
     // The LAZ file keeps the node's grid, and the run takes it over: the integers stay as they were.
     std::vector<SidePoint> kept;
-    leafSidePoints(cache / "Data", pc_preprocess::readVrm(pc_preprocess::toWide(cache / "cache.vrm")), kept);
+    forEachLeaf(cache / "Data", pc_preprocess::readVrm(pc_preprocess::toWide(cache / "cache.vrm")),
+                [&kept](const std::vector<pc_preprocess::IoLightPoint>& points) { addSidePoints(points, kept); });
     std::sort(expected.begin(), expected.end());
     std::sort(kept.begin(), kept.end());
     ASSERT_EQ(kept.size(), expected.size());
@@ -583,22 +587,6 @@ std::vector<pcp_test::DataSetPoint> scanFilePoints(const fs::path& data, const s
     return points;
 }
 
-void addLeafPoints(const fs::path& data, const pc_preprocess::VrmNode& node,
-                   const std::vector<HSPC::Attribute>& attributes, std::vector<pcp_test::DataSetPoint>& out)
-{
-    for (const pc_preprocess::VrmNode& child : node.children)
-        addLeafPoints(data, child, attributes, out);
-    if (!node.children.empty())
-        return;
-    pc_preprocess::IoTransfo transfo;
-    std::vector<pc_preprocess::IoLightPoint> points;
-    pc_preprocess::readPNZ(
-        pc_preprocess::toWide(data / pc_preprocess::toPath(node.file).replace_extension(".pnz")), transfo,
-        points);
-    for (const pc_preprocess::IoLightPoint& p : points)
-        out.push_back(pcp_test::dataSetPointOf(p, attributes));
-}
-
 }  // namespace
 
 TEST(Pcprep, HspcRunHoldsThePointsOfTheScansAndExportHoldsTheLeaves)
@@ -661,8 +649,12 @@ TEST(Pcprep, HspcRunHoldsThePointsOfTheScansAndExportHoldsTheLeaves)
         EXPECT_FALSE(fs::exists(temp.path() / "leaves.hspc.pack.partial"));
         const pcp_test::DataSetContent content = pcp_test::readDataSetPoints(path);
         std::vector<pcp_test::DataSetPoint> leaves;
-        addLeafPoints(octree / "Data", pc_preprocess::readVrm(pc_preprocess::toWide(octree / "cache.vrm")),
-                      content.tree.attributes.attributes, leaves);
+        forEachLeaf(octree / "Data", pc_preprocess::readVrm(pc_preprocess::toWide(octree / "cache.vrm")),
+                    [&](const std::vector<pc_preprocess::IoLightPoint>& points)
+                    {
+                        for (const pc_preprocess::IoLightPoint& p : points)
+                            leaves.push_back(pcp_test::dataSetPointOf(p, content.tree.attributes.attributes));
+                    });
         pcp_test::expectSamePointsLessDuplicates(leaves, content.points);
         // An existing target is never overwritten.
         EXPECT_EQ(runPcprep(temp, {"export", octree.string(), path.string()}, &out, &err), 1);
