@@ -636,6 +636,22 @@ TEST(Pcprep, HspcRunHoldsThePointsOfTheScansAndExportHoldsTheLeaves)
         EXPECT_EQ(runPcprep(temp, {"verify", dataSet.string()}, &out, &err), 0) << out << err;
     }
 
+    // Normals asked for: the scans with panoramas give their points the normals of their normal maps.
+    const fs::path withNormals = temp.path() / "normals";
+    std::string err;
+    ASSERT_EQ(runPcprep(temp, {"run", "--hspc", "--normals", "--cache", withNormals.string(),
+                               (sample / "ptx" / "room-scans.ptx").string()},
+                        &out, &err),
+              0)
+        << err;
+    const pcp_test::DataSetContent normals = pcp_test::readDataSetPoints(withNormals);
+    const auto& attributes = normals.tree.attributes.attributes;
+    EXPECT_TRUE(std::any_of(attributes.begin(), attributes.end(),
+                            [](const HSPC::Attribute& a) { return a.name == "Normal"; }));
+    const size_t withCode = size_t(std::count_if(normals.points.begin(), normals.points.end(),
+                                                 [](const pcp_test::DataSetPoint& p) { return p.normal != 0; }));
+    EXPECT_GT(withCode, normals.points.size() / 2) << "most points of a room lie on flat surfaces";
+
     // An octree cache out to a data set, as a folder and as one archive: the points of its leaves.
     const fs::path octree = temp.path() / "octree";
     run(octree, {}, out);
@@ -643,7 +659,6 @@ TEST(Pcprep, HspcRunHoldsThePointsOfTheScansAndExportHoldsTheLeaves)
     {
         SCOPED_TRACE(target);
         const fs::path path = temp.path() / target;
-        std::string err;
         ASSERT_EQ(runPcprep(temp, {"export", octree.string(), path.string()}, &out, &err), 0) << err;
         EXPECT_NE(out.find("to the HSPC data set " + path.string()), std::string::npos) << out;
         EXPECT_FALSE(fs::exists(temp.path() / "leaves.hspc.pack.partial"));
