@@ -9,6 +9,7 @@
 #include "importers/LazImporter.h"
 #include "importers/PtsImporter.h"
 #include "importers/Ptx.h"
+#include "importers/Riegl.h"
 
 namespace pc_preprocess
 {
@@ -59,10 +60,13 @@ std::shared_ptr<Convertor> importerFor(const InputFileData& input, bool reprojec
             e57->setMaxImagePixels(input.maxImagePixels);
             return e57;
         }
-        case kFormatRcp:
-        case kFormatHspc:
         case kFormatRdbx:
         case kFormatRsp:
+            // RIEGL coordinates are metres, and the importer maps amplitudes and colours onto 16 bits.
+            return std::make_shared<Riegl>(input.path, input.scale, ColorMode(kRgb16Bit, kIntensity16Bit),
+                                           input.rieglLibrary);
+        case kFormatRcp:
+        case kFormatHspc:
         case kFormatZfs:
         case kFormatLgsx:
             notAvailable(format, input);

@@ -24,6 +24,8 @@ public:
     // warning, before they are decoded: a picture costs some 3 bytes a pixel in memory while it is painted.
     static constexpr uint64_t kDefaultMaxImagePixels = 100'000'000;
     uint64_t maxImagePixels = kDefaultMaxImagePixels;
+    // The RIEGL library (librdb.so) for RDBX and RSP inputs; empty: its usual names on the library search path.
+    std::wstring rieglLibrary;
 
     // Throws when the path is no existing regular file, then when the scale is not positive.
     InputFileData(const std::wstring& path, double scale, const std::string& columnFormat = {},

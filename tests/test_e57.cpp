@@ -25,6 +25,7 @@
 #include "sample/E57Writer.h"
 #include "support/ErrorText.h"
 #include "support/FileText.h"
+#include "support/ImportRun.h"
 #include "support/TempFolder.h"
 #include "support/TestData.h"
 
@@ -38,37 +39,19 @@ constexpr double kStep = 0.0001;
 const ColorMode kE57Mode(kRgb16Bit, kIntensity16Bit);
 
 // What a host does: probe with one importer, convert with a fresh one in the probed grid.
-struct Conversion
+pcp_test::ImportRun convert(const pcp_test::TempFolder& folder, const std::wstring& file,
+                            bool withViews = false)
 {
-    ProbeResult probe;
-    std::vector<std::wstring> warnings;
-    SupportedAttributes attributes;
-    std::vector<ScanFiles> files;
-    std::vector<std::vector<IoLightPoint>> scans;
-    uint64_t skipped = 0;
-};
+    pcp_test::ImportSettings settings;
+    settings.makeViews = withViews;
+    return pcp_test::runImport(
+        folder, [&](const ColorMode& mode) { return std::make_unique<E57>(file, 1.0, mode); }, kE57Mode,
+        kStep, settings);
+}
 
-Conversion convert(const pcp_test::TempFolder& folder, const std::wstring& file, bool withViews = false)
+uint64_t skipped(const pcp_test::ImportRun& run)
 {
-    Conversion c;
-    c.probe = E57(file, 1.0, kE57Mode).probe(kStep, {});
-    const std::wstring cache = toWide(folder.path() / "cache");
-    std::filesystem::remove_all(toPath(cache));
-    std::filesystem::create_directories(toPath(Convertor::getPointFolder(cache)));
-    std::filesystem::create_directories(toPath(Convertor::getBubblesFolder(cache)));
-    E57 converter(file, 1.0, c.probe.colorMode);
-    converter.run(cache, c.probe.transfo, withViews, {}, {});
-    c.warnings = converter.getWarnings();
-    c.attributes = converter.getSupportedAttributes();
-    c.files = converter.getScanFiles();
-    c.skipped = converter.pointsSkipped();
-    for (const ScanFiles& scan : c.files)
-    {
-        IoTransfo transfo;
-        c.scans.emplace_back();
-        readPNT(scan.pntFile, transfo, c.scans.back());
-    }
-    return c;
+    return static_cast<const E57&>(*run.converter).pointsSkipped();
 }
 
 // The first batch of a scan as an importer delivers it, with the normals and classes that the point files
@@ -101,7 +84,7 @@ TEST(E57, ColouredCubeOfAnotherWriterConvertsWithItsLimits)
 {
     PCP_REQUIRE_TEST_DATA(file, "e57/ColouredCubeFloat.e57");
     pcp_test::TempFolder folder;
-    const Conversion c = convert(folder, toWide(file));
+    const pcp_test::ImportRun c = convert(folder, toWide(file));
     EXPECT_EQ(c.probe.colorMode, kE57Mode);
     ASSERT_EQ(c.scans.size(), 1u);
     EXPECT_EQ(c.scans[0].size(), 7680u);
@@ -125,9 +108,9 @@ TEST(E57, ScaledIntegerBunnyAndFilesWithoutPoints)
     {
         PCP_REQUIRE_TEST_DATA(file, "e57/bunnyInt32.e57");
         pcp_test::TempFolder folder;
-        const Conversion c = convert(folder, toWide(file));
+        const pcp_test::ImportRun c = convert(folder, toWide(file));
         ASSERT_EQ(c.scans.size(), 1u);
-        EXPECT_EQ(c.scans[0].size() + c.skipped, 30571u);
+        EXPECT_EQ(c.scans[0].size() + skipped(c), 30571u);
         EXPECT_GT(c.scans[0].size(), 30000u);
         // The bunny is some 15 cm across, in metres: the scaled integers were scaled.
         ExtentsI32 box;
@@ -235,7 +218,7 @@ TEST(E57, ScansLandThroughTheirOwnPosesWithNormalsAndClasses)
     const std::filesystem::path file = folder.path() / "zwei Scans.e57";
     pcp_sample::writeE57File(file, {plain, turned});
 
-    const Conversion c = convert(folder, toWide(file));
+    const pcp_test::ImportRun c = convert(folder, toWide(file));
     ASSERT_EQ(c.scans.size(), 2u);
     ASSERT_EQ(c.scans[0].size(), 3u);
     ASSERT_EQ(c.scans[1].size(), 3u);
@@ -286,10 +269,10 @@ TEST(E57, SphericalScaledIntegersSkipInvalidAndOriginRecords)
     const std::filesystem::path file = folder.path() / "sphärisch.e57";
     pcp_sample::writeE57File(file, {scan});
 
-    const Conversion c = convert(folder, toWide(file));
+    const pcp_test::ImportRun c = convert(folder, toWide(file));
     ASSERT_EQ(c.scans.size(), 1u);
     ASSERT_EQ(c.scans[0].size(), 2u);
-    EXPECT_EQ(c.skipped, 3u);
+    EXPECT_EQ(skipped(c), 3u);
     const IoTransfo& t = c.probe.transfo;
     // Stored to 0.1 mm, converted to cartesian; the cache grid is 0.1 mm too.
     const double azimuth = std::round((pi / 2) / 0.0001) * 0.0001;
@@ -405,7 +388,7 @@ TEST(E57, CameraImagesAreKeptBesideThePanoramasAndPaintWhatTheLaserLeftEmpty)
                              {sphereScan("scan-a", {1.0, 1.0, 1.5}), sphereScan("scan-b", {6.0, 1.0, 1.5})},
                              {spherical, pinhole, orphan});
 
-    const Conversion c = convert(folder, toWide(file), true);
+    const pcp_test::ImportRun c = convert(folder, toWide(file), true);
     ASSERT_EQ(c.files.size(), 2u);
     const std::filesystem::path images = folder.path() / "cache" / "Bubbles" / "2DImages";
     const auto bytesOf = [](const std::vector<uint8_t>& picture)
@@ -467,7 +450,7 @@ TEST(E57, FilesOfOtherWritersReadWhole)
         SCOPED_TRACE(name);
         const std::filesystem::path file = folder.path() / (name + ".e57");
         pcp_sample::writeE57File(file, {scan}, {}, options);
-        const Conversion c = convert(folder, toWide(file));
+        const pcp_test::ImportRun c = convert(folder, toWide(file));
         ASSERT_EQ(c.scans.size(), 1u);
         ASSERT_EQ(c.scans[0].size(), 3u);
         EXPECT_TRUE(c.attributes.normals);
@@ -628,7 +611,7 @@ TEST(E57, CameraImagesThatCannotBeUsedAreLeftOutAndTheLaterImageWins)
     const std::filesystem::path file = folder.path() / "cameras.e57";
     pcp_sample::writeE57File(file, {sphereScan("scan-a", {1.0, 1.0, 1.5})}, images, options);
 
-    const Conversion c = convert(folder, toWide(file), true);
+    const pcp_test::ImportRun c = convert(folder, toWide(file), true);
     ASSERT_EQ(c.files.size(), 1u);
     EXPECT_EQ(c.scans[0].size(), 13400u);  // the points below the tripod's cap are invalid
     std::vector<std::string> warnings;

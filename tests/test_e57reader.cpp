@@ -196,7 +196,7 @@ std::filesystem::path writeSample(const pcp_test::TempFolder& folder, size_t cou
 // ---------------------------------------------------------------------------------------------------------
 // Pages
 
-TEST(E57Pages, ChecksumIsCrc32cAndBothImplementationsAgree)
+TEST(E57Pages, Crc32cChecksumsCoverEveryPageThatLogicalReadsTouch)
 {
     EXPECT_EQ(e57::crc32c("123456789", 9), 0xE3069283u);
     EXPECT_EQ(e57::crc32cPortable("123456789", 9), 0xE3069283u);
@@ -208,10 +208,8 @@ TEST(E57Pages, ChecksumIsCrc32cAndBothImplementationsAgree)
         for (size_t size = 0; size < 1024; size += 37)
             ASSERT_EQ(e57::crc32c(bytes.data() + offset, size),
                       e57::crc32cPortable(bytes.data() + offset, size));
-}
 
-TEST(E57Pages, LogicalReadsSkipChecksumsAndCheckEveryPageTheyTouch)
-{
+    // Logical reads skip the checksums and check every page they touch.
     constexpr size_t kPages = 5;
     std::vector<uint8_t> file(kPages * e57::kPageSize + 100);  // and a partial page, which holds nothing
     for (size_t p = 0; p < kPages; ++p)
@@ -405,7 +403,7 @@ TEST(E57Xml, ElementsBecomeTypedNodesWithTheirDefaults)
     EXPECT_EQ(tree.namespaces[0].uri, "urn:nor");
 }
 
-TEST(E57Xml, WrongElementsAreRefusedWithTheirPlace)
+TEST(E57Xml, WrongElementsAndAbsurdNestingAreRefusedWithTheirPlace)
 {
     const auto parse = [](const std::string& body)
     {
@@ -451,6 +449,20 @@ TEST(E57Xml, WrongElementsAreRefusedWithTheirPlace)
     EXPECT_EQ(
         failure([] { e57::parseXmlSection("<!DOCTYPE r [<!ENTITY e \"x\">]><r type=\"Structure\"/>", "x"); }),
         ErrorCode::BadXmlFormat);
+
+    // Absurd nesting is refused before it costs; the limit itself is fine.
+    std::string deep;
+    for (int i = 0; i < 100000; ++i)
+        deep += "<s type=\"Structure\">";
+    EXPECT_TRUE(failsWith([&] { e57::parseXmlSection(deep, "deep.e57"); }, ErrorCode::BadXmlFormat,
+                          {"deeper than 64"}));
+
+    std::string nested = "<r type=\"Structure\">";
+    for (size_t i = 1; i < e57::kMaxXmlDepth; ++i)
+        nested += "<s type=\"Structure\">";
+    for (size_t i = 1; i < e57::kMaxXmlDepth; ++i)
+        nested += "</s>";
+    EXPECT_NE(e57::parseXmlSection(nested + "</r>", "ok.e57").root, nullptr);
 }
 
 // The tree's memory is counted as it grows and bounded: the count covers what the heap really holds, and a
@@ -532,22 +544,6 @@ TEST(E57Xml, MalformedNumbersFailOnlyWhenRead)
                                                   {SourceDestBuffer::doubles("x", values, true)});
                   }),
               ErrorCode::BadXmlFormat);
-}
-
-TEST(E57Xml, AbsurdNestingIsRefusedBeforeItCosts)
-{
-    std::string deep;
-    for (int i = 0; i < 100000; ++i)
-        deep += "<s type=\"Structure\">";
-    EXPECT_TRUE(failsWith([&] { e57::parseXmlSection(deep, "deep.e57"); }, ErrorCode::BadXmlFormat,
-                          {"deeper than 64"}));
-
-    std::string nested = "<r type=\"Structure\">";
-    for (size_t i = 1; i < e57::kMaxXmlDepth; ++i)
-        nested += "<s type=\"Structure\">";
-    for (size_t i = 1; i < e57::kMaxXmlDepth; ++i)
-        nested += "</s>";
-    EXPECT_NE(e57::parseXmlSection(nested + "</r>", "ok.e57").root, nullptr);  // the limit itself is fine
 }
 
 // ---------------------------------------------------------------------------------------------------------

@@ -552,7 +552,7 @@ TEST(NodeFilters, TandStyleKeepsAboutOnePointPerCellOfTheLocalSpacing)
     EXPECT_EQ(coarseAlone, occupiedCells(coarse, 7).size() - occupiedCells(fine, 7).size());
 }
 
-TEST(NodeFilters, SecondStyleMergesEqualPositionsAndGivesThePointSize)
+TEST(NodeFilters, SecondStyleMergesEqualPositionsAndEmptyNodesGiveNothing)
 {
     pcp_test::TempFolder folder;
     const std::wstring file = folder.file(L"node.pnt");
@@ -597,18 +597,12 @@ TEST(NodeFilters, SecondStyleMergesEqualPositionsAndGivesThePointSize)
             ASSERT_EQ(p.r, 800);
         }
     }
-}
-
-TEST(NodeFilters, AnEmptyFileGivesNoPoints)
-{
-    pcp_test::TempFolder folder;
-    const std::wstring file = folder.file(L"empty.pnt");
-    writeTuncatePNT(file, millimetres(), {});
-    const ExtentsI32 box(0, 0, 0, 100, 100, 100);
-    for (const FilteredPoints& result :
-         {filterTandStyle(file, box, millimetres(), false), filterFernalStyle(file, box, millimetres())})
+    // An empty node gives no points with either filter.
+    writeTuncatePNT(file, transfo, {});
+    for (const FilteredPoints& empty :
+         {filterTandStyle(file, box, transfo, false), filterFernalStyle(file, box, transfo)})
     {
-        EXPECT_TRUE(result.points.empty());
-        EXPECT_EQ(result.maxRadius, std::numeric_limits<double>::lowest());
+        EXPECT_TRUE(empty.points.empty());
+        EXPECT_EQ(empty.maxRadius, std::numeric_limits<double>::lowest());
     }
 }

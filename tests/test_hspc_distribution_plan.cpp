@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <numeric>
@@ -20,6 +19,7 @@
 #include "hspc/convert/TakeTable.h"
 #include "hspc/convert/UpperTree.h"
 #include "support/MessageLog.h"
+#include "support/MortonRecordRuns.h"
 #include "support/TempFolder.h"
 
 using namespace HSPC;
@@ -223,9 +223,11 @@ void expectEveryPointFiledOnce(const DistributionPlan<W>& plan, const std::vecto
         const auto after =
             std::upper_bound(cells.begin(), cells.end(), input.index,
                              [](const MortonIndex3D<W>& key, const auto& c) { return key < c.index; });
-        const bool covered = after != cells.begin() &&
-                             (std::prev(after)->index == input.index ||
-                              input.index < nextIndexAtLod(std::prev(after)->index, std::prev(after)->lod));
+        // The entry's whole cell lies inside one filed cell, not just its first code: the runs' points
+        // anywhere in it are counted there.
+        const bool covered =
+            after != cells.begin() && std::prev(after)->index <= input.index &&
+            nextIndexAtLod(input.index, input.lod) <= nextIndexAtLod(std::prev(after)->index, std::prev(after)->lod);
         EXPECT_TRUE(covered) << "an input entry outside every cell";
     }
 }
@@ -369,52 +371,96 @@ TEST(DistributionPlan, TakeTableFollowsTheNodeSizes)
     EXPECT_EQ(take[64], 1000u);
 }
 
-// Takes never exceed the points; every point is taken by a node or left to a leaf's own part; a node with
-// more points than its take has children (or is a leaf's cell), whose leaves are the parent's and whose
-// points are the parent's less its take.
+// The leaves of a plan as the upper tree takes them: the read cells and the point critical cells, in Morton
+// order.
+template <typename W>
+std::vector<LeafEntry<W>> planLeaves(const DistributionPlan<W>& plan)
+{
+    std::vector<LeafEntry<W>> leaves;
+    for (const ReadCell<W>& cell : plan.readList)
+    {
+        leaves.push_back(LeafEntry<W>{cell.index, cell.count, cell.lod});
+    }
+    for (const LeafEntry<W>& critical : plan.pointCritical)
+    {
+        leaves.push_back(LeafEntry<W>{cellStartAtLod(critical.index, critical.lod), critical.count, critical.lod});
+    }
+    std::sort(leaves.begin(), leaves.end(), [](const auto& a, const auto& b) { return a.index < b.index; });
+    return leaves;
+}
+
+// Takes never exceed the points or the table; a node's take is shared out over its leaves exactly, no leaf
+// giving more than it has and each giving to one node per lod, coarsest first; a node with points left over
+// has children one lod below, whose leaves are the parent's and whose points are the parent's less its take;
+// what a leaf does not give to the upper tree is what its own top node holds.
 template <typename W>
 void expectConsistentTree(const UpperTree<W>& tree, const TakeTable& take)
 {
     ASSERT_FALSE(tree.nodes.empty());
+    ASSERT_EQ(tree.leafTakeBegin.size(), tree.leaves.size() + 1);
     uint64_t total = 0;
     for (const LeafEntry<W>& leaf : tree.leaves)
     {
         total += leaf.count;
     }
     EXPECT_EQ(tree.nodes[0].points, total);
+    std::vector<uint64_t> takenByNode(tree.nodes.size(), 0);
+    std::vector<uint32_t> feeding(tree.nodes.size(), 0);
+    std::vector<uint64_t> leftInLeaf(tree.leaves.size());
+    for (std::size_t leaf = 0; leaf < tree.leaves.size(); ++leaf)
+    {
+        uint64_t given = 0;
+        unsigned previousLod = 65;
+        for (uint32_t t = tree.leafTakeBegin[leaf]; t < tree.leafTakeBegin[leaf + 1]; ++t)
+        {
+            const LeafTake& share = tree.leafTakes[t];
+            const NodeDistribution<W>& node = tree.nodes[share.node];
+            EXPECT_LT(node.lod, previousLod);
+            previousLod = node.lod;
+            EXPECT_GT(node.lod, tree.leaves[leaf].lod);
+            EXPECT_EQ(cellStartAtLod(tree.leaves[leaf].index, node.lod), node.index);
+            takenByNode[share.node] += share.points;
+            ++feeding[share.node];
+            given += share.points;
+        }
+        EXPECT_LE(given, tree.leaves[leaf].count);
+        leftInLeaf[leaf] = tree.leaves[leaf].count - given;
+    }
     uint64_t taken = 0;
     uint64_t leftToLeaves = 0;
-    for (const NodeDistribution<W>& node : tree.nodes)
+    for (std::size_t i = 0; i < tree.nodes.size(); ++i)
     {
+        const NodeDistribution<W>& node = tree.nodes[i];
+        EXPECT_GT(node.points, 0u);
+        EXPECT_EQ(takenByNode[i], node.take);
+        EXPECT_EQ(feeding[i], node.feedingLeaves);
+        if (node.isLeafTop)
+        {
+            EXPECT_EQ(node.take, 0u);
+            EXPECT_EQ(node.childCount, 0u);
+            EXPECT_EQ(node.leafEnd, node.firstLeaf + 1);
+            EXPECT_EQ(node.points, leftInLeaf[node.firstLeaf]);
+            leftToLeaves += node.points;
+            continue;
+        }
         EXPECT_LE(node.take, node.points);
         EXPECT_LE(node.take, take[node.lod]);
         taken += node.take;
-        if (node.continuesInLeaf)
-        {
-            leftToLeaves += node.points - node.take;
-            EXPECT_EQ(node.childCount, 0u);
-            continue;
-        }
         EXPECT_EQ(node.childCount > 0, node.points > node.take);
         uint64_t childPoints = 0;
-        uint32_t nextLeaf = node.firstLeaf;
         for (uint32_t c = node.firstChild; c < node.firstChild + node.childCount; ++c)
         {
             const NodeDistribution<W>& child = tree.nodes[c];
-            EXPECT_LT(child.lod, node.lod);
-            EXPECT_EQ(child.firstLeaf, nextLeaf);
-            nextLeaf = child.leafEnd;
+            EXPECT_EQ(child.lod + 1, node.lod);
+            EXPECT_GE(child.firstLeaf, node.firstLeaf);
+            EXPECT_LE(child.leafEnd, node.leafEnd);
             childPoints += child.points;
             for (uint32_t l = child.firstLeaf; l < child.leafEnd; ++l)
             {
                 EXPECT_EQ(cellStartAtLod(tree.leaves[l].index, child.lod), child.index);
             }
         }
-        if (node.childCount > 0)
-        {
-            EXPECT_EQ(nextLeaf, node.leafEnd);
-            EXPECT_EQ(childPoints, node.points - node.take);
-        }
+        EXPECT_EQ(childPoints, node.points - node.take);
     }
     EXPECT_EQ(taken + leftToLeaves, total);
 }
@@ -425,37 +471,51 @@ TYPED_TEST(DistributionPlanTest, UpperTreeTakesFromTheTopDown)
     TakeTable take;
     take.fill(100);
 
-    DistributionPlan<W> small;
-    small.maxLod = 3;
-    small.readList = {ReadCell<W>{code<W>(0), 50, 3, 0, 0}};
-    UpperTree<W> tree = buildUpperTree(small, take).value();
+    // One leaf: the root is the leaf's own cell, which the leaf's distribution makes.
+    UpperTree<W> tree = buildUpperTree(std::vector<LeafEntry<W>>{entry<W>(0, 50, 3)}, take).value();
     ASSERT_EQ(tree.nodes.size(), 1u);
-    EXPECT_EQ(tree.nodes[0].take, 50u);
-    EXPECT_EQ(tree.nodes[0].lod, MortonIndex3D<W>::kBitsPerAxis);
+    EXPECT_TRUE(tree.nodes[0].isLeafTop);
+    EXPECT_EQ(tree.nodes[0].lod, 3);
+    EXPECT_EQ(tree.nodes[0].points, 50u);
+    EXPECT_TRUE(buildUpperTree(std::vector<LeafEntry<W>>{}, take).value().nodes.empty());
 
-    // The root takes 100 of 160, evenly from its two children's cells; each child then takes its 30.
-    DistributionPlan<W> two;
-    two.maxLod = 2;
-    two.readList = {ReadCell<W>{code<W>(0), 80, 1, 0, 0}, ReadCell<W>{code<W>(64), 80, 1, 0, 0}};
-    tree = buildUpperTree(two, take).value();
+    // The root, the smallest cell over both leaves at lod 3, takes 100 of 160 evenly from its two occupied
+    // cells; each child then takes its 30, and nothing is left for the leaves' own nodes.
+    tree = buildUpperTree(std::vector<LeafEntry<W>>{entry<W>(0, 80, 1), entry<W>(64, 80, 1)}, take).value();
     ASSERT_EQ(tree.nodes.size(), 3u);
+    EXPECT_EQ(tree.nodes[0].lod, 3);
     EXPECT_EQ(tree.nodes[0].childCount, 2u);
     EXPECT_EQ(tree.nodes[1].index, code<W>(0));
     EXPECT_EQ(tree.nodes[2].index, code<W>(64));
     EXPECT_EQ(tree.nodes[1].lod, 2);
     EXPECT_EQ(tree.nodes[1].take, 30u);
     EXPECT_EQ(tree.nodes[2].take, 30u);
+    EXPECT_EQ(tree.leafTakes.size(), 4u);
     expectConsistentTree(tree, take);
 
-    // A leaf's own cell that holds more than its take stops the walk; a point critical cell is a leaf too.
-    DistributionPlan<W> deep;
-    deep.maxLod = 4;
-    deep.readList = {ReadCell<W>{code<W>(0), 90, 2, 0, 0}, ReadCell<W>{code<W>(4096), 90, 4, 0, 0}};
-    deep.pointCritical = {entry<W>(64, 500, 1)};
-    tree = buildUpperTree(deep, take).value();
+    // A take shared over cells of 1, 1 and 10 points gives 1, 1 and 4; the third leaf's top keeps the 6 left.
+    take.fill(6);
+    tree = buildUpperTree(std::vector<LeafEntry<W>>{entry<W>(0, 1, 0), entry<W>(1, 1, 0), entry<W>(2, 10, 0)},
+                          take)
+               .value();
+    ASSERT_EQ(tree.nodes.size(), 2u);
+    EXPECT_EQ(tree.nodes[0].lod, 1);
+    EXPECT_EQ(tree.nodes[0].feedingLeaves, 3u);
+    ASSERT_EQ(tree.leafTakes.size(), 3u);
+    EXPECT_EQ(tree.leafTakes[0].points, 1u);
+    EXPECT_EQ(tree.leafTakes[1].points, 1u);
+    EXPECT_EQ(tree.leafTakes[2].points, 4u);
+    EXPECT_TRUE(tree.nodes[1].isLeafTop);
+    EXPECT_EQ(tree.nodes[1].points, 6u);
     expectConsistentTree(tree, take);
-    EXPECT_TRUE(
-        std::any_of(tree.nodes.begin(), tree.nodes.end(), [](const auto& n) { return n.continuesInLeaf; }));
+
+    // Leaves of different lods, one of them far above the merge limit.
+    take.fill(100);
+    tree = buildUpperTree(
+               std::vector<LeafEntry<W>>{entry<W>(0, 90, 2), entry<W>(64, 500, 1), entry<W>(4096, 90, 4)}, take)
+               .value();
+    expectConsistentTree(tree, take);
+    EXPECT_TRUE(std::any_of(tree.nodes.begin(), tree.nodes.end(), [](const auto& n) { return n.isLeafTop; }));
 }
 
 TYPED_TEST(DistributionPlanTest, UpperTreeOfMergedRandomEntries)
@@ -475,86 +535,19 @@ TYPED_TEST(DistributionPlanTest, UpperTreeOfMergedRandomEntries)
         RuntimeConfig config;
         config.nodeSize = config.topNodeSize = nodeSize;
         const TakeTable take = computeTakeTable(config, plan->maxLod);
-        const std::optional<UpperTree<W>> tree = buildUpperTree(*plan, take);
+        const std::optional<UpperTree<W>> tree = buildUpperTree(planLeaves(*plan), take);
         ASSERT_TRUE(tree);
         expectConsistentTree(*tree, take);
         EXPECT_EQ(tree->nodes.size() == 1, tree->nodes[0].points <= nodeSize);
     }
 }
 
-// Points in blocks of 2048 close together (within 2^12 cells per axis), the blocks spread over 2^20 cells per
-// axis, as a scanner's stream comes: records of a 32-bit Morton position and the point's id.
-constexpr uint32_t kRecordSize = 16;
-
-uint64_t mixed(uint64_t value)
-{
-    uint64_t h = value * 0x9E3779B97F4A7C15ull;
-    h ^= h >> 31;
-    h *= 0x94D049BB133111EBull;
-    return h ^ (h >> 29);
-}
-
-int32_t coordinate(uint64_t id, unsigned axis)
-{
-    const uint64_t block = mixed((id / 2048 + 1) * 3 + axis);
-    const uint64_t inBlock = mixed((id + 1) * 3 + axis);
-    return int32_t(block % (1u << 20)) - (1 << 19) + int32_t(inBlock % (1u << 12));
-}
-
-class BlockImporter : public Importer
-{
-public:
-    BlockImporter(uint64_t first, uint64_t count) : m_next(first), m_end(first + count) {}
-
-    ReadResult readBatch(HSPCBuffer<uint8_t>& buffer, uint64_t maxBytes) override
-    {
-        const uint64_t count = std::min(m_end - m_next, maxBytes / kRecordSize);
-        if (count == 0)
-        {
-            return ReadResult::kEnd;
-        }
-        buffer = HSPCBuffer<uint8_t>(count * kRecordSize);
-        for (uint64_t i = 0; i < count; ++i, ++m_next)
-        {
-            const MortonIndex3D<uint32_t> position = encodeMortonSigned<uint32_t>(
-                coordinate(m_next, 0), coordinate(m_next, 1), coordinate(m_next, 2));
-            const uint32_t id = uint32_t(m_next);
-            std::memcpy(buffer.data() + i * kRecordSize, position.words.data(), 12);
-            std::memcpy(buffer.data() + i * kRecordSize + 12, &id, 4);
-        }
-        return ReadResult::kData;
-    }
-    bool convertBatch(HSPCBuffer<uint8_t>& batch, HSPCBuffer<uint8_t>& output) const override
-    {
-        output = std::move(batch);
-        return true;
-    }
-    std::array<double, 3> origin() const override { return {0.0, 0.0, 0.0}; }
-    std::array<double, 3> scale() const override { return {1.0, 1.0, 1.0}; }
-
-private:
-    uint64_t m_next;
-    uint64_t m_end;
-};
-
 TEST(DistributionPlan, PlanOfARealRawSortCountsEverySurvivingPoint)
 {
     pcp_test::TempFolder folder;
     pcp_test::LockedMessageLog info, errors;
     RuntimeConfig config;
-    config.batchSize = 64 * 1024;
-    config.targetMemory = 3 * 1024 * 1024;
-    config.workerCount = 2;
-    config.reservedThreads = 2;
-    config.tempWriterCount = 2;
-    config.encodingAttributes = {
-        {MortonIndex3D<uint32_t>::kAttributeTypeCode, AttributeRole::POSITION, "POSITION"},
-        {AttributeType::U32, AttributeRole::CUSTOM, "id"}};
-    config.inputAttributes = config.encodingAttributes;
-    config.inputRecordSize = config.encodedRecordSize = kRecordSize;
-    config.scale = {1.0, 1.0, 1.0};
-    config.tempPath = folder.path().string();
-    setTempPrefixes(config, 3);
+    pcp_test::setUpMortonRecordSort(config, folder.path().string(), 64 * 1024, 3 * 1024 * 1024);
     config.infoLogger = info.logger();
     config.warningLogger = errors.logger();
     config.errorLogger = errors.logger();
@@ -562,8 +555,8 @@ TEST(DistributionPlan, PlanOfARealRawSortCountsEverySurvivingPoint)
 
     PointDistributionInputHandler<uint32_t> input(config);
     ProcessHandle handle;
-    BlockImporter first(0, 1000000);
-    BlockImporter second(1000000, 1000000);
+    pcp_test::GeneratedMortonImporter first(0, 1000000, pcp_test::blockPosition);
+    pcp_test::GeneratedMortonImporter second(1000000, 1000000, pcp_test::blockPosition);
     const ConversionFailures failures = rawSort<uint32_t>(config, {&first, &second}, input, handle);
     ASSERT_TRUE(failures.empty()) << failures.front().message;
     // The merge reads spilled leaf entries from disk, not just the array.
@@ -595,7 +588,7 @@ TEST(DistributionPlan, PlanOfARealRawSortCountsEverySurvivingPoint)
                   "; Distribution critical: " + std::to_string(plan->distributionCritical.size())});
 
     const TakeTable take = computeTakeTable(config, plan->maxLod);
-    const std::optional<UpperTree<uint32_t>> tree = buildUpperTree(*plan, take);
+    const std::optional<UpperTree<uint32_t>> tree = buildUpperTree(planLeaves(*plan), take);
     ASSERT_TRUE(tree);
     expectConsistentTree(*tree, take);
     EXPECT_GT(tree->nodes.size(), survivors / config.nodeSize);

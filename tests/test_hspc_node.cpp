@@ -153,17 +153,40 @@ std::vector<Bytes> zeroPlanes(size_t planes, size_t count)
     return std::vector<Bytes>(planes, Bytes(count, 0));
 }
 
-}  // namespace
-
-TEST(HspcNodeHeader, AttributeIdIsTheCrc32OfTheAttributeBlock)
+// What a reader of nodes of up to `limit` points (`count` when 0) makes of `block`: `count` records of
+// `stride` bytes as `actions` ask for them, or the reason it refused the block.
+struct Decoded
 {
-    const std::vector<Attribute> attributes{position(),
-                                            {AttributeType::U16, AttributeRole::INTENSITY, "I"},
-                                            {AttributeType::F32, AttributeRole::CUSTOM, "heat"}};
-    const Bytes header = handHeader(attributes, 18, 0, 0, 0, 0);
-    EXPECT_EQ(computeAttributeId(attributes, 18), get<uint32_t>(header, 16));
-    EXPECT_NE(computeAttributeId(attributes, 18), computeAttributeId(attributes, 19));
+    bool ok = false;
+    Bytes records;
+    NodeHeader header;
+    std::string error;
+};
+
+Decoded decode(const Bytes& block, size_t count, size_t stride, const std::vector<OutputAction>& actions,
+               size_t limit = 0)
+{
+    auto decompressor = NodeDecompressor::create(limit != 0 ? limit : count);
+    Decoded d;
+    d.records.assign(count * stride, 0xAB);
+    d.ok = decompressNodeBlock(block, *decompressor, {d.records, stride, actions}, d.header, printError);
+    d.error = decompressor->lastError();
+    return d;
 }
+
+// Whether the reader refuses `block` for a reason that mentions `reason`.
+::testing::AssertionResult refused(const Bytes& block, size_t count, const std::vector<OutputAction>& actions,
+                                   const std::string& reason)
+{
+    const Decoded d = decode(block, count, 64, actions);
+    if (d.ok)
+        return ::testing::AssertionFailure() << "the block was read";
+    if (d.error.find(reason) == std::string::npos)
+        return ::testing::AssertionFailure() << "\"" << d.error << "\" lacks \"" << reason << "\"";
+    return ::testing::AssertionSuccess();
+}
+
+}  // namespace
 
 TEST(HspcNodeHeader, ReadsTheVersionDependentLayouts)
 {
@@ -370,19 +393,15 @@ void expectRoundTrip(size_t count)
     const std::vector<Attribute> attributes = everyType<W>();
     const uint32_t size = recordSize(attributes);
     const Bytes records = everyTypeRecords<W>(count, size);
-    const Bytes block = compress(attributes, records);
     std::vector<OutputAction> actions;
     const std::vector<uint32_t> offsets = attributeOffsets(attributes);
     for (uint32_t i = 0; i < attributes.size(); ++i)
         actions.push_back({i, offsets[i], attributes[i].type});
-    auto decompressor = NodeDecompressor::create(count);
-    Bytes decoded(records.size(), 0xAB);
-    NodeHeader header;
-    ASSERT_TRUE(decompressNodeBlock(block, *decompressor, {decoded, size, actions}, header, printError))
-        << decompressor->lastError();
-    EXPECT_EQ(header.version, 22u);
-    EXPECT_EQ(header.pointCount, count);
-    EXPECT_EQ(decoded, records) << count << " points of width " << sizeof(W);
+    const Decoded d = decode(compress(attributes, records), count, size, actions);
+    ASSERT_TRUE(d.ok) << d.error;
+    EXPECT_EQ(d.header.version, 22u);
+    EXPECT_EQ(d.header.pointCount, count);
+    EXPECT_EQ(d.records, records) << count << " points of width " << sizeof(W);
 }
 
 }  // namespace
@@ -444,10 +463,9 @@ TEST(HspcNodeRoundTrip, PositionsRelativeToTheAnchor)
     const Bytes block = compress(attributes, records, true, header);
     const std::vector<OutputAction> actions{{0, 0, 13}, {0, 12, 15}, {0, 24, 20}, {0, 32, 10}};
     const size_t stride = 44;
-    Bytes decoded(3 * stride);
-    auto decompressor = NodeDecompressor::create(3);
-    ASSERT_TRUE(decompressNodeBlock(block, *decompressor, {decoded, stride, actions}, header, printError))
-        << decompressor->lastError();
+    const Decoded d = decode(block, 3, stride, actions);
+    ASSERT_TRUE(d.ok) << d.error;
+    const Bytes& decoded = d.records;
     for (size_t i = 0; i < cells.size(); ++i)
     {
         for (unsigned axis = 0; axis < 3; ++axis)
@@ -499,10 +517,9 @@ void expectWholeSpaceCells()
     header.lod = MortonIndex3D<W>::kBitsPerAxis;
     const Bytes block = compress(attributes, records, false, header);
     const std::vector<OutputAction> actions{{0, 0, 14}, {0, 24, 21}};
-    Bytes decoded(count * 32);
-    auto decompressor = NodeDecompressor::create(count);
-    ASSERT_TRUE(decompressNodeBlock(block, *decompressor, {decoded, 32, actions}, header, printError))
-        << decompressor->lastError();
+    const Decoded d = decode(block, count, 32, actions);
+    ASSERT_TRUE(d.ok) << d.error;
+    const Bytes& decoded = d.records;
     for (size_t i = 0; i < count; ++i)
     {
         const auto cells = decodeMortonSigned(codes[i]);
@@ -533,39 +550,30 @@ TEST(HspcNodeBadInput, BrokenPayloadsAreRefused)
     const Bytes good = compress(attributes, records);
     const size_t payload = get<uint32_t>(good, 112);
     const std::vector<OutputAction> actions{{0, 0, 10}, {1, 12, 0}};
-    Bytes out(5 * 13);
-    auto decompressor = NodeDecompressor::create(5);
-    NodeHeader header;
-    ASSERT_TRUE(decompressNodeBlock(good, *decompressor, {out, 13, actions}, header, printError));
-    EXPECT_EQ(out, records);
-    const auto refused = [&](const Bytes& block, const std::string& expected)
-    {
-        EXPECT_FALSE(decompressNodeBlock(block, *decompressor, {out, 13, actions}, header, printError));
-        EXPECT_NE(decompressor->lastError().find(expected), std::string::npos) << decompressor->lastError();
+    EXPECT_EQ(decode(good, 5, 13, actions).records, records);
+    // Each break of the payload at the byte that holds it: the start of group 1 far beyond the payload, the
+    // payload kind, the group count, the length of the first plane.
+    const std::pair<std::vector<std::pair<size_t, uint8_t>>, std::string> breaks[] = {
+        {{{payload + 2 + 8, 0xF0}}, "group 1 starts past the end"},
+        {{{payload, 7}}, "unknown payload kind 7"},
+        {{{payload + 1, 3}}, "group count"},
+        {{{payload + 18, 0xFF}, {payload + 19, 0xFF}}, "longer than the payload"},
     };
-    Bytes bad = good;
-    bad[payload + 2 + 8] = 0xF0;  // group 1 starts far beyond the payload
-    refused(bad, "group 1 starts past the end");
-    bad = good;
-    bad[payload] = 7;
-    refused(bad, "unknown payload kind 7");
-    bad = good;
-    bad[payload + 1] = 3;
-    refused(bad, "group count");
-    bad = good;
-    bad[payload + 2 + 8 + 8 * 0 + 0] += 0;  // keep table, break the first plane length
-    bad[payload + 18] = 0xFF;
-    bad[payload + 19] = 0xFF;
-    refused(bad, "longer than the payload");
+    for (const auto& [bytes, reason] : breaks)
+    {
+        Bytes bad = good;
+        for (const auto& [at, value] : bytes)
+            bad[at] = value;
+        EXPECT_TRUE(refused(bad, 5, actions, reason));
+    }
     // A frame that inflates to 4 bytes where the node has 5 points.
-    std::vector<Bytes> planes = zeroPlanes(12, 4);
-    bad = handBlock(attributes, 13, 4, {planes, zeroPlanes(1, 4)});
+    Bytes bad = handBlock(attributes, 13, 4, {zeroPlanes(12, 4), zeroPlanes(1, 4)});
     const uint64_t five = 5;
     std::memcpy(bad.data() + 20, &five, 8);
-    refused(bad, "inflates to 4 bytes, not 5");
-    auto small = NodeDecompressor::create(4);
-    EXPECT_FALSE(decompressNodeBlock(good, *small, {out, 13, actions}, header, printError));
-    EXPECT_NE(small->lastError().find("above the reader's limit"), std::string::npos);
+    EXPECT_TRUE(refused(bad, 5, actions, "inflates to 4 bytes, not 5"));
+    const Decoded tooMany = decode(good, 5, 13, actions, 4);
+    EXPECT_FALSE(tooMany.ok);
+    EXPECT_NE(tooMany.error.find("above the reader's limit"), std::string::npos) << tooMany.error;
 }
 
 TEST(HspcNodeBadInput, ReplaysTheFuzzCorpus)
@@ -618,11 +626,9 @@ TEST(HspcNodeRoundTrip, StoredTypesWidenOnRead)
                                             {4, 22, AttributeType::I64}, {4, 30, AttributeType::F32},
                                             {5, 34, AttributeType::F32}};
     const size_t stride = 38;
-    Bytes decoded(count * stride);
-    auto decompressor = NodeDecompressor::create(count);
-    NodeHeader header;
-    ASSERT_TRUE(decompressNodeBlock(block, *decompressor, {decoded, stride, actions}, header, printError))
-        << decompressor->lastError();
+    const Decoded d = decode(block, count, stride, actions);
+    ASSERT_TRUE(d.ok) << d.error;
+    const Bytes& decoded = d.records;
     for (size_t i = 0; i < count; ++i)
     {
         const uint8_t* record = records.data() + i * 25;
@@ -640,12 +646,7 @@ TEST(HspcNodeRoundTrip, StoredTypesWidenOnRead)
     for (const OutputAction& action :
          {OutputAction{1, 0, AttributeType::I16}, OutputAction{4, 0, AttributeType::U32},
           OutputAction{5, 0, AttributeType::I64}, OutputAction{4, 0, AttributeType::I8}})
-    {
-        const std::vector<OutputAction> one{action};
-        EXPECT_FALSE(decompressNodeBlock(block, *decompressor, {decoded, stride, one}, header, printError));
-        EXPECT_NE(decompressor->lastError().find("does not apply to attribute"), std::string::npos)
-            << decompressor->lastError();
-    }
+        EXPECT_TRUE(refused(block, count, {action}, "does not apply to attribute"));
 }
 
 namespace
@@ -736,12 +737,9 @@ TEST(HspcNodeArithmetic, DecodesEveryBlockKindIntoTheWantedForms)
     const std::vector<OutputAction> actions{{0, 0, 10}, {1, 12, 0}, {2, 13, 0}, {3, 14, 0},
                                             {4, 15, 1}, {4, 17, 8}, {0, 21, 13}};
     const size_t stride = 33;
-    Bytes decoded(node.kCount * stride);
-    auto decompressor = NodeDecompressor::create(node.kCount);
-    NodeHeader header;
-    ASSERT_TRUE(
-        decompressNodeBlock(node.block(), *decompressor, {decoded, stride, actions}, header, printError))
-        << decompressor->lastError();
+    const Decoded d = decode(node.block(), node.kCount, stride, actions);
+    ASSERT_TRUE(d.ok) << d.error;
+    const Bytes& decoded = d.records;
     for (size_t i = 0; i < node.kCount; ++i)
     {
         const size_t at = i * stride;
@@ -763,28 +761,22 @@ TEST(HspcNodeArithmetic, RefusesPayloadsThatDoNotAddUp)
 {
     const Kind26Node good;
     const std::vector<OutputAction> actions{{0, 0, 10}, {4, 12, 1}};
-    Bytes decoded(good.kCount * 14);
-    auto decompressor = NodeDecompressor::create(good.kCount);
-    NodeHeader header;
-    const auto refused =
-        [&](const Bytes& block, const std::string& expected, const std::vector<OutputAction>& wanted)
-    {
-        EXPECT_FALSE(decompressNodeBlock(block, *decompressor, {decoded, 14, wanted}, header, printError));
-        EXPECT_NE(decompressor->lastError().find(expected), std::string::npos) << decompressor->lastError();
-    };
+    const auto refusedFor =
+        [&](const Bytes& block, const std::string& reason, const std::vector<OutputAction>& wanted)
+    { EXPECT_TRUE(refused(block, good.kCount, wanted, reason)); };
     Bytes body = good.payload();
     body.push_back(0);
-    refused(good.blockOf(body), "sizes add up to " + std::to_string(body.size() - 1), actions);
+    refusedFor(good.blockOf(body), "sizes add up to " + std::to_string(body.size() - 1), actions);
     body = good.payload();
     body[1] = 6;
-    refused(good.blockOf(body), "point count 6 differs", actions);
+    refusedFor(good.blockOf(body), "point count 6 differs", actions);
     Kind26Node kinds = good;
     kinds.blockKinds = {1, 2, 1, 1};
-    refused(kinds.block(), "block kind 2", actions);
+    refusedFor(kinds.block(), "block kind 2", actions);
     Kind26Node flat = good;
     flat.range[4] = 0;
-    refused(flat.block(), "range of zero", actions);
-    refused(good.block(), "no single-axis output", {{0, 0, 19}});
+    refusedFor(flat.block(), "range of zero", actions);
+    refusedFor(good.block(), "no single-axis output", {{0, 0, 19}});
     // The last block's stream cut by two bytes, its size field and the payload with it: the sizes add up,
     // but the decoder runs out of bytes.
     body = good.payload();
@@ -792,16 +784,17 @@ TEST(HspcNodeArithmetic, RefusesPayloadsThatDoNotAddUp)
     const uint32_t lastSize = get<uint32_t>(body, lastSizeAt) - 2;
     std::memcpy(body.data() + lastSizeAt, &lastSize, 4);
     body.resize(body.size() - 2);
-    refused(good.blockOf(body), "ends early", actions);
+    refusedFor(good.blockOf(body), "ends early", actions);
 
     // Blocks that would decode into more planes than their values have: the position inside a block of
     // three, and a Morton code that is not the position.
     Kind26Node triple = good;
     triple.blockKinds = {3, 1, 1};
-    refused(triple.block(), "a block of three is R, G and B of one type", actions);
+    refusedFor(triple.block(), "a block of three is R, G and B of one type", actions);
     Kind26Node wide = good;
     wide.attributes[4].type = AttributeType::M96;
-    refused(wide.block(), "block of attribute 4: type M96 is no value of at most eight bytes", {{0, 0, 10}});
+    refusedFor(wide.block(), "block of attribute 4: type M96 is no value of at most eight bytes",
+               {{0, 0, 10}});
 }
 
 TEST(HspcNodeBadInput, CompressorRefusesAttributesThatHaveNoPlanes)

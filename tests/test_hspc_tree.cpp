@@ -21,6 +21,7 @@
 #include "hspc/tree/TreeGeometry.h"
 #include "hspc/tree/VoxelChunks.h"
 #include "support/FuzzCorpus.h"
+#include "support/JsonText.h"
 #include "support/LittleEndianBytes.h"
 #include "support/MessageLog.h"
 
@@ -319,19 +320,6 @@ TEST(HspcTreeBytes, WholeFilesMatchTheTables)
     EXPECT_EQ(written, concat({header, attributes, handBodyChunk("APRR", 22, reduced)}));
 }
 
-TEST(HspcTreeBytes, InvalidBoxesAreWrittenAsTheWholeNodeAndReadBackSo)
-{
-    Tree tree = sampleTree();
-    tree.nodes[1].min = {5, 0, 0};
-    tree.nodes[1].max = {4, 9, 9};  // min above max on x: no box
-    Bytes bytes;
-    std::string error;
-    ASSERT_TRUE(writeTreeFile(tree, TreeForm::kReduced, bytes, error)) << error;
-    const Tree loaded = load(bytes);
-    EXPECT_EQ(loaded.nodes[1].min, (std::array<uint64_t, 3>{0, 0, 0}));
-    EXPECT_EQ(loaded.nodes[1].max, (std::array<uint64_t, 3>{16, 16, 16}));
-}
-
 TEST(HspcTreeRoundTrip, WrittenTreesReadBackFieldForField)
 {
     Tree tree = sampleTree();
@@ -365,6 +353,15 @@ TEST(HspcTreeRoundTrip, WrittenTreesReadBackFieldForField)
     }
     EXPECT_EQ(reduced.nodes[2].pointCount, 0u);
     EXPECT_EQ(countOfDensity(255, 1020), 1020u);
+
+    // A box whose minimum lies above its maximum is no box: it is written, and read back, as the whole node.
+    tree.nodes[1].min = {5, 0, 0};
+    tree.nodes[1].max = {4, 9, 9};
+    bytes.clear();
+    ASSERT_TRUE(writeTreeFile(tree, TreeForm::kReduced, bytes, error)) << error;
+    const Tree whole = load(bytes);
+    EXPECT_EQ(whole.nodes[1].min, (std::array<uint64_t, 3>{0, 0, 0}));
+    EXPECT_EQ(whole.nodes[1].max, (std::array<uint64_t, 3>{16, 16, 16}));
 }
 
 namespace
@@ -417,16 +414,6 @@ Bytes versionFile(uint32_t version, const char* tag, const TreeHeader& fields)
                    handBodyChunk(tag, version, versionBody(tag, version))});
 }
 
-Json::Value parse(const std::string& text)
-{
-    Json::Value value;
-    Json::CharReaderBuilder builder;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    std::string errors;
-    EXPECT_TRUE(reader->parse(text.data(), text.data() + text.size(), &value, &errors)) << text;
-    return value;
-}
-
 }  // namespace
 
 TEST(HspcTreeVersions, OldFilesReadWithTheirDefaults)
@@ -447,11 +434,9 @@ TEST(HspcTreeVersions, OldFilesReadWithTheirDefaults)
         EXPECT_EQ(h.flag + h.pointCount + h.filteredPointCount + h.revision + h.progressive, 0u);
         EXPECT_EQ(h.origin, h.boxMin);
         EXPECT_EQ(h.densityBase, f.maxNodeSize);
-        const Json::Value comment = parse(h.comment);
-        EXPECT_EQ(comment["name"].asString(), f.name);
-        EXPECT_EQ(comment["base-path"].asString(), f.basePath);
-        EXPECT_EQ(comment["comment"].asString(), f.comment);
-        EXPECT_EQ(comment["author"].asString(), "unknown");
+        const Json::Value comment = pcp_test::parseJson(h.comment);
+        EXPECT_TRUE(pcp_test::holdsJson(comment, R"({"name": "site", "base-path": "/data/site",
+            "comment": "{\"project\":\"bridge\"}", "author": "unknown"})"));
         EXPECT_FALSE(comment.isMember("projection-epsg"));
         ASSERT_EQ(tree.attributes.attributes.size(), 2u);
         EXPECT_EQ(tree.attributes.attributes[1].type, AttributeType::U16);
@@ -466,13 +451,10 @@ TEST(HspcTreeVersions, OldFilesReadWithTheirDefaults)
     // Version 8: projections and meta URL now stored, and rebuilt into the comment; body as version 4.
     {
         const Tree tree = load(versionFile(8, "APRF", f));
-        const Json::Value comment = parse(tree.header.comment);
-        EXPECT_EQ(comment["author"].asString(), f.author);
-        EXPECT_EQ(comment["projection-wkt"].asString(), f.projectionWkt);
-        EXPECT_EQ(comment["source-projection-wkt"].asString(), f.sourceProjectionWkt);
-        EXPECT_EQ(comment["meta-url"].asString(), f.metaUrl);
-        EXPECT_EQ(comment["projection-epsg"].asInt(), int(f.projectionEpsg));
-        EXPECT_EQ(comment["source-projection-epsg"].asInt(), int(f.sourceProjectionEpsg));
+        EXPECT_TRUE(pcp_test::holdsJson(pcp_test::parseJson(tree.header.comment),
+                                        R"({"author": "surveyor", "projection-wkt": "PROJCS[a]",
+            "source-projection-wkt": "GEOGCS[b]", "meta-url": "https://example.invalid/meta",
+            "projection-epsg": 25832, "source-projection-epsg": 4326})"));
         EXPECT_EQ(tree.header.pointCount, f.pointCount);
         EXPECT_EQ(tree.header.filteredPointCount, 0u);
         EXPECT_EQ(tree.nodes[0].pointCount, 465u);
@@ -527,6 +509,16 @@ TEST(HspcTreeVersions, OldFilesReadWithTheirDefaults)
         longest.comment = std::string(65535, 'c');
         EXPECT_EQ(load(versionFile(21, "APRF", longest)).header.comment, longest.comment);
     }
+    // Attribute lists older than version 4 hold no position: it is the Morton code, in front of the others.
+    const std::vector<Attribute> stored{{AttributeType::F64, AttributeRole::X, "X"},
+                                        {AttributeType::U8, AttributeRole::R, "R"}};
+    const Tree v3 =
+        load(concat({handHeader(22, f), handAttributes(3, stored), handBodyChunk("APRF", 22, Bytes(24, 0))}));
+    ASSERT_EQ(v3.attributes.attributes.size(), 2u);
+    EXPECT_EQ(v3.attributes.attributes[0],
+              (Attribute{AttributeType::M96, AttributeRole::POSITION, "POSITION"}));
+    EXPECT_EQ(v3.attributes.attributes[1].type, AttributeType::U8);
+    EXPECT_TRUE(v3.nodes.empty());
     // Version 3 and 23 are outside what anyone wrote.
     Bytes old = versionFile(4, "APRF", f);
     old[12] = 3;
@@ -534,22 +526,6 @@ TEST(HspcTreeVersions, OldFilesReadWithTheirDefaults)
     Bytes future = versionFile(22, "APRF", f);
     future[12] = 23;
     refused(future, "version 23 is not supported");
-}
-
-TEST(HspcTreeVersions, AttributeListsOlderThanVersion4StartWithTheMortonPosition)
-{
-    const TreeHeader f = sampleHeader();
-    const std::vector<Attribute> stored{{AttributeType::F64, AttributeRole::X, "X"},
-                                        {AttributeType::U8, AttributeRole::R, "R"}};
-    Bytes attributes = handAttributes(3, stored);
-    const Bytes file = concat({handHeader(22, f), attributes, handBodyChunk("APRF", 22, Bytes(24, 0))});
-    const Tree tree = load(file);
-    ASSERT_EQ(tree.attributes.attributes.size(), 2u);
-    EXPECT_EQ(tree.attributes.attributes[0].type, AttributeType::M96);
-    EXPECT_EQ(tree.attributes.attributes[0].role, AttributeRole::POSITION);
-    EXPECT_EQ(tree.attributes.attributes[0].name, "POSITION");
-    EXPECT_EQ(tree.attributes.attributes[1].type, AttributeType::U8);
-    EXPECT_TRUE(tree.nodes.empty());
 }
 
 TEST(HspcTreeLoading, LinksBoxesAndCentreComeFromTheMasks)
@@ -595,6 +571,10 @@ TEST(HspcTreeLoading, LinksBoxesAndCentreComeFromTheMasks)
     EXPECT_EQ(corners[4][1] - corners[0][1], 16u + 4);
     EXPECT_EQ(nodeBlobName(2, corners[4][0], corners[4][1], corners[4][2]),
               "/2/1/L2X80000004Y80000034Z7ffffff4.apr");
+    // A node's blob lies in the folder of its lod and of its column (x >> lod) & 255: 0x1234 >> 3 = 0x246,
+    // of which 0x46 = 70. The whole space of 64-bit positions is one column.
+    EXPECT_EQ(nodeBlobName(3, 0x1234, 0xab, 0xcd), "/3/70/L3X1234YabZcd.apr");
+    EXPECT_EQ(nodeBlobName(64, ~uint64_t(0), 0, 1), "/64/0/L64XffffffffffffffffY0Z1.apr");
 
     // No nodes: no centre and a box that any point widens.
     Tree empty = sampleTree();
@@ -606,14 +586,6 @@ TEST(HspcTreeLoading, LinksBoxesAndCentreComeFromTheMasks)
     EXPECT_EQ(none.center, (std::array<double, 3>{-666.6, -666.6, -666.6}));
     EXPECT_GT(none.header.boxMin[0], none.header.boxMax[0]);
     EXPECT_EQ(none.header.boxMin[2], std::numeric_limits<double>::max());
-}
-
-TEST(HspcTreeNames, NodeBlobsLieInAFolderPerLodAndColumn)
-{
-    // Column (x >> lod) & 255: 0x1234 >> 3 = 0x246, of which 0x46 = 70.
-    EXPECT_EQ(nodeBlobName(3, 0x1234, 0xab, 0xcd), "/3/70/L3X1234YabZcd.apr");
-    // The whole space of 64-bit positions is one column.
-    EXPECT_EQ(nodeBlobName(64, ~uint64_t(0), 0, 1), "/64/0/L64XffffffffffffffffY0Z1.apr");
 }
 
 TEST(HspcTreeBadInput, BrokenFilesAreRefusedWithTheReason)
@@ -744,35 +716,19 @@ TEST(HspcSerializeTree, WritesBothTreesAndTheInfoInOrder)
     EXPECT_EQ(full.nodes[3].pointCount, 1020u);
 
     const Bytes& infoBytes = store.blobs["/hspcInfo.json"];
-    const Json::Value root = parse(std::string(infoBytes.begin(), infoBytes.end()));
+    const Json::Value root = pcp_test::parseJson(std::string(infoBytes.begin(), infoBytes.end()));
     ASSERT_EQ(root.getMemberNames(), std::vector<std::string>{"tree-header-info"});
     const Json::Value& info = root["tree-header-info"];
-    EXPECT_EQ(info["project"].asString(), "bridge");
-    EXPECT_EQ(info["format-version"].asUInt(), 22u);
-    EXPECT_EQ(info["max-lod"].asUInt(), 5u);
-    EXPECT_EQ(info["min-lod"].asUInt(), 3u);
-    ASSERT_EQ(info["lod-number-of-nodes"].size(), 3u);
-    EXPECT_EQ(info["lod-number-of-nodes"][1].asUInt64(), 2u);
-    EXPECT_EQ(info["node-size"].asUInt(), 1000u);
-    EXPECT_EQ(info["max-node-size"].asUInt(), 1200u);
-    EXPECT_EQ(info["root-offset"][2].asInt64(), 0x7FFFFFE0);
-    EXPECT_EQ(info["origin"][1].asDouble(), 200.0);
-    EXPECT_EQ(info["scale"][2].asDouble(), 0.004);
-    EXPECT_EQ(info["bounding-box"]["min"][0].asDouble(), -1.5);
-    EXPECT_EQ(info["bounding-box"]["max"][2].asDouble(), 30.25);
+    // The sample header's fields; the time stamp in seconds, the point count also in its two 32-bit halves.
+    EXPECT_TRUE(pcp_test::holdsJson(info, R"({"project": "bridge", "format-version": 22, "max-lod": 5,
+        "min-lod": 3, "lod-number-of-nodes": [1, 2, 1], "node-size": 1000, "max-node-size": 1200,
+        "root-offset": [2147483648, 2147483680, 2147483616], "origin": [100, 200, 300],
+        "scale": [0.001, 0.002, 0.004],
+        "bounding-box": {"min": [-1.5, -2.5, -3.5], "max": [10.25, 20.25, 30.25]},
+        "time-stamp": 1700000123, "point-count": 4294967301, "point-count-low-bits": 5,
+        "point-count-high-bits": 1, "filtered-point-count": 17, "revision": 4, "attributes": [
+            {"role": "POSITION", "type": "M96"}, {"role": "INTENSITY", "type": "U16", "name": "I"}]})"));
     EXPECT_EQ(info["attribute-id"].asUInt(), computeAttributeId(kAttributes, 14));
-    EXPECT_EQ(info["time-stamp"].asUInt64(), 1700000123u);
-    EXPECT_EQ(info["point-count"].asUInt64(), 0x100000005u);
-    EXPECT_EQ(info["point-count-low-bits"].asUInt(), 5u);
-    EXPECT_EQ(info["point-count-high-bits"].asUInt(), 1u);
-    EXPECT_EQ(info["filtered-point-count"].asUInt64(), 17u);
-    EXPECT_EQ(info["revision"].asUInt(), 4u);
-    ASSERT_EQ(info["attributes"].size(), 2u);
-    EXPECT_EQ(info["attributes"][0]["role"].asString(), "POSITION");
-    EXPECT_EQ(info["attributes"][0]["type"].asString(), "M96");
-    EXPECT_EQ(info["attributes"][1]["role"].asString(), "INTENSITY");
-    EXPECT_EQ(info["attributes"][1]["type"].asString(), "U16");
-    EXPECT_EQ(info["attributes"][1]["name"].asString(), "I");
 
     // A failing store stops at the blob it could not take, with that blob's message.
     const char* messages[] = {"serializeTree: Failed to serialize tree.",
@@ -852,29 +808,21 @@ TEST(HspcSerializeTree, StatisticsGoIntoTheAttributeDescription)
             std::string("serializeTree: attribute role=NIR for member nr 6") + member +
                 " not found in encoding attributes."}));
 
-    const Json::Value comment = parse(load(store.blobs["/queryTree.hspc"]).header.comment);
+    const Json::Value comment = pcp_test::parseJson(load(store.blobs["/queryTree.hspc"]).header.comment);
     const Json::Value& described = comment["attribute-description"];
-    ASSERT_EQ(described.size(), 3u);
-    // The client's entry, with the attribute as stored and its statistics; what the client added stays.
-    EXPECT_EQ(described[0]["attribute"]["role"].asString(), "INTENSITY");
-    EXPECT_EQ(described[0]["attribute"]["type"].asString(), "U16");
-    EXPECT_EQ(described[0]["attribute"]["name"].asString(), "I");
-    EXPECT_EQ(described[0]["scale"].asDouble(), 0.5);
-    EXPECT_EQ(described[0]["min"].asUInt(), 10u);
-    EXPECT_EQ(described[0]["max"].asUInt(), 100u);
-    EXPECT_EQ(described[0]["histogram"]["min"].asDouble(), 0.0);
-    EXPECT_EQ(described[0]["histogram"]["max"].asDouble(), 100.0);
+    // The client's entry, with the attribute as stored and its statistics, and what the client added; then
+    // the attributes nobody named, in their own order.
+    EXPECT_TRUE(pcp_test::holdsJson(described, R"([
+        {"attribute": {"role": "INTENSITY", "type": "U16", "name": "I"}, "scale": 0.5, "min": 10, "max": 100,
+         "histogram": {"min": 0, "max": 100}},
+        {"attribute": {"name": "temperature"}, "min": -20, "max": 25},
+        {"attribute": {"role": "CLASSIFICATION"}}])"));
     ASSERT_EQ(described[0]["histogram"]["distribution"].size(), 4u);
     uint64_t counted = 0;
     for (const Json::Value& count : described[0]["histogram"]["distribution"])
         counted += count.asUInt64();
     EXPECT_EQ(counted, 4u);
-    // The attributes nobody named follow in their own order.
-    EXPECT_EQ(described[1]["attribute"]["name"].asString(), "temperature");
-    EXPECT_EQ(described[1]["min"].asInt(), -20);
-    EXPECT_EQ(described[1]["max"].asInt(), 25);
     EXPECT_FALSE(described[1].isMember("histogram"));
-    EXPECT_EQ(described[2]["attribute"]["role"].asString(), "CLASSIFICATION");
 }
 
 TEST(HspcVoxelChunks, ListAndBlockFramesKeepTheirBytes)

@@ -12,14 +12,13 @@
 #include <string>
 #include <vector>
 
-#include "cachefiles/MetaFile.h"
-#include "cachefiles/PntFiles.h"
 #include "core/StringConversion.h"
 #include "fuzz/LasFuzzCase.h"
 #include "importers/Las.h"
 #include "importers/las/LaszVlr.h"
 #include "support/ErrorText.h"
 #include "support/FuzzCorpus.h"
+#include "support/ImportRun.h"
 #include "support/LasSamples.h"
 #include "support/TempFolder.h"
 #include "support/TestData.h"
@@ -49,45 +48,18 @@ std::vector<LasRecord> samples(uint64_t count)
     return records;
 }
 
-// What a host sees of one input: the probe, then a conversion in the probed grid by a fresh importer.
-struct Conversion
+// What a host sees of one input: the probe, then a conversion in the probed grid by a fresh importer, in
+// the same colour mode.
+pcp_test::ImportRun convert(const pcp_test::TempFolder& folder, const std::wstring& file,
+                            ERgbMode rgb = kRgb16Bit, const IoTransfo* grid = nullptr)
 {
-    ProbeResult probe;
-    std::vector<std::wstring> probeWarnings;
-    std::string wkt;
-    SupportedAttributes attributes;
-    int64_t workDone = 0;
-    int64_t workTotal = 0;
-    std::vector<double> progress;
-    std::vector<IoLightPoint> points;
-    MetaData meta;
-};
-
-Conversion convert(const pcp_test::TempFolder& folder, const std::wstring& file, ERgbMode rgb = kRgb16Bit,
-                   const IoTransfo* grid = nullptr)
-{
-    Conversion c;
     const ColorMode mode(rgb, kIntensity16Bit);
-    Las prober(file, 1.0, mode);
-    c.probe = prober.probe(1.0, {});
-    c.probeWarnings = prober.getWarnings();
-    c.wkt = prober.wkt();
-    c.attributes = prober.getSupportedAttributes();
-
-    const std::wstring cache = toWide(folder.path() / "cache");
-    std::filesystem::create_directories(toPath(Convertor::getPointFolder(cache)));
-    Las converter(file, 1.0, mode);
-    converter.run(cache, grid ? *grid : c.probe.transfo, false, [&](double f) { c.progress.push_back(f); },
-                  {});
-    c.workDone = converter.workDone();
-    c.workTotal = converter.workTotal();
-    if (!converter.getScanFiles().empty())
-    {
-        IoTransfo transfo;
-        readPNT(converter.getScanFiles()[0].pntFile, transfo, c.points);
-        c.meta = readMetaFile(converter.getScanFiles()[0].metaFile);
-    }
-    return c;
+    pcp_test::ImportSettings settings;
+    settings.runMode = mode;
+    if (grid != nullptr)
+        settings.grid = *grid;
+    return pcp_test::runImport(
+        folder, [&](const ColorMode& m) { return std::make_unique<Las>(file, 1.0, m); }, mode, 1.0, settings);
 }
 
 std::string probeError(const std::wstring& file, ERgbMode rgb = kRgb16Bit)
@@ -127,7 +99,7 @@ TEST(Las, KeepsTheFileGridAndItsRawIntegers)
     const uint64_t count = 150000;  // more than two batches and more than the probe looks at
     const std::wstring file = writeLas(folder, L"tile-ä.las", layout, samples(count));
 
-    const Conversion c = convert(folder, file);
+    const pcp_test::ImportRun c = convert(folder, file);
     EXPECT_EQ(c.probe.transfo.scale, (std::array<double, 3>{0.001, 0.001, 0.001}));
     EXPECT_EQ(c.probe.transfo.offset, layout.offset);
     EXPECT_EQ(c.probe.colorMode, ColorMode(kRgb16Bit, kIntensity16Bit));
@@ -223,7 +195,7 @@ TEST(Las, CountsRecordsByVersionAndByWhatTheFileHolds)
     bytes.resize(bytes.size() - 7);
     const std::wstring cut = folder.file(L"cut.las");
     pcp_test::writeBytes(toPath(cut), bytes);
-    const Conversion c = convert(folder, cut);
+    const pcp_test::ImportRun c = convert(folder, cut);
     ASSERT_EQ(c.points.size(), 9u);
     EXPECT_EQ(c.points[8].x, pcp_test::lasSample(8).x);
     EXPECT_EQ(c.workTotal, 9);
@@ -235,7 +207,7 @@ TEST(Las, CountsRecordsByVersionAndByWhatTheFileHolds)
     bytes[97] = 0xFF;
     const std::wstring beyond = folder.file(L"beyond.las");
     pcp_test::writeBytes(toPath(beyond), bytes);
-    const Conversion none = convert(folder, beyond, kRgb16Bit, &c.probe.transfo);
+    const pcp_test::ImportRun none = convert(folder, beyond, kRgb16Bit, &c.probe.transfo);
     EXPECT_TRUE(none.points.empty());
     EXPECT_EQ(none.probeWarnings,
               std::vector<std::wstring>{L"Probe could not find any points in input data"});
@@ -248,7 +220,8 @@ TEST(Las, ColourAndClassRules)
     // Format 0 has no colour: the intensity stands in, and the class is the low 5 bits of a byte with flags.
     LasLayout f0;
     f0.pointFormat = 0;
-    const Conversion grey = convert(folder, writeLas(folder, L"f0.las", f0, {{1, 2, 3, 4321, 0xE5}}));
+    const pcp_test::ImportRun grey =
+        convert(folder, writeLas(folder, L"f0.las", f0, {{1, 2, 3, 4321, 0xE5}}));
     ASSERT_EQ(grey.points.size(), 1u);
     const IoLightPoint& g = grey.points[0];
     EXPECT_TRUE(g.r == 4321 && g.g == 4321 && g.b == 4321 && g.intensity == 4321);
@@ -259,7 +232,7 @@ TEST(Las, ColourAndClassRules)
     LasLayout f7;
     f7.versionMinor = 4;
     f7.pointFormat = 7;
-    const Conversion seven =
+    const pcp_test::ImportRun seven =
         convert(folder, writeLas(folder, L"f7.las", f7, {{1, 2, 3, 9, 200, 10, 20, 30}}));
     ASSERT_EQ(seven.points.size(), 1u);
     EXPECT_EQ(seven.points[0].classification, 200 & 31);
@@ -267,7 +240,7 @@ TEST(Las, ColourAndClassRules)
 
     // In 8-bit mode 255 is scaled to 65280, and 256 fails at its point; the probe only measures.
     const std::wstring eight = writeLas(folder, L"eight.las", LasLayout{}, {{0, 0, 0, 0, 0, 255, 1, 0}});
-    const Conversion scaled = convert(folder, eight, kRgb8Bit);
+    const pcp_test::ImportRun scaled = convert(folder, eight, kRgb8Bit);
     ASSERT_EQ(scaled.points.size(), 1u);
     EXPECT_TRUE(scaled.points[0].r == 65280 && scaled.points[0].g == 256 && scaled.points[0].b == 0);
     const std::wstring wide = writeLas(folder, L"wide.las", LasLayout{},
@@ -283,7 +256,7 @@ TEST(Las, DropsPointsOffTheGridAndStillEnds)
     // The ends of the 32-bit range are reserved; the points around them stay, each once.
     const std::vector<LasRecord> mixed = {{5, 5, 5},         {INT32_MAX, 0, 0},     {6, 6, 6},
                                           {0, INT32_MIN, 0}, {0, 0, INT32_MIN + 1}, {7, 7, INT32_MAX - 1}};
-    const Conversion c = convert(folder, writeLas(folder, L"mixed.las", LasLayout{}, mixed));
+    const pcp_test::ImportRun c = convert(folder, writeLas(folder, L"mixed.las", LasLayout{}, mixed));
     ASSERT_EQ(c.points.size(), 4u);
     EXPECT_EQ(c.points[1].x, 6);
     EXPECT_EQ(c.points[3].z, INT32_MAX - 1);
@@ -294,7 +267,7 @@ TEST(Las, DropsPointsOffTheGridAndStillEnds)
     // file's own grid every one is dropped, and the conversion ends all the same.
     const std::wstring off =
         writeLas(folder, L"off.las", LasLayout{}, std::vector<LasRecord>(70000, {INT32_MAX, 0, 0}));
-    const Conversion empty = convert(folder, off);
+    const pcp_test::ImportRun empty = convert(folder, off);
     EXPECT_TRUE(empty.probe.transfo.isValid());
     EXPECT_TRUE(empty.points.empty());
     EXPECT_EQ(empty.workDone, 70000);
@@ -303,7 +276,7 @@ TEST(Las, DropsPointsOffTheGridAndStillEnds)
     // Positions computed into a grid that cannot hold them are dropped in the same way.
     IoTransfo fine = c.probe.transfo;
     fine.scale = {1e-9, 1e-9, 1e-9};
-    const Conversion far = convert(
+    const pcp_test::ImportRun far = convert(
         folder, writeLas(folder, L"far.las", LasLayout{}, {{1, 1, 1}, {3000, 0, 0}}), kRgb16Bit, &fine);
     ASSERT_EQ(far.points.size(), 1u);
     EXPECT_EQ(far.points[0].x, 1000000);
@@ -333,7 +306,7 @@ TEST(Las, ReadsTheCoordinateSystemFromItsVlrs)
     // A VLR header that ends with the file is fine when its payload is empty; one byte more is not there.
     LasLayout atEnd;
     atEnd.vlrs = {{"Someone", 1, "", {}, {}}};
-    const Conversion end = convert(folder, writeLas(folder, L"at-end.las", atEnd, {}));
+    const pcp_test::ImportRun end = convert(folder, writeLas(folder, L"at-end.las", atEnd, {}));
     EXPECT_TRUE(end.points.empty() && end.wkt.empty());
     atEnd.vlrs[0].statedLength = 1;
     const std::string beyond = "\nLAS error: VLR extends beyond file size.\n";
@@ -449,7 +422,7 @@ void checkSampleFile(const char* name, bool colour, const std::string& wktMark)
     const uint64_t count = head[25] >= 4 ? field(247, uint64_t()) : field(107, uint32_t());
 
     pcp_test::TempFolder folder;
-    const Conversion c = convert(folder, toWide(path));
+    const pcp_test::ImportRun c = convert(folder, toWide(path));
     ASSERT_EQ(c.points.size(), count);
     EXPECT_EQ(c.workTotal, int64_t(count));
     EXPECT_EQ(c.attributes.color, colour);

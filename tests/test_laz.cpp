@@ -7,7 +7,6 @@
 #include <cmath>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <random>
 #include <sstream>
 #include <string>
@@ -34,13 +33,6 @@ namespace
 {
 
 const ColorMode kLasMode(kRgb16Bit, kIntensity16Bit);
-
-std::wstring writeFile(const pcp_test::TempFolder& folder, const std::wstring& name, const std::string& bytes)
-{
-    const std::wstring path = folder.file(name);
-    std::ofstream(toPath(path), std::ios::binary) << bytes;
-    return path;
-}
 
 template <typename T>
 T at(const std::string& bytes, size_t offset)
@@ -294,7 +286,7 @@ TEST(LazsRoundTrip, ExportedPointsComeBackWithTheirNormalCodes)
     // no distances once a batch was read.
     std::string bytes = readText(path);
     std::memcpy(bytes.data() + 58, "PDAL", 5);
-    const std::wstring foreign = writeFile(folder, L"fremd.laz", bytes);
+    const std::wstring foreign = folder.write(L"fremd.laz", bytes);
     LazImporter other(foreign, 1.0, ColorMode());
     other.openGroup();
     EXPECT_FALSE(other.lazsFile());
@@ -308,7 +300,7 @@ TEST(LazsRoundTrip, ExportedPointsComeBackWithTheirNormalCodes)
 
     // A legacy count of 10 beside an extended count of 20: the larger counts.
     const std::wstring twenty = writeLazs(folder, L"zwanzig.laz", 20);
-    LazImporter counted(writeFile(folder, L"zehn.laz", with<uint32_t>(readText(twenty), 107, 10)), 1.0,
+    LazImporter counted(folder.write(L"zehn.laz", with<uint32_t>(readText(twenty), 107, 10)), 1.0,
                         ColorMode());
     EXPECT_EQ(readAll(counted).size(), 20u);
 }
@@ -401,7 +393,7 @@ TEST(LazImporter, BrokenFilesFailWithClearMessages)
     // The message as the log shows it: the fixed text, and the reason on a line of its own.
     const auto firstBatchError = [&](const std::string& bytes, const std::wstring& name)
     {
-        LazImporter importer(writeFile(folder, name, bytes), 1.0, kLasMode);
+        LazImporter importer(folder.write(name, bytes), 1.0, kLasMode);
         try
         {
             readAll(importer);
@@ -447,9 +439,8 @@ TEST(LazImporter, BrokenFilesFailWithClearMessages)
               opening + "\n\tLASzip: wrong file_signature. not a LAS/LAZ file.");
     EXPECT_EQ(firstBatchError("", L"empty.laz").rfind(opening + "\n\tLASzip: ", 0), 0u);
     // The message alone is the fixed text.
-    EXPECT_EQ(
-        errorText([&] { LazImporter(writeFile(folder, L"noise.laz", noise), 1.0, kLasMode).openGroup(); }),
-        opening);
+    EXPECT_EQ(errorText([&] { LazImporter(folder.write(L"noise.laz", noise), 1.0, kLasMode).openGroup(); }),
+              opening);
 
     // Sizes that LASzip would trust to allocate, to size or to index its tables.
     EXPECT_EQ(
@@ -485,7 +476,7 @@ TEST(LazImporter, SurvivesRandomDamage)
             bytes[random() % bytes.size()] = static_cast<char>(random());
         if (round % 3 == 0)
             bytes.resize(random() % bytes.size());
-        LazImporter importer(writeFile(folder, L"damaged.laz", bytes), 1.0, kLasMode);
+        LazImporter importer(folder.write(L"damaged.laz", bytes), 1.0, kLasMode);
         try
         {
             readAll(importer);

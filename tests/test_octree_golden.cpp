@@ -34,10 +34,8 @@
 #include <sstream>
 
 #include "cachefiles/CacheFiles.h"
-#include "cachefiles/MetaFile.h"
 #include "cachefiles/PntFormat.h"
 #include "cachefiles/PnzFiles.h"
-#include "cachefiles/SerializedPoints.h"
 #include "cachefiles/VrmFile.h"
 #include "core/NodePaths.h"
 #include "core/StringConversion.h"
@@ -45,9 +43,9 @@
 #include "octree/Node.h"
 #include "sample/AirborneSurvey.h"
 #include "sample/SampleScene.h"
-#include "services/Logger.h"
 #include "support/ErrorText.h"
 #include "support/FileText.h"
+#include "support/OctreeBuild.h"
 #include "support/TempFolder.h"
 
 using namespace pc_preprocess;
@@ -150,62 +148,6 @@ std::string tableOf(uint64_t vrmHash, const std::vector<ObservedNode>& nodes)
     return text.str();
 }
 
-// The scans of one input, written into the "Data" folder of a cache as a run's reading stage leaves them.
-struct GoldenBuild
-{
-    explicit GoldenBuild(const pcp_test::TempFolder& temp, const IoTransfo& cacheTransfo, bool classes)
-        : folder(toWide(temp.path() / "cache")), files(folder, L"cache", false, false), transfo(cacheTransfo)
-    {
-        fs::create_directories(toPath(folder) / "Data");
-        logger = std::make_shared<Logger>(files.getLogFile(), false, false);
-        logger->increaseStep("Read");
-        attributes.classification = classes;
-    }
-
-    void addScan(const std::vector<IoLightPoint>& points, double filledArea)
-    {
-        const std::wstring stem =
-            toWide(toPath(folder) / "Data" / ("scan-" + std::to_string(scans.size()) + "-0000-temp"));
-        ScanFiles scan;
-        scan.pntFile = stem + L".pnt";
-        scan.metaFile = stem + L".meta";
-        SerializedPoints buffers(attributes.classification, false);
-        buffers.add(points);
-        {
-            std::ofstream pnt(toPath(scan.pntFile), std::ios::binary | std::ios::trunc);
-            std::ofstream classes;
-            if (attributes.classification)
-                classes.open(toPath(getClassPathFromPnt(scan.pntFile)), std::ios::binary | std::ios::trunc);
-            std::ofstream normals;
-            SerializedPoints::writeHeader(pnt, transfo);
-            buffers.flush(pnt, classes, normals);
-            ASSERT_TRUE(pnt.good() && (!attributes.classification || classes.good()));
-        }
-        MetaData meta;
-        for (const IoLightPoint& p : points)
-            meta.extents.extend(p);
-        meta.numPoints = points.size();
-        meta.filledArea = filledArea;
-        writeMetaFile(scan.metaFile, meta);
-        scans.push_back(scan);
-    }
-
-    void run(const std::function<bool()>& cancel = nullptr, uint64_t subtreePointBudget = kSubtreePointBudget)
-    {
-        buildTree(scans, folder, files, transfo, attributes, 2, logger, false, false, false, "",
-                  geom::UnitsValue::kUnitsMeters, cancel, startThread, subtreePointBudget);
-    }
-
-    fs::path data() const { return toPath(folder) / "Data"; }
-
-    std::wstring folder;
-    CacheFiles files;
-    IoTransfo transfo;
-    SupportedAttributes attributes;
-    std::shared_ptr<Logger> logger;
-    std::vector<ScanFiles> scans;
-};
-
 // The scans of one input: the points of each and the filled area of its panorama.
 struct GoldenInput
 {
@@ -214,7 +156,7 @@ struct GoldenInput
     std::vector<std::pair<std::vector<IoLightPoint>, double>> scans;
 };
 
-void expectGoldenTree(GoldenBuild& build, const GoldenTree& golden);
+void expectGoldenTree(const pcp_test::OctreeBuild& build, const GoldenTree& golden);
 
 // Builds the tree of the input twice and compares it with the golden one: with the default budget of a
 // subtree in memory, which takes every node of these inputs, and with the smallest, with which the root's
@@ -226,17 +168,17 @@ void expectGoldenTree(const GoldenInput& input, const GoldenTree& golden)
     {
         SCOPED_TRACE("subtree budget " + std::to_string(budget));
         pcp_test::TempFolder temp;
-        GoldenBuild build(temp, input.transfo, input.classes);
+        pcp_test::OctreeBuild build(temp, input.transfo, input.classes);
         for (const auto& [points, filledArea] : input.scans)
             build.addScan(points, filledArea);
-        build.run(nullptr, budget);
+        build.run(2, nullptr, startThread, budget);
         expectGoldenTree(build, golden);
     }
 }
 
 // Compares the tree that the build made with the golden one. The folder must hold the node files and nothing
 // else: no PNT, no side file.
-void expectGoldenTree(GoldenBuild& build, const GoldenTree& golden)
+void expectGoldenTree(const pcp_test::OctreeBuild& build, const GoldenTree& golden)
 {
     const std::string vrmText = pcp_test::readText(toPath(build.files.getTreeFile()));
     const uint64_t vrmHash = fnv1a(reinterpret_cast<const uint8_t*>(vrmText.data()), vrmText.size());
@@ -390,7 +332,7 @@ TEST(OctreeInMemory, ACancelInsideASubtreeEndsTheBuild)
     // The cancel comes once the first of them has taken its node's file, so that a worker is inside the
     // subtree when it sees it.
     pcp_test::TempFolder temp;
-    GoldenBuild build(temp, transfoOf(0.001, {0.0, 0.0, 0.0}), false);
+    pcp_test::OctreeBuild build(temp);
     std::mt19937 random(9);
     std::uniform_int_distribution<int32_t> coordinate(0, 2'000'000);
     std::vector<IoLightPoint> points(700000);
@@ -418,10 +360,9 @@ TEST(OctreeInMemory, ACancelInsideASubtreeEndsTheBuild)
             cancelledAt = std::chrono::steady_clock::now();
         return true;
     };
-    EXPECT_EQ(pcp_test::errorText([&] { build.run(cancel); }), "Preprocessing cancelled by user.");
+    EXPECT_EQ(pcp_test::errorText([&] { build.run(2, cancel); }), "Preprocessing cancelled by user.");
     ASSERT_TRUE(cancelled);
     EXPECT_LT(std::chrono::steady_clock::now() - cancelledAt, std::chrono::seconds(2));
     EXPECT_FALSE(fs::exists(build.data() / "00.pnz"));
-    build.logger.reset();
-    EXPECT_EQ(pcp_test::readText(toPath(build.files.getLogFile()).replace_extension(".pct")), "CANCEL");
+    EXPECT_EQ(build.finalPercentage(), "CANCEL");
 }

@@ -24,6 +24,7 @@
 #include "support/FileText.h"
 #include "support/HspcDataSetPoints.h"
 #include "support/PtsSamples.h"
+#include "support/RdbDoubleFile.h"
 #include "hspc/store/DiskArchive.h"
 #include "hspc/store/FolderStore.h"
 #include "support/SyntheticCache.h"
@@ -259,6 +260,52 @@ TEST(Pcprep, RunConvertsAndReportsLikeAHost)
     ASSERT_EQ(runPcprep(temp, {"info", cache.string()}, &out), 0);
     EXPECT_NE(out.find("complete"), std::string::npos) << out;
     EXPECT_NE(out.find("1 scan file with 5000 points"), std::string::npos) << out;
+}
+
+TEST(Pcprep, RieglProjectsRunThroughTheLibraryAndInfoSaysHowToGetIt)
+{
+    pcp_test::TempFolder temp;
+    pcp_test::RdbDoubleFile scan;
+    scan.amplitude = true;
+    scan.metadata = {{"riegl.device", "VZ-400i"}};
+    for (int i = 0; i < 3000; ++i)
+        scan.points.push_back({{0.01 * (i % 100), 0.01 * (i / 100), 1.0}, float(i % 50), {}, {}});
+    scan.write(temp.path() / "SCANS" / "Pos1" / "SINGLESCANS" / "s1.rdbx");
+    scan.write(temp.path() / "SCANS" / "Pos2" / "SINGLESCANS" / "s2.rdbx");
+    const fs::path project = temp.path() / "project.rsp";
+    std::ofstream(project) << "<project><scanpositions>"
+                              "<scanposition name=\"Pos1\"><singlescans><scan name=\"s1\"/></singlescans>"
+                              "</scanposition><scanposition name=\"Pos2\"><sop><matrix>1 0 0 10 0 1 0 0 0 0 1 0 "
+                              "0 0 0 1</matrix></sop><singlescans><scan name=\"s2\"/></singlescans></scanposition>"
+                              "</scanpositions></project>";
+    const std::string library = pcp_test::rdbDoubleLibrary();
+    const fs::path cache = temp.path() / "cache";
+    std::string out, err;
+    ASSERT_EQ(runPcprep(temp,
+                        {"run", "--cache", cache.string(), "--convert-only", "--riegl-library", library,
+                         project.string()},
+                        &out, &err),
+              0)
+        << err;
+    EXPECT_NE(out.find("scans    2"), std::string::npos) << out;
+    EXPECT_NE(out.find("points   6000"), std::string::npos) << out;
+    EXPECT_NE(out.find("key file complete"), std::string::npos) << out;
+
+    ASSERT_EQ(runPcprep(temp, {"info", project.string(), "--riegl-library", library}, &out, &err), 0) << err;
+    EXPECT_NE(out.find("Header Info For File = " +
+                       (temp.path() / "SCANS" / "Pos2" / "SINGLESCANS" / "s2.rdbx").string() +
+                       "\nriegl.device = VZ-400i\n"),
+              std::string::npos)
+        << out;
+
+    // Without the library: the message, naming the input and how to provide the library.
+    EXPECT_EQ(runPcprep(temp, {"info", project.string(), "--riegl-library", "/nonexistent/librdb.so"}, &out, &err),
+              1);
+    EXPECT_NE(err.find("Riegl error: " + project.string() + "\n\tThe RIEGL library /nonexistent/librdb.so could not "
+                       "be loaded"),
+              std::string::npos)
+        << err;
+    EXPECT_NE(err.find("--riegl-library"), std::string::npos) << err;
 }
 
 TEST(Pcprep, ExitStatusTellsUsageFailureAndCancel)

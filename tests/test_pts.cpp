@@ -7,18 +7,17 @@
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <sstream>
 #include <string>
 #include <vector>
 
-#include "cachefiles/PntFiles.h"
 #include "core/StringConversion.h"
 #include "fuzz/PtsFuzzCase.h"
 #include "importers/PtsImporter.h"
 #include "importers/text/FileSource.h"
 #include "support/ErrorText.h"
 #include "support/FuzzCorpus.h"
+#include "support/ImportRun.h"
 #include "support/TempFolder.h"
 
 using namespace pc_preprocess;
@@ -29,13 +28,6 @@ namespace
 {
 
 constexpr double kScale = 0.001;
-
-std::wstring writeFile(const pcp_test::TempFolder& folder, const std::wstring& name, const std::string& bytes)
-{
-    const std::wstring path = folder.file(name);
-    std::ofstream(toPath(path), std::ios::binary) << bytes;
-    return path;
-}
 
 Settings settings(const std::string& format, const std::string& delimiter = "\\s",
                   const std::string& comment = "")
@@ -63,44 +55,26 @@ IoTransfo millimetreGrid()
     return t;
 }
 
-std::vector<IoLightPoint> readPoints(const std::wstring& cache, const std::wstring& input)
+pcp_test::ImporterMaker ptsImporter(const std::wstring& file, const Settings& s)
 {
-    IoTransfo transfo;
-    std::vector<IoLightPoint> points;
-    readPNT(toWide(toPath(Convertor::getPointFolder(cache)) /
-                   toPath(Convertor::baseNameForScanId(input, 0) + L"-temp.pnt")),
-            transfo, points);
-    return points;
+    return [=](const ColorMode& mode) { return std::make_unique<PtsImporter>(file, kScale, mode, s); };
 }
 
 // Runs the importer in the given colour mode onto a grid of millimetres around the origin.
 std::vector<IoLightPoint> runIn(const pcp_test::TempFolder& folder, const std::wstring& file,
                                 const Settings& s, const ColorMode& mode)
 {
-    const std::wstring cache = toWide(folder.path() / "cache");
-    std::filesystem::create_directories(toPath(Convertor::getPointFolder(cache)));
-    PtsImporter(file, kScale, mode, s).run(cache, millimetreGrid(), false, {}, {});
-    return readPoints(cache, file);
+    pcp_test::ImportSettings settings;
+    settings.runMode = mode;
+    settings.grid = millimetreGrid();
+    settings.probe = false;
+    return pcp_test::runImport(folder, ptsImporter(file, s), mode, kScale, settings).points;
 }
 
 // What a host does: probe with one importer, convert with a fresh one in the probed transfo and mode.
-struct Conversion
+pcp_test::ImportRun convert(const pcp_test::TempFolder& folder, const std::wstring& file, const Settings& s)
 {
-    ProbeResult probe;
-    std::vector<IoLightPoint> points;
-    std::vector<double> progress;
-};
-
-Conversion convert(const pcp_test::TempFolder& folder, const std::wstring& file, const Settings& s)
-{
-    Conversion c;
-    c.probe = PtsImporter(file, kScale, ColorMode(), s).probe(kScale, {});
-    const std::wstring cache = toWide(folder.path() / "cache");
-    std::filesystem::create_directories(toPath(Convertor::getPointFolder(cache)));
-    PtsImporter(file, kScale, c.probe.colorMode, s)
-        .run(cache, c.probe.transfo, false, [&](double f) { c.progress.push_back(f); }, {});
-    c.points = readPoints(cache, file);
-    return c;
+    return pcp_test::runImport(folder, ptsImporter(file, s), ColorMode(), kScale);
 }
 
 // The cache integer of a raw coordinate in millimetres: the grid has the same step, so it is exact.
@@ -140,7 +114,7 @@ TEST(FileSource, HandsOutLinesAcrossWindowBoundaries)
     const std::string wholeWindow(w, 'd');                       // line feed on the first byte of window 3
     const std::string content =
         first + "\n" + straddling + "\n" + toWindowEnd + "\n" + wholeWindow + "\neeeee";
-    const std::wstring path = writeFile(folder, L"lines.txt", content);
+    const std::wstring path = folder.write(L"lines.txt", content);
 
     FileSource source(toPath(path));
     EXPECT_EQ(source.linesRead(), FileSource::kNone);
@@ -169,7 +143,7 @@ TEST(FileSource, BoundsLongLinesAndRefusesEmptyOrMissingFiles)
     pcp_test::TempFolder folder;
     const uint64_t w = FileSource(folder.path()).windowSize();
     // A line of five windows without a line feed comes out in pieces of at most two windows.
-    const std::wstring longLine = writeFile(folder, L"long.txt", std::string(5 * w, 'x') + "\ntail");
+    const std::wstring longLine = folder.write(L"long.txt", std::string(5 * w, 'x') + "\ntail");
     FileSource source(toPath(longLine));
     ASSERT_TRUE(source.open());
     const std::vector<std::string> pieces = allLines(source);
@@ -179,13 +153,13 @@ TEST(FileSource, BoundsLongLinesAndRefusesEmptyOrMissingFiles)
     EXPECT_EQ(pieces[2].size(), w);
     EXPECT_EQ(pieces[3], "tail");
 
-    FileSource empty(toPath(writeFile(folder, L"empty.txt", "")));
+    FileSource empty(toPath(folder.write(L"empty.txt", "")));
     EXPECT_FALSE(empty.open());
     EXPECT_EQ(empty.linesRead(), FileSource::kNone);
     EXPECT_FALSE(FileSource(folder.path() / "missing.txt").open());
 
     // A size beyond the real end is cut to it: mapping past the end would end the process.
-    FileSource oversized(toPath(writeFile(folder, L"short.txt", "1\n2")), uint64_t{1} << 30);
+    FileSource oversized(toPath(folder.write(L"short.txt", "1\n2")), uint64_t{1} << 30);
     ASSERT_TRUE(oversized.open());
     EXPECT_EQ(oversized.fileSize(), 3u);
     EXPECT_EQ(allLines(oversized), (std::vector<std::string>{"1", "2"}));
@@ -203,18 +177,18 @@ TEST(PtsImporter, DetectsTheFormatFromTheFirstPointLine)
     };
     for (const auto& [content, format] : cases)
     {
-        const std::wstring file = writeFile(folder, L"detect.pts", content);
+        const std::wstring file = folder.write(L"detect.pts", content);
         EXPECT_EQ(PtsImporter(file, kScale, ColorMode(), settings("", "\\s", "//")).getColumnFormat(), format)
             << content;
     }
     // The first point line decides, even when all later ones would fit.
-    const std::wstring five = writeFile(folder, L"five.pts", "# scan\n\n10\n1 2 3 4 5\n1 2 3 4 5 6\n");
+    const std::wstring five = folder.write(L"five.pts", "# scan\n\n10\n1 2 3 4 5\n1 2 3 4 5 6\n");
     EXPECT_EQ(errorText([&] { PtsImporter(five, kScale, ColorMode(), settings("")); }),
               ptsError(five, "Cannot determine line format automatically from:\n\t1 2 3 4 5", 4));
-    const std::wstring tokens = writeFile(folder, L"tokens.pts", "1\n2\n3 4\n");
+    const std::wstring tokens = folder.write(L"tokens.pts", "1\n2\n3 4\n");
     EXPECT_EQ(errorText([&] { PtsImporter(tokens, kScale, ColorMode(), settings("")); }),
               ptsError(tokens, "Cannot determine line format automatically before end of file.", 3));
-    const std::wstring badDelimiter = writeFile(folder, L"bad.pts", "1 2 3\n");
+    const std::wstring badDelimiter = folder.write(L"bad.pts", "1 2 3\n");
     EXPECT_NE(errorText([&] { PtsImporter(badDelimiter, kScale, ColorMode(), settings("", "[")); })
                   .find("PTS error: Could not parse " + ws2s(badDelimiter) + "\n\tThe delimiter \"[\""),
               std::string::npos);
@@ -223,9 +197,9 @@ TEST(PtsImporter, DetectsTheFormatFromTheFirstPointLine)
 TEST(PtsImporter, FormatStringsChooseColumnsOrFailWithTheirReason)
 {
     pcp_test::TempFolder folder;
-    const std::wstring file = writeFile(folder, L"format.pts", "1 2 3 4 5 6\n1 2 3 -1 -1 10 20 30\n7 8 9\n");
+    const std::wstring file = folder.write(L"format.pts", "1 2 3 4 5 6\n1 2 3 -1 -1 10 20 30\n7 8 9\n");
     // Six numbers are too few for the colour in columns 6 to 8; that line is passed over without a word.
-    const Conversion skipped = convert(folder, file, settings("XYZ..RGB"));
+    const pcp_test::ImportRun skipped = convert(folder, file, settings("XYZ..RGB"));
     ASSERT_EQ(skipped.points.size(), 1u);
     expectPosition(skipped.points[0], skipped.probe.transfo, 1, 2, 3);
     EXPECT_EQ(skipped.points[0].r, 10 << 8);
@@ -254,29 +228,29 @@ TEST(PtsImporter, FormatStringsChooseColumnsOrFailWithTheirReason)
 TEST(PtsImporter, ParsesNumbersByTheDelimitersGrammar)
 {
     pcp_test::TempFolder folder;
-    const std::wstring comma = writeFile(folder, L"comma.pts", "1, 2 ,3\n  +4 ,-5.5e1,.5  \n7;8;9\n10,11\n");
-    const Conversion c = convert(folder, comma, settings("XYZ", ","));
+    const std::wstring comma = folder.write(L"comma.pts", "1, 2 ,3\n  +4 ,-5.5e1,.5  \n7;8;9\n10,11\n");
+    const pcp_test::ImportRun c = convert(folder, comma, settings("XYZ", ","));
     ASSERT_EQ(c.points.size(), 2u);
     expectPosition(c.points[0], c.probe.transfo, 1, 2, 3);
     expectPosition(c.points[1], c.probe.transfo, 4, -55, 0.5);
 
     // A blank as the delimiter stands anywhere in a run of white space.
-    const std::wstring blank = writeFile(folder, L"blank.pts", "1 \t 2  3\n");
-    const Conversion b = convert(folder, blank, settings("XYZ", " "));
+    const std::wstring blank = folder.write(L"blank.pts", "1 \t 2  3\n");
+    const pcp_test::ImportRun b = convert(folder, blank, settings("XYZ", " "));
     ASSERT_EQ(b.points.size(), 1u);
     expectPosition(b.points[0], b.probe.transfo, 1, 2, 3);
 
     // White space: runs of any kind between numbers, none before the first; the first non-number ends a line.
-    const std::wstring blanks = writeFile(
-        folder, L"blanks.pts", "1, 2 ,3\n 4 5 6\n7\t 8\v9\f10\r\n11 12 13x 14\n15 16 inf\n17 0x1 2\n");
-    const Conversion w = convert(folder, blanks, settings("XYZ"));
+    const std::wstring blanks =
+        folder.write(L"blanks.pts", "1, 2 ,3\n 4 5 6\n7\t 8\v9\f10\r\n11 12 13x 14\n15 16 inf\n17 0x1 2\n");
+    const pcp_test::ImportRun w = convert(folder, blanks, settings("XYZ"));
     ASSERT_EQ(w.points.size(), 2u);
     expectPosition(w.points[0], w.probe.transfo, 7, 8, 9);
     expectPosition(w.points[1], w.probe.transfo, 11, 12, 13);
 
     // A bracket expression splits previews at either character, but data lines take its first character,
     // the bracket, as the separator: no point comes out.
-    const std::wstring mixed = writeFile(folder, L"mixed.pts", "1,2;3\n4;5,6\n");
+    const std::wstring mixed = folder.write(L"mixed.pts", "1,2;3\n4;5,6\n");
     PtsImporter importer(mixed, kScale, ColorMode(), settings("", "[,;]"));
     EXPECT_EQ(importer.getColumnFormat(), "XYZ");
     std::vector<std::vector<std::string>> rows;
@@ -293,10 +267,10 @@ TEST(PtsImporter, ProbesModesAndScalesColourAndIntensity)
     pcp_test::TempFolder folder;
     // Unit intensity with both ends, 8-bit colour; the first point settles the transfo.
     const std::wstring unit =
-        writeFile(folder, L"unit.pts",
-                  "3\n1500 -2500 700 1.0 255 0 7\n1501 -2499 701 0 1 2 3\n1502 -2498 702 0.5 10 "
-                  "20 30.9\n");
-    const Conversion u = convert(folder, unit, settings(""));
+        folder.write(L"unit.pts",
+                     "3\n1500 -2500 700 1.0 255 0 7\n1501 -2499 701 0 1 2 3\n1502 -2498 702 0.5 10 "
+                     "20 30.9\n");
+    const pcp_test::ImportRun u = convert(folder, unit, settings(""));
     EXPECT_EQ(u.probe.colorMode, ColorMode(kRgb8Bit, kIntensityUnit));
     EXPECT_EQ(u.probe.transfo.offset, (std::array<double, 3>{2.0, -3.0, 1.0}));
     EXPECT_EQ(u.probe.transfo.scale, (std::array<double, 3>{kScale, kScale, kScale}));
@@ -311,8 +285,8 @@ TEST(PtsImporter, ProbesModesAndScalesColourAndIntensity)
     EXPECT_EQ(u.progress.back(), 1.0);
 
     // Signed intensity without colour: both ends reach the 16-bit ends, and the colour takes the intensity.
-    const std::wstring signedFile = writeFile(folder, L"signed.pts", "1 2 3 2048\n1 2 3 -2048\n1 2 3 0\n");
-    const Conversion s = convert(folder, signedFile, settings(""));
+    const std::wstring signedFile = folder.write(L"signed.pts", "1 2 3 2048\n1 2 3 -2048\n1 2 3 0\n");
+    const pcp_test::ImportRun s = convert(folder, signedFile, settings(""));
     EXPECT_EQ(s.probe.colorMode, ColorMode(kRgbFromIntensity, kIntensitySigned));
     ASSERT_EQ(s.points.size(), 3u);
     EXPECT_EQ(s.points[0].intensity, 65535);
@@ -322,9 +296,8 @@ TEST(PtsImporter, ProbesModesAndScalesColourAndIntensity)
     EXPECT_EQ(s.points[2].r, 32767);
 
     // Channels above 255 are 16-bit and kept (truncated); 8-bit and 16-bit intensities.
-    const std::wstring wide =
-        writeFile(folder, L"wide.pts", "1 2 3 200 300.7 0 65535.5\n1 2 3 100.5 0 0 0\n");
-    const Conversion d = convert(folder, wide, settings("XYZIRGB"));
+    const std::wstring wide = folder.write(L"wide.pts", "1 2 3 200 300.7 0 65535.5\n1 2 3 100.5 0 0 0\n");
+    const pcp_test::ImportRun d = convert(folder, wide, settings("XYZIRGB"));
     EXPECT_EQ(d.probe.colorMode, ColorMode(kRgb16Bit, kIntensity8Bit));
     ASSERT_EQ(d.points.size(), 2u);
     EXPECT_EQ(d.points[0].r, 300);
@@ -333,7 +306,7 @@ TEST(PtsImporter, ProbesModesAndScalesColourAndIntensity)
     EXPECT_EQ(runIn(folder, wide, settings("XYZIRGB"), ColorMode(kRgbNone, kIntensity16Bit))[1].intensity,
               100);
 
-    const std::wstring black = writeFile(folder, L"black.pts", "1 2 3 0 0 0\n");
+    const std::wstring black = folder.write(L"black.pts", "1 2 3 0 0 0\n");
     EXPECT_EQ(convert(folder, black, settings("")).probe.colorMode, ColorMode(kRgbBlack, kIntensityNone));
 }
 
@@ -341,7 +314,7 @@ TEST(PtsImporter, ValuesOutsideTheirRangeFailAtTheirLine)
 {
     pcp_test::TempFolder folder;
     const std::string basedOn = " based on first 131072 valid points.";
-    const std::wstring colour = writeFile(folder, L"colour.pts", "1 2 3 10 20 30\n1 2 3 256 0 0\n");
+    const std::wstring colour = folder.write(L"colour.pts", "1 2 3 10 20 30\n1 2 3 256 0 0\n");
     EXPECT_EQ(
         errorText([&] { runIn(folder, colour, settings("XYZRGB"), ColorMode(kRgb8Bit, kIntensityNone)); }),
         ptsError(colour, "Expected R, G & B in range [0, 255]" + basedOn, 2));
@@ -349,8 +322,7 @@ TEST(PtsImporter, ValuesOutsideTheirRangeFailAtTheirLine)
     // Outside the 16-bit scale fails in any mode, the probe included.
     for (const std::string channel : {"65536", "-0.5"})
     {
-        const std::wstring file =
-            writeFile(folder, L"channel.pts", "1 2 3 0 0 0\n4 5 6 0 " + channel + " 0\n");
+        const std::wstring file = folder.write(L"channel.pts", "1 2 3 0 0 0\n4 5 6 0 " + channel + " 0\n");
         EXPECT_EQ(errorText([&] { PtsImporter(file, kScale, ColorMode(), settings("")).probe(kScale, {}); }),
                   ptsError(file,
                            "RGB colors out of range [0.0, 65536.0[:\n\t(R, G, B) = (0.000000, " +
@@ -374,7 +346,7 @@ TEST(PtsImporter, ValuesOutsideTheirRangeFailAtTheirLine)
     for (const IntensityCase& c : cases)
     {
         const std::wstring file =
-            writeFile(folder, L"intensity.pts", "2\n1 2 3 0.9\n1 2 3 " + std::string(c.value) + "\n");
+            folder.write(L"intensity.pts", "2\n1 2 3 0.9\n1 2 3 " + std::string(c.value) + "\n");
         EXPECT_EQ(errorText([&] { runIn(folder, file, settings(""), ColorMode(kRgbFromIntensity, c.mode)); }),
                   ptsError(file, c.text, 3));
     }
@@ -398,8 +370,8 @@ TEST(PtsImporter, ReadsAcrossWindowsWithAnyLineEnd)
         }
         ASSERT_GT(content.size(), (1u << 20) + 100);
         ASSERT_NE(content[(1u << 20) - 1], '\n');  // a line straddles the first window boundary
-        const std::wstring file = writeFile(folder, L"many.pts", content);
-        const Conversion c = convert(folder, file, settings(""));
+        const std::wstring file = folder.write(L"many.pts", content);
+        const pcp_test::ImportRun c = convert(folder, file, settings(""));
         EXPECT_EQ(c.probe.colorMode, ColorMode(kRgb8Bit, kIntensityUnit));
         ASSERT_EQ(c.points.size(), size_t(count));
         for (int i = 0; i < count; ++i)
@@ -417,7 +389,7 @@ TEST(PtsImporter, ReadsAcrossWindowsWithAnyLineEnd)
 TEST(PtsImporter, SurvivesEmptyFarAndGappedFiles)
 {
     pcp_test::TempFolder folder;
-    const std::wstring empty = writeFile(folder, L"empty.pts", "");
+    const std::wstring empty = folder.write(L"empty.pts", "");
     EXPECT_EQ(errorText([&] { PtsImporter(empty, kScale, ColorMode(), settings("XYZ")).probe(kScale, {}); }),
               ptsError(empty, "Could not open file."));
     EXPECT_EQ(errorText([&] { PtsImporter(empty, kScale, ColorMode(), settings("")); }),
@@ -425,7 +397,7 @@ TEST(PtsImporter, SurvivesEmptyFarAndGappedFiles)
                   "\n\tLine number 0\n\tCannot determine line format automatically before end of file.\n");
 
     // Points beyond the 32-bit grid are left out, with one warning for the file.
-    const std::wstring far = writeFile(folder, L"far.pts", "1e15 0 0\n1 2 3\n-4e15 0 0\n");
+    const std::wstring far = folder.write(L"far.pts", "1e15 0 0\n1 2 3\n-4e15 0 0\n");
     PtsImporter farAway(far, kScale, ColorMode(), settings("XYZ"));
     EXPECT_EQ(farAway.probe(kScale, {}).transfo.offset, (std::array<double, 3>{0.0, 0.0, 0.0}));
     ASSERT_EQ(farAway.getWarnings().size(), 1u);
@@ -434,8 +406,8 @@ TEST(PtsImporter, SurvivesEmptyFarAndGappedFiles)
 
     // Long runs of blanks between tokens once overflowed the stack of the splitting expression.
     const std::string gap(300000, ' ');
-    const std::wstring gaps = writeFile(folder, L"gaps.pts", "1" + gap + "2" + gap + "3\n");
-    const Conversion g = convert(folder, gaps, settings(""));
+    const std::wstring gaps = folder.write(L"gaps.pts", "1" + gap + "2" + gap + "3\n");
+    const pcp_test::ImportRun g = convert(folder, gaps, settings(""));
     EXPECT_EQ(PtsImporter(gaps, kScale, ColorMode(), settings("")).getColumnFormat(), "XYZ");
     ASSERT_EQ(g.points.size(), 1u);
 }
@@ -443,7 +415,7 @@ TEST(PtsImporter, SurvivesEmptyFarAndGappedFiles)
 TEST(PtsImporter, PreviewsAndTestsDelimiters)
 {
     pcp_test::TempFolder folder;
-    const std::wstring file = writeFile(folder, L"preview.pts", "# header\n3\n1,2,3\n4;5;6\n7,8 ,9#note\n");
+    const std::wstring file = folder.write(L"preview.pts", "# header\n3\n1,2,3\n4;5;6\n7,8 ,9#note\n");
     Settings previewOnly = settings("", ",", "#");
     previewOnly.determineFormat = false;
     PtsImporter importer(file, kScale, ColorMode(), previewOnly);
@@ -462,12 +434,12 @@ TEST(PtsImporter, PreviewsAndTestsDelimiters)
     std::string many;
     for (int i = 0; i < 60; ++i)
         many += std::to_string(i) + " 0 0\n";
-    const std::wstring long_ = writeFile(folder, L"many.pts", many);
+    const std::wstring long_ = folder.write(L"many.pts", many);
     ASSERT_TRUE(PtsImporter(long_, kScale, ColorMode(), settings("")).getPreviewData(rows));
     EXPECT_EQ(rows.size(), 50u);
     EXPECT_EQ(rows.back(), (std::vector<std::string>{"49", "0", "0"}));
 
-    const std::wstring empty = writeFile(folder, L"empty.pts", "");
+    const std::wstring empty = folder.write(L"empty.pts", "");
     PtsImporter none(empty, kScale, ColorMode(), previewOnly);
     EXPECT_FALSE(none.getPreviewData(rows));
     EXPECT_TRUE(rows.empty());

@@ -9,7 +9,6 @@
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <numbers>
 #include <string>
 #include <vector>
@@ -22,6 +21,7 @@
 #include "sample/SampleScene.h"
 #include "support/ErrorText.h"
 #include "support/FuzzCorpus.h"
+#include "support/ImportRun.h"
 #include "support/TempFolder.h"
 
 using namespace pc_preprocess;
@@ -68,13 +68,6 @@ std::string header(uint64_t columns, uint64_t rows, const Pose& p = {}, const st
     return text + line("%.17g %.17g %.17g", t[0], t[1], t[2]) + " 1" + end;
 }
 
-std::wstring writeFile(const pcp_test::TempFolder& folder, const std::wstring& name, const std::string& bytes)
-{
-    const std::wstring path = folder.file(name);
-    std::ofstream(toPath(path), std::ios::binary) << bytes;
-    return path;
-}
-
 std::string ptxError(const std::wstring& file, const std::string& text, uint64_t lineNumber = 0)
 {
     std::string message = "PTX error: Could not parse " + ws2s(file);
@@ -94,35 +87,11 @@ std::string formatText(const std::string& offendingLine, bool eightBit = false)
 }
 
 // What a host does: probe with one importer, convert with a fresh one in the probed grid and mode.
-struct Conversion
+pcp_test::ImportRun convert(const pcp_test::TempFolder& folder, const std::wstring& file, double scale = 1.0)
 {
-    ProbeResult probe;
-    std::vector<std::wstring> warnings;
-    SupportedAttributes attributes;
-    std::vector<std::vector<IoLightPoint>> scans;
-    std::vector<MetaData> metas;
-};
-
-Conversion convert(const pcp_test::TempFolder& folder, const std::wstring& file, double scale = 1.0)
-{
-    Conversion c;
-    c.probe = Ptx(file, scale, ColorMode()).probe(kStep, {});
-    const std::wstring cache = toWide(folder.path() / "cache");
-    std::filesystem::remove_all(toPath(cache));
-    std::filesystem::create_directories(toPath(Convertor::getPointFolder(cache)));
-    Ptx converter(file, scale, c.probe.colorMode);
-    converter.run(cache, c.probe.transfo, false, {}, {});
-    c.warnings = converter.getWarnings();
-    c.attributes = converter.getSupportedAttributes();
-    for (const ScanFiles& files : converter.getScanFiles())
-    {
-        IoTransfo transfo;
-        c.scans.emplace_back();
-        readPNT(files.pntFile, transfo, c.scans.back());
-        EXPECT_EQ(transfo, c.probe.transfo);
-        c.metas.push_back(readMetaFile(files.metaFile));
-    }
-    return c;
+    return pcp_test::runImport(
+        folder, [&](const ColorMode& mode) { return std::make_unique<Ptx>(file, scale, mode); }, ColorMode(),
+        kStep);
 }
 
 // How far a cache point lies from a world position, in the largest of its axes.
@@ -178,9 +147,9 @@ TEST(Ptx, ScansLandInTheWorldThroughTheirOwnPoses)
                 {w, r << 8, g << 8, b << 8, uint16_t(std::stod(intensity) * 65535.99999999999)});
         }
     }
-    const std::wstring file = writeFile(folder, L"two scans.ptx", text);
+    const std::wstring file = folder.write(L"two scans.ptx", text);
 
-    const Conversion c = convert(folder, file);
+    const pcp_test::ImportRun c = convert(folder, file);
     EXPECT_EQ(c.probe.colorMode, ColorMode(kRgb8Bit, kIntensityUnit));
     EXPECT_TRUE(c.probe.hasScanViews);
     EXPECT_EQ(c.probe.transfo.scale, (std::array<double, 3>{kStep, kStep, kStep}));
@@ -219,8 +188,8 @@ TEST(Ptx, SkipsMissingReturnsAndClampsBrightOnesWithAnyLineEnd)
                     : i == 7  ? "7 0 0 1.5" + end
                     : i == 60 ? "60 0 0 2" + end
                               : std::to_string(i) + " 20 -30 0.5" + end;
-        const std::wstring file = writeFile(folder, L"grid.ptx", text + end);
-        const Conversion c = convert(folder, file, 0.001);
+        const std::wstring file = folder.write(L"grid.ptx", text + end);
+        const pcp_test::ImportRun c = convert(folder, file, 0.001);
         // The intensity stands in for the colour in the range as in the points: a file without colour
         // hands a run the 8-bit mode, which keeps the colours of inputs that follow it.
         EXPECT_EQ(c.probe.colorMode, ColorMode(kRgb8Bit, kIntensityUnit));
@@ -282,7 +251,7 @@ TEST(Ptx, BrokenFilesFailWithTheirTextAndLine)
     };
     for (const Case& c : cases)
     {
-        const std::wstring file = writeFile(folder, L"broken.ptx", c.text);
+        const std::wstring file = folder.write(L"broken.ptx", c.text);
         Ptx importer(file, 1.0, ColorMode());
         EXPECT_EQ(errorText([&] { importer.probe(kStep, {}); }), ptxError(file, c.failure, c.line)) << c.text;
         EXPECT_EQ(importer.workDone(), importer.workTotal()) << c.text;
@@ -292,9 +261,8 @@ TEST(Ptx, BrokenFilesFailWithTheirTextAndLine)
     // sees them, and an error for a run that was told the file is 8-bit.
     std::string noisy = scan;
     noisy.replace(noisy.find(" 0\n", noisy.find("0 1 0 0")), 3, " 1e-9\n");
-    const std::wstring wide =
-        writeFile(folder, L"wide.ptx", noisy + "1 2 3 0.5 256 0 0\n" + points.substr(0, 57));
-    const Conversion sixteenBit = convert(folder, wide);
+    const std::wstring wide = folder.write(L"wide.ptx", noisy + "1 2 3 0.5 256 0 0\n" + points.substr(0, 57));
+    const pcp_test::ImportRun sixteenBit = convert(folder, wide);
     EXPECT_EQ(sixteenBit.probe.colorMode, ColorMode(kRgb16Bit, kIntensityUnit));
     ASSERT_EQ(sixteenBit.scans.size(), 1u);
     ASSERT_EQ(sixteenBit.scans[0].size(), 4u);
@@ -308,7 +276,7 @@ TEST(Ptx, BrokenFilesFailWithTheirTextAndLine)
                   }),
               ptxError(wide, formatText("1 2 3 0.5 256 0 0", true), 11));
     // Only a run that reads 16-bit channels leaves the 8-bit range out of the text.
-    const std::wstring dark = writeFile(folder, L"dark.ptx", scan + "1 2 3 -0.5 256 0 0\n");
+    const std::wstring dark = folder.write(L"dark.ptx", scan + "1 2 3 -0.5 256 0 0\n");
     EXPECT_EQ(errorText(
                   [&]
                   {
@@ -317,7 +285,7 @@ TEST(Ptx, BrokenFilesFailWithTheirTextAndLine)
                   }),
               ptxError(dark, formatText("1 2 3 -0.5 256 0 0"), 11));
 
-    const std::wstring empty = writeFile(folder, L"empty.ptx", "");
+    const std::wstring empty = folder.write(L"empty.ptx", "");
     EXPECT_EQ(errorText([&] { Ptx(empty, 1.0, ColorMode()).probe(kStep, {}); }),
               ptxError(empty, "Could not open file."));
 }
@@ -333,16 +301,6 @@ public:
     int64_t workTotal() const override { return Ptx::workTotal() / 2; }
 };
 
-// The fractions that a run of `importer` reports.
-std::vector<double> progressOf(Convertor& importer, const pcp_test::TempFolder& folder, const IoTransfo& grid)
-{
-    const std::wstring cache = toWide(folder.path() / "cache");
-    std::filesystem::create_directories(toPath(Convertor::getPointFolder(cache)));
-    std::vector<double> fractions;
-    importer.run(cache, grid, false, [&](double fraction) { fractions.push_back(fraction); }, {});
-    return fractions;
-}
-
 }  // namespace
 
 TEST(Ptx, ProgressIsTheImportersOwnCount)
@@ -351,19 +309,19 @@ TEST(Ptx, ProgressIsTheImportersOwnCount)
     std::string text = header(2, 2);
     for (int i = 1; i <= 4; ++i)
         text += std::to_string(i) + " 0 0 0.5\n";
-    const std::wstring file = writeFile(folder, L"progress.ptx", text);
-    const ProbeResult probe = Ptx(file, 1.0, ColorMode()).probe(kStep, {});
-
-    Ptx sound(file, 1.0, probe.colorMode);
-    const std::vector<double> fractions = progressOf(sound, folder, probe.transfo);
+    const std::wstring file = folder.write(L"progress.ptx", text);
+    const std::vector<double> fractions = convert(folder, file).progress;
     ASSERT_FALSE(fractions.empty());
     EXPECT_TRUE(std::is_sorted(fractions.begin(), fractions.end()));
     EXPECT_EQ(fractions.back(), 1.0);
 
     // Counted past its total, the fraction goes out as it is: the conversion's check refuses it with
     // "fraction should be in between 0.0 and 1.0.".
-    HalfTotalPtx overshooting(file, 1.0, probe.colorMode);
-    const std::vector<double> beyond = progressOf(overshooting, folder, probe.transfo);
+    const std::vector<double> beyond =
+        pcp_test::runImport(
+            folder, [&](const ColorMode& mode) { return std::make_unique<HalfTotalPtx>(file, 1.0, mode); },
+            ColorMode(), kStep)
+            .progress;
     ASSERT_FALSE(beyond.empty());
     EXPECT_GT(beyond.back(), 1.9);
 }

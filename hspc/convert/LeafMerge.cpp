@@ -78,16 +78,22 @@ private:
                 reportTo(m_errorLogger, "Merge: two leaf entries share one index.");
                 return false;
             }
-            const unsigned lod = lodNotBefore(m_list.front().index, std::min(pivot->lod, m_maxLod));
-            // The last entry's cell may still grow; every cell before it is complete. At the end all are.
-            std::size_t cut = m_list.size();
-            if (!final)
+            const unsigned pivotLod = std::min(pivot->lod, m_maxLod);
+            const unsigned lod = lodNotBefore(m_list.front().index, pivotLod);
+            const auto entriesBefore = [this](const MortonIndex3D<W>& end)
             {
-                const MortonIndex3D<W> open = cellStartAtLod(m_list.back().index, lod);
-                cut =
-                    std::size_t(std::partition_point(m_list.begin(), m_list.end(),
-                                                     [&](const LeafEntry<W>& e) { return e.index < open; }) -
-                                m_list.begin());
+                return std::size_t(std::partition_point(m_list.begin(), m_list.end(),
+                                                        [&](const LeafEntry<W>& e) { return e.index < end; }) -
+                                   m_list.begin());
+            };
+            // The last entry's cell may still grow; every cell before it is complete. At the end all are.
+            std::size_t cut = final ? m_list.size() : entriesBefore(cellStartAtLod(m_list.back().index, lod));
+            // A lod lowered for the head holds for the head's cell alone: an entry further on may be coarser
+            // than that lod, and a cell finer than its entry would not hold the entry's points. The rest is
+            // cut again with a pivot of its own.
+            if (lod < pivotLod)
+            {
+                cut = std::min(cut, entriesBefore(nextIndexAtLod(cellStartAtLod(m_list.front().index, lod), lod)));
             }
             if (!emitCells(0, cut, lod))
             {
@@ -290,7 +296,10 @@ std::optional<DistributionPlan<W>> mergeLeafNodes(const LeafMergeInput<W>& input
         }
         if (current && entry.index < extentEnd(*current))
         {
+            // Entries of one index from two sources come in either order; the coarser one's cell holds both.
+            // An entry nested further in is finer than the current one already.
             current->count = addLeafCounts(current->count, entry.count);
+            current->lod = std::max(current->lod, entry.lod);
             continue;
         }
         if (current && !merger.add(*current))

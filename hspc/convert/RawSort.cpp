@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <string>
 #include <system_error>
-#include <thread>
 
 #include "hspc/convert/FirstStageWorker.h"
 #include "hspc/convert/RawSortThreads.h"
+#include "hspc/convert/StageThreads.h"
 #include "hspc/convert/StaticRawSortProcessHandler.h"
 #include "hspc/format/Loggers.h"
 
@@ -28,37 +28,6 @@ std::vector<std::vector<AssignedImporter>> shareOutImporters(const std::vector<I
     }
     return shares;
 }
-
-// Threads started so far; whatever happens, each is joined before the stage returns.
-class StageThreads
-{
-public:
-    ~StageThreads() { joinAll(); }
-
-    template <typename Function>
-    void start(std::vector<std::thread>& role, Function&& function)
-    {
-        role.emplace_back(std::forward<Function>(function));
-    }
-
-    void joinAll()
-    {
-        for (std::vector<std::thread>* role : {&readers, &workers, &writers})
-        {
-            for (std::thread& thread : *role)
-            {
-                if (thread.joinable())
-                {
-                    thread.join();
-                }
-            }
-        }
-    }
-
-    std::vector<std::thread> readers;
-    std::vector<std::thread> workers;
-    std::vector<std::thread> writers;
-};
 
 }  // namespace
 

@@ -1,32 +1,23 @@
 #include "hspc/convert/StaticConversion.h"
 
-#include <chrono>
 #include <cstdint>
-#include <cstdio>
 
+#include "hspc/convert/DistributionPlanning.h"
+#include "hspc/convert/PointDistribution.h"
 #include "hspc/convert/PointDistributionInputHandler.h"
 #include "hspc/convert/RawSort.h"
+#include "hspc/convert/StageClock.h"
 
 namespace HSPC
 {
 namespace
 {
 
-using Clock = std::chrono::steady_clock;
-
-std::string secondsSince(Clock::time_point start)
-{
-    const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
-    char text[32];
-    std::snprintf(text, sizeof text, "%.3f", seconds);
-    return text;
-}
-
 template <typename W>
 ConversionFailures staticConversionOf(const RuntimeConfig& runtime, const std::vector<std::string>& inputTrees,
                                       const std::vector<Importer*>& importers, ProcessHandle& handle)
 {
-    const Clock::time_point start = Clock::now();
+    const StageClock::time_point start = StageClock::now();
     ConversionFailures failures;
     if (!inputTrees.empty())
     {
@@ -46,14 +37,16 @@ ConversionFailures staticConversionOf(const RuntimeConfig& runtime, const std::v
     }
     runtime.infoLogger("Rawsort:      elapsed: " + secondsSince(start) + " [s].");
 
-    const Clock::time_point distributionStart = Clock::now();
+    const StageClock::time_point distributionStart = StageClock::now();
     if (failures.empty())
     {
-        // The sorted runs are complete here, but nothing turns them into nodes yet: say so instead of
-        // reporting a data set that was never written.
-        failures.push_back(makeFailure(FailureCode::kStage,
-                                       "staticConversion: the point distribution is not available in this "
-                                       "build; the sorted points were not written as a data set."));
+        // Without any point the plan is empty and the distribution writes the tree files of an empty data set.
+        DistributionLayout<W> layout;
+        failures = planDistribution<W>(runtime, input, handle, layout);
+        if (failures.empty())
+        {
+            failures = distributePoints<W>(runtime, input, layout, handle);
+        }
     }
     runtime.infoLogger("Distribution: elapsed: " + secondsSince(distributionStart) + " [s].");
     return failures;

@@ -11,146 +11,190 @@ namespace HSPC
 namespace
 {
 
+// The lod of the smallest cell that holds the cells of both leaves.
 template <typename W>
-std::vector<LeafEntry<W>> leavesOf(const DistributionPlan<W>& plan)
+unsigned commonCellLod(const LeafEntry<W>& first, const LeafEntry<W>& last)
 {
-    std::vector<LeafEntry<W>> read;
-    read.reserve(plan.readList.size());
-    for (const ReadCell<W>& cell : plan.readList)
-    {
-        read.push_back(LeafEntry<W>{cell.index, cell.count, cell.lod});
-    }
-    std::vector<LeafEntry<W>> critical;
-    critical.reserve(plan.pointCritical.size());
-    for (const LeafEntry<W>& entry : plan.pointCritical)
-    {
-        critical.push_back(LeafEntry<W>{cellStartAtLod(entry.index, entry.lod), entry.count, entry.lod});
-    }
-    std::vector<LeafEntry<W>> leaves(read.size() + critical.size());
-    std::merge(read.begin(), read.end(), critical.begin(), critical.end(), leaves.begin(),
-               [](const LeafEntry<W>& a, const LeafEntry<W>& b) { return a.index < b.index; });
-    return leaves;
+    const unsigned apart = first.index == last.index ? 0 : commonLodCount(first.index, last.index);
+    return std::min<unsigned>(std::max<unsigned>({apart, first.lod, last.lod}), MortonIndex3D<W>::kBitsPerAxis);
 }
 
 template <typename W>
 class UpperTreeBuilder
 {
 public:
-    UpperTreeBuilder(const DistributionPlan<W>& plan, const TakeTable& take) : m_take(take)
+    UpperTreeBuilder(std::vector<LeafEntry<W>> leaves, const TakeTable& take)
+        : m_take(take), m_left(leaves.size()), m_leafTakes(leaves.size())
     {
-        m_tree.leaves = leavesOf(plan);
-        m_cutLod = plan.maxLod;
-        for (const LeafEntry<W>& leaf : m_tree.leaves)
+        m_tree.leaves = std::move(leaves);
+        for (std::size_t i = 0; i < m_tree.leaves.size(); ++i)
         {
-            m_cutLod = std::max<unsigned>(m_cutLod, leaf.lod);
+            m_left[i] = m_tree.leaves[i].count;
         }
     }
 
     std::optional<UpperTree<W>> build()
     {
-        uint64_t total = 0;
-        for (const LeafEntry<W>& leaf : m_tree.leaves)
+        if (!m_tree.leaves.empty())
         {
-            total += leaf.count;
+            unsigned rootLod = commonCellLod(m_tree.leaves.front(), m_tree.leaves.back());
+            for (const LeafEntry<W>& leaf : m_tree.leaves)
+            {
+                rootLod = std::max<unsigned>(rootLod, leaf.lod);
+            }
+            addNode(cellStartAtLod(m_tree.leaves.front().index, rootLod), rootLod, 0,
+                    uint32_t(m_tree.leaves.size()));
         }
-        NodeDistribution<W> root;
-        root.lod = uint8_t(MortonIndex3D<W>::kBitsPerAxis);
-        root.leafEnd = uint32_t(m_tree.leaves.size());
-        addNode(root, total);
         // Appending children while walking the list is the breadth-first order itself.
         for (std::size_t i = 0; i < m_tree.nodes.size(); ++i)
         {
-            if (m_tree.nodes[i].points > m_tree.nodes[i].take && !m_tree.nodes[i].continuesInLeaf &&
-                !addChildren(i))
+            if (!m_tree.nodes[i].isLeafTop && !distributeNode(uint32_t(i)))
             {
                 return std::nullopt;
             }
+        }
+        m_tree.leafTakeBegin.reserve(m_tree.leaves.size() + 1);
+        m_tree.leafTakeBegin.push_back(0);
+        for (std::vector<LeafTake>& takes : m_leafTakes)
+        {
+            m_tree.leafTakes.insert(m_tree.leafTakes.end(), takes.begin(), takes.end());
+            m_tree.leafTakeBegin.push_back(uint32_t(m_tree.leafTakes.size()));
+            takes = {};
         }
         return std::move(m_tree);
     }
 
 private:
-    void addNode(NodeDistribution<W> node, uint64_t points)
-    {
-        node.points = points;
-        node.take =
-            uint32_t(std::min<uint64_t>(m_take[std::min<std::size_t>(node.lod, m_take.size() - 1)], points));
-        const bool oneLeaf =
-            node.leafEnd - node.firstLeaf == 1 && m_tree.leaves[node.firstLeaf].lod == node.lod;
-        // A cell of lod 0 has no children: whatever its take leaves is for the leaf's own part.
-        node.continuesInLeaf = (oneLeaf || node.lod == 0) && points > node.take;
-        m_tree.nodes.push_back(node);
-    }
-
-    uint64_t rawPoints(uint32_t firstLeaf, uint32_t leafEnd) const
+    uint64_t pointsLeft(uint32_t firstLeaf, uint32_t leafEnd) const
     {
         uint64_t points = 0;
         for (uint32_t i = firstLeaf; i < leafEnd; ++i)
         {
-            points += m_tree.leaves[i].count;
+            points += m_left[i];
         }
         return points;
     }
 
-    bool addChildren(std::size_t parentPosition)
+    // A node with no points left is not made.
+    void addNode(const MortonIndex3D<W>& index, unsigned lod, uint32_t firstLeaf, uint32_t leafEnd)
     {
-        const NodeDistribution<W> parent = m_tree.nodes[parentPosition];
-        const unsigned lod = std::min<unsigned>(parent.lod - 1u, m_cutLod);
-        std::vector<NodeDistribution<W>> children;
-        std::vector<uint32_t> cellPoints;
-        uint64_t cellTotal = 0;
-        for (uint32_t first = parent.firstLeaf; first < parent.leafEnd;)
+        NodeDistribution<W> node;
+        node.index = index;
+        node.lod = uint8_t(lod);
+        node.firstLeaf = firstLeaf;
+        node.leafEnd = leafEnd;
+        node.points = pointsLeft(firstLeaf, leafEnd);
+        node.isLeafTop = leafEnd - firstLeaf == 1 && m_tree.leaves[firstLeaf].lod == lod;
+        if (node.points == 0)
         {
-            NodeDistribution<W> child;
-            child.index = cellStartAtLod(m_tree.leaves[first].index, lod);
-            child.lod = uint8_t(lod);
-            child.firstLeaf = first;
-            uint32_t end = first;
-            while (end < parent.leafEnd && cellStartAtLod(m_tree.leaves[end].index, lod) == child.index)
-            {
-                ++end;
-            }
-            child.leafEnd = end;
-            children.push_back(child);
-            cellPoints.push_back(uint32_t(std::min<uint64_t>(rawPoints(first, end), 0xffffffff)));
-            cellTotal += cellPoints.back();
-            first = end;
+            return;
         }
-        // What the parent and its ancestors took from the parent's cell is spread fairly over the children,
-        // as the distribution picks its points: evenly over the occupied cells, none giving more than it has.
-        const uint64_t takenAbove =
-            rawPoints(parent.firstLeaf, parent.leafEnd) - (parent.points - parent.take);
-        std::vector<uint32_t> shares(children.size());
-        // Shares are of 32-bit counts; a child beyond them (billions of points in one cell) gives no more.
-        if (!computeEqualDistributionTake(cellPoints, std::min(takenAbove, cellTotal), shares))
+        if (!node.isLeafTop)
+        {
+            node.take = uint32_t(std::min<uint64_t>(m_take[std::min<std::size_t>(lod, m_take.size() - 1)],
+                                                    node.points));
+        }
+        m_tree.nodes.push_back(node);
+    }
+
+    // Takes the node's points from its leaves, then gives what is left to its children one lod below. A node
+    // that is not a leaf's top holds at least two leaves or one finer than itself, so it is above lod 0.
+    bool distributeNode(uint32_t position)
+    {
+        const NodeDistribution<W> node = m_tree.nodes[position];
+        if (!shareOut(position, node.take, node.firstLeaf, node.leafEnd))
         {
             return false;
         }
-        m_tree.nodes[parentPosition].firstChild = uint32_t(m_tree.nodes.size());
-        m_tree.nodes[parentPosition].childCount = uint32_t(children.size());
-        for (std::size_t i = 0; i < children.size(); ++i)
+        if (node.points == node.take)
         {
-            addNode(children[i], rawPoints(children[i].firstLeaf, children[i].leafEnd) - shares[i]);
+            return true;
+        }
+        const unsigned lod = node.lod - 1u;
+        const uint32_t firstChild = uint32_t(m_tree.nodes.size());
+        for (uint32_t first = node.firstLeaf; first < node.leafEnd;)
+        {
+            const MortonIndex3D<W> cell = cellStartAtLod(m_tree.leaves[first].index, lod);
+            uint32_t end = first + 1;
+            while (end < node.leafEnd && cellStartAtLod(m_tree.leaves[end].index, lod) == cell)
+            {
+                ++end;
+            }
+            addNode(cell, lod, first, end);
+            first = end;
+        }
+        m_tree.nodes[position].firstChild = firstChild;
+        m_tree.nodes[position].childCount = uint32_t(m_tree.nodes.size()) - firstChild;
+        return true;
+    }
+
+    // Divides `total` points of the node at `position` over the leaves [firstLeaf, leafEnd) the way the
+    // distribution picks them: evenly over the occupied cells just below the smallest cell holding those
+    // leaves, none giving more than it has left, and so on down to each leaf.
+    bool shareOut(uint32_t position, uint64_t total, uint32_t firstLeaf, uint32_t leafEnd)
+    {
+        if (total == 0)
+        {
+            return true;
+        }
+        if (leafEnd - firstLeaf == 1)
+        {
+            m_leafTakes[firstLeaf].push_back(LeafTake{position, uint32_t(total)});
+            m_left[firstLeaf] -= total;
+            ++m_tree.nodes[position].feedingLeaves;
+            return true;
+        }
+        const unsigned cellLod = commonCellLod(m_tree.leaves[firstLeaf], m_tree.leaves[leafEnd - 1]) - 1;
+        std::vector<uint32_t> cellFirst;
+        std::vector<uint32_t> counts;
+        for (uint32_t first = firstLeaf; first < leafEnd;)
+        {
+            const MortonIndex3D<W> cell = cellStartAtLod(m_tree.leaves[first].index, cellLod);
+            uint32_t end = first;
+            uint64_t points = 0;
+            for (; end < leafEnd && cellStartAtLod(m_tree.leaves[end].index, cellLod) == cell; ++end)
+            {
+                points += m_left[end];
+            }
+            cellFirst.push_back(first);
+            // A take is a 32-bit count: a cell of more points than that gives no more than it anyway.
+            counts.push_back(uint32_t(std::min<uint64_t>(points, 0xffffffff)));
+            first = end;
+        }
+        cellFirst.push_back(leafEnd);
+        std::vector<uint32_t> shares(counts.size());
+        if (!computeEqualDistributionTake(counts, total, shares))
+        {
+            return false;
+        }
+        for (std::size_t cell = 0; cell < counts.size(); ++cell)
+        {
+            if (!shareOut(position, shares[cell], cellFirst[cell], cellFirst[cell + 1]))
+            {
+                return false;
+            }
         }
         return true;
     }
 
     const TakeTable& m_take;
-    unsigned m_cutLod = 0;
     UpperTree<W> m_tree;
+    // Points of each leaf that no node has taken yet.
+    std::vector<uint64_t> m_left;
+    std::vector<std::vector<LeafTake>> m_leafTakes;
 };
 
 }  // namespace
 
 template <typename W>
-std::optional<UpperTree<W>> buildUpperTree(const DistributionPlan<W>& plan, const TakeTable& take)
+std::optional<UpperTree<W>> buildUpperTree(std::vector<LeafEntry<W>> leaves, const TakeTable& take)
 {
-    return UpperTreeBuilder<W>(plan, take).build();
+    return UpperTreeBuilder<W>(std::move(leaves), take).build();
 }
 
-template std::optional<UpperTree<uint32_t>> buildUpperTree<uint32_t>(const DistributionPlan<uint32_t>&,
+template std::optional<UpperTree<uint32_t>> buildUpperTree<uint32_t>(std::vector<LeafEntry<uint32_t>>,
                                                                      const TakeTable&);
-template std::optional<UpperTree<uint64_t>> buildUpperTree<uint64_t>(const DistributionPlan<uint64_t>&,
+template std::optional<UpperTree<uint64_t>> buildUpperTree<uint64_t>(std::vector<LeafEntry<uint64_t>>,
                                                                      const TakeTable&);
 
 }  // namespace HSPC

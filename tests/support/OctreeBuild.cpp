@@ -2,12 +2,15 @@
 
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <random>
 
 #include "cachefiles/MetaFile.h"
 #include "cachefiles/PntFiles.h"
 #include "cachefiles/PnzFiles.h"
+#include "cachefiles/SerializedPoints.h"
 #include "cachefiles/VrmFile.h"
+#include "core/NodePaths.h"
 #include "core/StringConversion.h"
 #include "geom/UnitsValue.h"
 #include "octree/BuildTree.h"
@@ -50,12 +53,13 @@ std::vector<IoLightPoint> sparsePoints(size_t count, int32_t edge, uint32_t seed
     return points;
 }
 
-OctreeBuild::OctreeBuild(const TempFolder& temp)
-    : folder(toWide(temp.path() / "cache")), files(folder, L"cache", false, false)
+OctreeBuild::OctreeBuild(const TempFolder& temp, const IoTransfo& cacheTransfo, bool classes)
+    : folder(toWide(temp.path() / "cache")), files(folder, L"cache", false, false), transfo(cacheTransfo)
 {
     fs::create_directories(toPath(folder) / "Data");
     logger = std::make_shared<Logger>(files.getLogFile(), false, false);
     logger->increaseStep("Read");
+    attributes.classification = classes;
 }
 
 void OctreeBuild::addScan(const std::vector<IoLightPoint>& points, double filledArea)
@@ -65,7 +69,18 @@ void OctreeBuild::addScan(const std::vector<IoLightPoint>& points, double filled
     ScanFiles scan;
     scan.pntFile = stem + L".pnt";
     scan.metaFile = stem + L".meta";
-    writeTuncatePNT(scan.pntFile, millimetres(), points);
+    SerializedPoints buffers(attributes.classification, false);
+    buffers.add(points);
+    {
+        std::ofstream pnt(toPath(scan.pntFile), std::ios::binary | std::ios::trunc);
+        std::ofstream classes;
+        if (attributes.classification)
+            classes.open(toPath(getClassPathFromPnt(scan.pntFile)), std::ios::binary | std::ios::trunc);
+        std::ofstream normals;
+        SerializedPoints::writeHeader(pnt, transfo);
+        buffers.flush(pnt, classes, normals);
+        ASSERT_TRUE(pnt.good() && (!attributes.classification || classes.good()));
+    }
     MetaData meta;
     for (const IoLightPoint& p : points)
         meta.extents.extend(p);
@@ -80,8 +95,7 @@ void OctreeBuild::addScan(const std::vector<IoLightPoint>& points, double filled
 void OctreeBuild::run(uint64_t threads, const std::function<bool()>& cancel, const ThreadStarter& startWorker,
                       uint64_t subtreePointBudget)
 {
-    SupportedAttributes attributes;
-    buildTree(scans, folder, files, millimetres(), attributes, threads, logger, false, false, false, "",
+    buildTree(scans, folder, files, transfo, attributes, threads, logger, false, false, false, "",
               geom::UnitsValue::kUnitsMeters, cancel, startWorker, subtreePointBudget);
 }
 

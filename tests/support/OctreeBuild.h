@@ -13,6 +13,7 @@
 #include "core/IoLightPoint.h"
 #include "core/IoTransfo.h"
 #include "core/ScanFiles.h"
+#include "core/SupportedAttributes.h"
 #include "core/WorkerThreads.h"
 #include "octree/SubtreeBudget.h"
 #include "services/Logger.h"
@@ -26,15 +27,16 @@ pc_preprocess::IoTransfo millimetres();
 
 pc_preprocess::IoLightPoint pointAt(int32_t x, int32_t y, int32_t z, float radius = 0.0f);
 
-// Points spread thinly through the cube [0, edge] on each axis: with an edge of a few hundred thousand or more,
-// far sparser than one point per cell, so that no filter touches them.
+// Points spread thinly through the cube [0, edge] on each axis: with an edge of a few hundred thousand or
+// more, far sparser than one point per cell, so that no filter touches them.
 std::vector<pc_preprocess::IoLightPoint> sparsePoints(size_t count, int32_t edge, uint32_t seed);
 
 // The octree build of one cache folder, with its logger, from scans written into its "Data" folder as a run
-// leaves them.
+// leaves them: in the cache's grid `transfo`, with a class side file beside each when `classes`.
 struct OctreeBuild
 {
-    explicit OctreeBuild(const TempFolder& temp);
+    explicit OctreeBuild(const TempFolder& temp, const pc_preprocess::IoTransfo& transfo = millimetres(),
+                         bool classes = false);
 
     // A scan's point and meta files; a filled area above 0 is a scan with a panorama.
     void addScan(const std::vector<pc_preprocess::IoLightPoint>& points, double filledArea = 0.0);
@@ -53,6 +55,8 @@ struct OctreeBuild
 
     std::wstring folder;
     pc_preprocess::CacheFiles files;
+    pc_preprocess::IoTransfo transfo;
+    pc_preprocess::SupportedAttributes attributes;
     std::shared_ptr<pc_preprocess::Logger> logger;
     std::vector<pc_preprocess::ScanFiles> scans;
 };
@@ -68,8 +72,8 @@ struct TreeWalk
     std::multiset<float> leafRadii;
 };
 
-// Reads the tree back, checking each node of the VRM against its PNZ on the way: the count, the box, the limit
-// of 65536, and the name of each child as its parent's name with one more digit.
+// Reads the tree back, checking each node of the VRM against its PNZ on the way: the count, the box, the
+// limit of 65536, and the name of each child as its parent's name with one more digit.
 TreeWalk walkTree(const OctreeBuild& build);
 
 }  // namespace pcp_test

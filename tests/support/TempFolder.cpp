@@ -2,6 +2,7 @@
 
 #include <stdlib.h>
 
+#include <fstream>
 #include <stdexcept>
 #include <system_error>
 
@@ -28,6 +29,21 @@ TempFolder::~TempFolder()
 std::wstring TempFolder::file(const std::wstring& name) const
 {
     return pc_preprocess::toWide(m_path) + L"/" + name;
+}
+
+std::wstring TempFolder::write(const std::wstring& name, std::string_view bytes) const
+{
+    const std::wstring path = file(name);
+    std::ofstream out(pc_preprocess::toPath(path), std::ios::binary | std::ios::trunc);
+    out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    if (!out.flush())
+        throw std::runtime_error("cannot write " + pc_preprocess::ws2s(path));
+    return path;
+}
+
+std::wstring TempFolder::write(const std::wstring& name, std::span<const uint8_t> bytes) const
+{
+    return write(name, std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
 }
 
 }  // namespace pcp_test

@@ -1,7 +1,10 @@
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
+#include <span>
 #include <string>
+#include <string_view>
 
 namespace pcp_test
 {
@@ -19,6 +22,9 @@ public:
     const std::filesystem::path& path() const { return m_path; }
     // A wide path of a file inside the folder, as the library's interfaces take it.
     std::wstring file(const std::wstring& name) const;
+    // Writes a file of these bytes into the folder, replacing any of that name, and returns its wide path.
+    std::wstring write(const std::wstring& name, std::string_view bytes) const;
+    std::wstring write(const std::wstring& name, std::span<const uint8_t> bytes) const;
 
 private:
     std::filesystem::path m_path;

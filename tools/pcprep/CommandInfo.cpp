@@ -17,6 +17,7 @@
 #include "core/StringConversion.h"
 #include "importers/E57.h"
 #include "importers/LazImporter.h"
+#include "importers/Riegl.h"
 #include "pcprep/ArgumentParser.h"
 #include "pcprep/Command.h"
 #include "pcprep/HspcDataSet.h"
@@ -74,7 +75,7 @@ void printPoints(const std::vector<IoLightPoint>& points, const IoTransfo& trans
 
 int runInfo(const Arguments& arguments)
 {
-    const ParsedArguments parsed(arguments, {{"--points", true}});
+    const ParsedArguments parsed(arguments, {{"--points", true}, {"--riegl-library", true}});
     parsed.expectPositional(1, "one FILE");
     const std::filesystem::path file(parsed.positional()[0]);
     if (namesHspcDataSet(file))
@@ -93,11 +94,16 @@ int runInfo(const Arguments& arguments)
         pc_preprocess::e57Header(wide, std::cout);
         return 0;
     }
+    if (format == pc_preprocess::kFormatRdbx || format == pc_preprocess::kFormatRsp)
+    {
+        pc_preprocess::rieglHeader(wide, pc_preprocess::s2ws(parsed.text("--riegl-library", "")), std::cout);
+        return 0;
+    }
     const bool compressed = file.extension() == ".pnz";
     if (!compressed && file.extension() != ".pnt")
         throw UsageError(
-            "expected a cache folder, an HSPC data set, a LAS, LAZ or E57 file, or a node file (.pnt or .pnz), "
-            "not " +
+            "expected a cache folder, an HSPC data set, a LAS, LAZ, E57, RDBX or RSP file, or a node file (.pnt or "
+            ".pnz), not " +
             file.string());
 
     if (!std::filesystem::is_regular_file(file))

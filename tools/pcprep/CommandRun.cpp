@@ -54,6 +54,7 @@ std::vector<pc_preprocess::InputFileData> buildInputs(const RunOptions& options)
             inputs.emplace_back(toWide(fs::absolute(input)), options.inputScale, options.columns,
                                 options.colorMode, options.delimiter, options.skipPrefix);
             inputs.back().maxImagePixels = options.maxImagePixels;
+            inputs.back().rieglLibrary = pc_preprocess::s2ws(options.rieglLibrary);
         }
         catch (const std::exception& e)
         {

@@ -72,6 +72,7 @@ RunOptions parseRunOptions(const Arguments& arguments)
                                              {"--pack", false},
                                              {"--normals", false},
                                              {"--local-frame", false},
+                                             {"--riegl-library", true},
                                              {"--columns", true},
                                              {"--delimiter", true},
                                              {"--skip-prefix", true},
@@ -106,6 +107,7 @@ RunOptions parseRunOptions(const Arguments& arguments)
         throw UsageError("--pack is for an HSPC data set: add --hspc");
     options.normals = parsed.has("--normals");
     options.localFrame = parsed.has("--local-frame");
+    options.rieglLibrary = parsed.text("--riegl-library", "");
     options.columns = parsed.text("--columns", "");
     options.delimiter = parsed.text("--delimiter", "");
     options.skipPrefix = parsed.text("--skip-prefix", "");

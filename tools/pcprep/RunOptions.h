@@ -26,6 +26,7 @@ struct RunOptions
     bool pack = false;  // with hspc: the data set as one pack archive NAME.hspc.pack
     bool normals = false;
     bool localFrame = false;
+    std::string rieglLibrary;  // empty: the RIEGL library's usual names
     std::string columns;
     std::string delimiter;
     std::string skipPrefix;

@@ -21,7 +21,8 @@ const Command kCommands[] = {
      "DIR/NAME.log, the progress file DIR/NAME.pct polled for the bar, the disk watchdog beside the run, "
      "and\n"
      "Ctrl-C turned into the cancel file DIR/cancel. A failed or cancelled run leaves only the log in DIR.\n"
-     "Inputs: PTS files (.pts, and text files of any other unknown extension), PTX, LAS and LAZ files.\n"
+     "Inputs: PTS files (.pts, and text files of any other unknown extension), PTX, LAS, LAZ and E57 files,\n"
+     "and RIEGL projects (project.rsp) and RDB files (.rdbx) when the RIEGL library is installed.\n"
      "Structured scans (PTX) also get their panoramas, a colour view and a normal map per scan, as PNG\n"
      "files in DIR/Bubbles.\n"
      "\n"
@@ -44,6 +45,8 @@ const Command kCommands[] = {
      "                          metres, on the ellipsoid below the first point; the cache keeps the frame "
      "in\n"
      "                          DIR/topocentric.json\n"
+     "  --riegl-library FILE    the RIEGL library (librdb.so) for RSP and RDBX inputs (default: librdb.so on\n"
+     "                          the library search path)\n"
      "  --columns FORMAT        PTS columns, letters X Y Z I R G B and '.' to skip one (default: detect)\n"
      "  --delimiter D           PTS column delimiter (default: white space)\n"
      "  --skip-prefix P         in files of unknown extension, ignore each line from P on\n"
@@ -59,10 +62,12 @@ const Command kCommands[] = {
      "\n"
      "Exit status: 0 success, 1 failure (the log says why), 2 wrong arguments, 130 cancelled.\n",
      pcprep::runRun},
-    {"info", "describe a cache folder, an HSPC data set, a LAS/LAZ/E57 file or a node file (.pnt or .pnz)",
+    {"info",
+     "describe a cache folder, an HSPC data set, a LAS/LAZ/E57/RIEGL file or a node file (.pnt or .pnz)",
      "Usage: pcprep info DIR\n"
      "       pcprep info DATASET|DATASET/tree.hspc|DATASET/queryTree.hspc|FILE.hspc.pack\n"
      "       pcprep info FILE.las|FILE.laz|FILE.e57\n"
+     "       pcprep info FILE.rdbx|project.rsp [--riegl-library FILE]\n"
      "       pcprep info FILE [--points N]\n"
      "\n"
      "For a cache folder: its kind, whether it is complete (from the key file), its size, the progress "
@@ -79,10 +84,13 @@ const Command kCommands[] = {
      "as WKT.\n"
      "For an E57 file: its size and every element of its XML tree with type, range and value: the scans\n"
      "with their poses and point prototypes, the images and their representations.\n"
+     "For a RIEGL project or RDB file: the metadata of each scan's RDB file, read through the RIEGL library;\n"
+     "without the library, the message that says how to install it.\n"
      "For a node file: its transform, the point count, the integer and the real box, the ranges of colour,\n"
      "intensity and scan index, and which side files (classes, normals) lie beside it.\n"
      "\n"
-     "  --points N   also list the first N points of a node file with all their fields\n",
+     "  --points N             also list the first N points of a node file with all their fields\n"
+     "  --riegl-library FILE   the RIEGL library (default: librdb.so on the library search path)\n",
      pcprep::runInfo},
     {"export", "write the points of a cache, node files or scan files to a PTS or LAZ file or an HSPC data set",
      "Usage: pcprep export DIR OUT [--depth D]\n"
