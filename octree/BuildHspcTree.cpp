@@ -85,35 +85,42 @@ private:
 };
 
 // What a conversion writes into a folder that holds other files too (the cache's log, key and side files):
-// every entry that was not there before it started. A failed conversion takes them away again, so that the
-// folder is as the run left it.
-class NewEntriesRollback
+// the folders that appeared while it ran (node folders, its scratch folder) and its own files. A failed
+// conversion takes them away again. Other files that appear meanwhile are not its own: the host's cancel
+// file among them, which must outlive the conversion that it stopped.
+class DataSetRollback
 {
 public:
-    explicit NewEntriesRollback(fs::path folder) : m_folder(std::move(folder))
+    DataSetRollback(fs::path folder, std::set<fs::path> dataSetFiles)
+        : m_folder(std::move(folder)), m_dataSetFiles(std::move(dataSetFiles))
     {
         for (const fs::directory_entry& entry : fs::directory_iterator(m_folder))
             m_before.insert(entry.path().filename());
     }
-    ~NewEntriesRollback()
+    ~DataSetRollback()
     {
         if (m_kept)
             return;
         std::error_code error;
-        std::vector<fs::path> added;
+        std::vector<fs::path> written;
         for (fs::directory_iterator it(m_folder, error), end; !error && it != end; it.increment(error))
-            if (m_before.count(it->path().filename()) == 0)
-                added.push_back(it->path());
-        for (const fs::path& path : added)
+        {
+            const fs::path name = it->path().filename();
+            std::error_code typeError;
+            if (m_before.count(name) == 0 && (it->is_directory(typeError) || m_dataSetFiles.count(name) > 0))
+                written.push_back(it->path());
+        }
+        for (const fs::path& path : written)
             fs::remove_all(path, error);
     }
-    NewEntriesRollback(const NewEntriesRollback&) = delete;
-    NewEntriesRollback& operator=(const NewEntriesRollback&) = delete;
+    DataSetRollback(const DataSetRollback&) = delete;
+    DataSetRollback& operator=(const DataSetRollback&) = delete;
 
     void keep() { m_kept = true; }
 
 private:
     fs::path m_folder;
+    std::set<fs::path> m_dataSetFiles;
     std::set<fs::path> m_before;
     bool m_kept = false;
 };
@@ -149,7 +156,7 @@ void buildHspcTree(const std::vector<ScanFiles>& scans, const CacheFiles& cacheF
     exporter.setExpectedPointCount(points);
 
     ScanPointSource source(scans, normalsFromScans, calculator);
-    NewEntriesRollback rollback(outputFolder);
+    DataSetRollback rollback(outputFolder, {treeName, "tree.hspc", "queryTree.hspc", "hspcInfo.json"});
     const IntervalWriter progressRepeat(logger);
     exporter.run([&source](std::vector<ExportPoint>& batch) { return source.next(batch); });
     // A cancel that came too late to stop the conversion still ends the run: the data set goes again.
