@@ -133,9 +133,9 @@ void printDataSet(const pc_preprocess::CacheFiles& files)
     {
         const HspcDataSet dataSet = openHspcDataSet(treeFile);
         const HSPC::Tree tree = loadHspcTree(*dataSet.reader, HSPC::kQueryTreeName);
-        std::printf("  data set %s (%s), %llu points in %zu nodes\n", treeFile.string().c_str(),
+        std::printf("  data set %s (%s), %llu points in %zu node%s\n", treeFile.string().c_str(),
                     dataSet.form.c_str(), static_cast<unsigned long long>(tree.header.pointCount),
-                    tree.nodes.size());
+                    tree.nodes.size(), tree.nodes.size() == 1 ? "" : "s");
     }
     catch (const std::exception& e)
     {
