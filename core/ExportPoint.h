@@ -2,6 +2,8 @@
 
 #include <cstdint>
 
+#include "core/IoLightPoint.h"
+#include "core/IoTransfo.h"
 #include "geom/Point3d.h"
 #include "geom/Vector3d.h"
 
@@ -29,5 +31,22 @@ struct ExportPoint
                g == o.g && b == o.b && intensity == o.intensity;
     }
 };
+
+// A point of a node or scan file in real coordinates. `withClasses`: the file has a class side file; without
+// one its points have no class to pass on.
+inline ExportPoint exportPointOf(const IoLightPoint& p, const IoTransfo& t, bool withClasses)
+{
+    ExportPoint e;
+    e.position = {p.x * t.scale[0] + t.offset[0], p.y * t.scale[1] + t.offset[1], p.z * t.scale[2] + t.offset[2]};
+    e.radius = p.radius;
+    e.classification = withClasses ? p.classification : -1;
+    e.scanId = p.scanId;
+    e.r = p.r;
+    e.g = p.g;
+    e.b = p.b;
+    e.intensity = p.intensity;
+    e.normal = {p.nx, p.ny, p.nz};
+    return e;
+}
 
 }  // namespace pc_preprocess

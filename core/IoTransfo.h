@@ -27,6 +27,18 @@ struct IoTransfo
     bool operator==(const IoTransfo&) const = default;
 };
 
+// round((value - offset) * inverseScale), half away from zero: the integer of a real coordinate on one axis of
+// a grid. False when it leaves the 32-bit range (or is not a number), and then `cell` is untouched.
+inline bool toGridInteger(double value, double offset, double inverseScale, int32_t& cell)
+{
+    const double rounded = std::round((value - offset) * inverseScale);
+    // Written so that a NaN fails the test too.
+    if (!(rounded >= -2147483648.0 && rounded <= 2147483647.0))
+        return false;
+    cell = static_cast<int32_t>(rounded);
+    return true;
+}
+
 // What an importer applies to its raw coordinates: one 3 x 4 row-major matrix that takes the cache's scale
 // and offset and the scan's pose together, so that each axis costs one dot product and a rounding.
 struct Discretization

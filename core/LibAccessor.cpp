@@ -330,6 +330,9 @@ std::vector<ScanFiles> LibAccessor::runSteps(const std::wstring& cacheFolder,
         }
         catch (const std::exception& e)
         {
+            // A tree building that stopped at the cancel file ends the run as cancelled, not as failed.
+            if (cancelled() && !logger->errorHasOccurred())
+                endCancelled(logger, cacheFolder, "Preprocessing cancelled by user.");
             logger->error(std::string("ERROR tree building :\n\t") + e.what());
         }
         if (logger->errorHasOccurred())

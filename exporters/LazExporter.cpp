@@ -74,16 +74,6 @@ laszip_header lazsHeader(const IoTransfo& grid)
     return header;
 }
 
-// X = round((x - offset) / scale), half away from zero, for one axis; false outside the 32-bit range.
-bool quantize(double value, double offset, double inverseScale, laszip_I32& out)
-{
-    const double rounded = std::round((value - offset) * inverseScale);
-    if (!(rounded >= -2147483648.0 && rounded <= 2147483647.0))
-        return false;
-    out = static_cast<laszip_I32>(rounded);
-    return true;
-}
-
 // The class byte of a point: its class where the source has one (0 to 255), else 0, "never classified".
 laszip_U8 lasClass(int32_t classification)
 {
@@ -191,9 +181,9 @@ uint64_t LazExporter::run(const BatchSource& nextBatch)
         for (const ExportPoint& source : points)
         {
             const geom::Point3d p = m_transform.transform(source.position);
-            if (!quantize(p.x, offset[0], inverseScale[0], point->X) ||
-                !quantize(p.y, offset[1], inverseScale[1], point->Y) ||
-                !quantize(p.z, offset[2], inverseScale[2], point->Z))
+            if (!toGridInteger(p.x, offset[0], inverseScale[0], point->X) ||
+                !toGridInteger(p.y, offset[1], inverseScale[1], point->Y) ||
+                !toGridInteger(p.z, offset[2], inverseScale[2], point->Z))
                 throw std::runtime_error("LazExporter: point " + std::to_string(count) + " of " +
                                          ws2s(m_path) +
                                          " lies outside the 32-bit integer grid of its scale and offset.");

@@ -2,13 +2,16 @@
 
 #include <filesystem>
 #include <stdexcept>
+#include <system_error>
 
 #include "cachefiles/VrmFile.h"
 #include "core/StringConversion.h"
+#include "octree/BuildHspcTree.h"
 #include "octree/Node.h"
 #include "octree/SplitRoot.h"
 #include "octree/TreeCounts.h"
 #include "octree/TreeWorkers.h"
+#include "scanview/StructuredNormalCalculator.h"
 #include "services/Logger.h"
 #include "services/Stopwatch.h"
 
@@ -129,23 +132,68 @@ void buildOctree(const std::vector<ScanFiles>& scans, const std::wstring& pointF
     logger->message("Finished VRM file : Elapsed time = " + vrmClock.elapsed());
 }
 
+void buildHspc(const std::vector<ScanFiles>& scans, const CacheFiles& cacheFiles, const IoTransfo& transfo,
+               SupportedAttributes& attributes, uint64_t threads, const std::shared_ptr<Logger>& logger,
+               bool noPanoramaStyle, bool computeNormals, const std::string& wkt, geom::UnitsValue units,
+               const std::function<bool()>& cancel)
+{
+    logger->message("Running preprocessing HSPC-style");
+    const bool normalsFromScans = attributes.normals;
+    const StructuredNormalCalculator calculator(scans, true, noPanoramaStyle,
+                                                !attributes.normals && computeNormals);
+    if (!attributes.normals)
+        attributes.normals = calculator.isActivated();
+    // A data set keeps colour whenever it keeps intensity, so that a viewer always has something to show.
+    attributes.color = attributes.color || attributes.intensity;
+    logger->message(describe(attributes));
+
+    logger->increaseStep("HSPC");
+    logger->message("Started converting to HSPC");
+    const Stopwatch clock;
+    try
+    {
+        buildHspcTree(scans, cacheFiles, attributes, normalsFromScans, transfo, wkt, units, calculator, threads,
+                      logger, cancel);
+    }
+    catch (const std::exception& e)
+    {
+        // A conversion that stopped because of a cancel ends as a cancel, not as a failure.
+        if (!(cancel && cancel()))
+        {
+            logger->error(std::string("ERROR converting HSPC :\n\t") + e.what());
+            throw;
+        }
+    }
+    catch (...)
+    {
+        logger->error("ERROR Building HSPC tree:\n\t");
+        throw;
+    }
+    requireNotCancelled(*logger, cancel);
+    logger->message("Finished converting HSPC : Elapsed time = " + clock.elapsed());
+    const std::wstring& treeFile = cacheFiles.getTreeFile();
+    std::error_code error;
+    if (!std::filesystem::exists(toPath(treeFile), error))
+        logger->message(" => ERROR: failed to create hspc file " + ws2s(treeFile));
+}
+
 }  // namespace
 
 void buildTree(const std::vector<ScanFiles>& scans, const std::wstring& cacheFolder,
                const CacheFiles& cacheFiles, const IoTransfo& transfo, SupportedAttributes& attributes,
                uint64_t threads, std::shared_ptr<Logger> logger, bool noPanoramaStyle, bool hspcOnly,
-               bool /*computeNormals*/, const std::string& /*wkt*/, geom::UnitsValue /*units*/,
+               bool computeNormals, const std::string& wkt, geom::UnitsValue units,
                const std::function<bool()>& cancelPredicate, const ThreadStarter& startWorker,
                uint64_t subtreePointBudget)
 {
     const std::filesystem::path pointFolder = toPath(cacheFolder) / "Data";
     std::filesystem::create_directories(pointFolder);
-    // The HSPC converter is not part of the library yet: such a run ends with this error, and its per-scan
-    // files are cleaned away like those of any failed run.
     if (hspcOnly)
-        throw std::runtime_error(
-            "buildTree : building an HSPC data set is not available in this version of the library; build "
-            "the octree or convert only instead.");
+    {
+        buildHspc(scans, cacheFiles, transfo, attributes, threads, logger, noPanoramaStyle, computeNormals, wkt,
+                  units, cancelPredicate);
+        return;
+    }
     buildOctree(scans, toWide(pointFolder), cacheFiles, transfo, attributes, threads, logger, noPanoramaStyle,
                 cancelPredicate, startWorker, subtreePointBudget);
 }

@@ -9,10 +9,10 @@
 #include "cachefiles/MetaFile.h"
 #include "cachefiles/PntFiles.h"
 #include "cachefiles/PntFormat.h"
-#include "core/NodePaths.h"
 #include "core/StringConversion.h"
 #include "octree/NodeFilters.h"
 #include "octree/NodeSplit.h"
+#include "octree/ScanFileRemoval.h"
 #include "octree/ScanPointStream.h"
 #include "services/IntervalWriter.h"
 #include "services/Logger.h"
@@ -32,23 +32,6 @@ struct ScanInput
     uint64_t numPoints;
     MetaData meta;
 };
-
-void removeIfThere(const std::wstring& path)
-{
-    std::error_code ignored;
-    std::filesystem::remove(toPath(path), ignored);
-}
-
-// A scan's files go as soon as its points are in the tree, so that the disk holds each point about once.
-void deleteScanFiles(const ScanFiles& scan)
-{
-    removeIfThere(scan.pntFile);
-    removeIfThere(getClassPathFromPnt(scan.pntFile));
-    removeIfThere(getNormalPathFromPnt(scan.pntFile));
-    removeIfThere(scan.metaFile);
-    for (const ScanImageFiles& image : scan.images)
-        removeIfThere(image.metaFile);
-}
 
 // The spacing of a scan's points over the share of the sphere it covers, as a factor of their distances.
 float tandFactor(const ScanInput& scan)

@@ -38,6 +38,16 @@ step "pcprep verify $out/e57-cache"
 printf '\nThe camera pictures as the file holds them are in %s;\n' "$out/e57-cache/Bubbles/2DImages"
 printf 'the panoramas, with the cameras'"'"' colours below the tripods, in %s.\n' "$out/e57-cache/Bubbles"
 
+step "pcprep run --hspc --cache $out/hspc $out/pts/*.pts $out/ptx/room-scans.ptx $out/las/room-tile.las $out/e57/room-project.e57 (the project as an HSPC data set)"
+"$pcprep" run --hspc --cache "$out/hspc" "$out"/pts/*.pts "$out/ptx/room-scans.ptx" "$out/las/room-tile.las" \
+  "$out/e57/room-project.e57"
+step "pcprep verify $out/hspc"
+"$pcprep" verify "$out/hspc"
+step "pcprep info $out/hspc"
+"$pcprep" info "$out/hspc"
+step "pcprep export $out/cache $out/room.hspc.pack (the octree's leaves as one HSPC archive)"
+"$pcprep" export "$out/cache" "$out/room.hspc.pack"
+
 step "pcprep export $out/cache $out/room.laz (every point, from the leaves)"
 "$pcprep" export "$out/cache" "$out/room.laz"
 step "pcprep export $out/cache $out/room-overview.pts --depth 1 (the cloud as a viewer shows it at depth 1)"

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <set>
 #include <sstream>
 #include <thread>
@@ -21,6 +22,7 @@
 #include "core/StringConversion.h"
 #include "scanview/NormalCodes.h"
 #include "support/FileText.h"
+#include "support/HspcDataSetPoints.h"
 #include "support/PtsSamples.h"
 #include "support/RdbDoubleFile.h"
 #include "hspc/store/DiskArchive.h"
@@ -134,10 +136,12 @@ void addSidePoints(const std::vector<pc_preprocess::IoLightPoint>& points, std::
         out.emplace_back(p.x, p.y, p.z, p.classification, pc_preprocess::encodeNormal({p.nx, p.ny, p.nz}));
 }
 
-void leafSidePoints(const fs::path& data, const pc_preprocess::VrmNode& node, std::vector<SidePoint>& out)
+// Calls `visit` with the points of each leaf of a tree.
+void forEachLeaf(const fs::path& data, const pc_preprocess::VrmNode& node,
+                 const std::function<void(const std::vector<pc_preprocess::IoLightPoint>&)>& visit)
 {
     for (const pc_preprocess::VrmNode& child : node.children)
-        leafSidePoints(data, child, out);
+        forEachLeaf(data, child, visit);
     if (!node.children.empty())
         return;
     pc_preprocess::IoTransfo transfo;
@@ -145,7 +149,7 @@ void leafSidePoints(const fs::path& data, const pc_preprocess::VrmNode& node, st
     pc_preprocess::readPNZ(
         pc_preprocess::toWide(data / pc_preprocess::toPath(node.file).replace_extension(".pnz")), transfo,
         points);
-    addSidePoints(points, out);
+    visit(points);
 }
 
 // The line of `pcprep info` that sums up a cache's tree.
@@ -404,7 +408,8 @@ TEST(Pcprep, LazRoundTripKeepsNormalsAndClasses)
     addSidePoints(source, expected);
     // The LAZ file keeps the node's grid, and the run takes it over: the integers stay as they were.
     std::vector<SidePoint> kept;
-    leafSidePoints(cache / "Data", pc_preprocess::readVrm(pc_preprocess::toWide(cache / "cache.vrm")), kept);
+    forEachLeaf(cache / "Data", pc_preprocess::readVrm(pc_preprocess::toWide(cache / "cache.vrm")),
+                [&kept](const std::vector<pc_preprocess::IoLightPoint>& points) { addSidePoints(points, kept); });
     std::sort(expected.begin(), expected.end());
     std::sort(kept.begin(), kept.end());
     ASSERT_EQ(kept.size(), expected.size());
@@ -606,4 +611,115 @@ TEST(Pcprep, HspcDataSetsAreDescribedAndChecked)
         << out;
     EXPECT_NE(runPcprep(temp, {"info", (folder / "queryTree.hspc").string()}, &out, &err), 0);
     EXPECT_NE(err.find("loadTree: "), std::string::npos) << err;
+}
+
+namespace
+{
+
+// The points of every per-scan file in a convert-only cache's point folder, as a data set of them holds them.
+std::vector<pcp_test::DataSetPoint> scanFilePoints(const fs::path& data, const std::vector<HSPC::Attribute>& attributes)
+{
+    std::vector<pcp_test::DataSetPoint> points;
+    for (const auto& entry : fs::directory_iterator(data))
+    {
+        const std::string name = entry.path().filename().string();
+        if (name.size() < 9 || name.compare(name.size() - 9, 9, "-temp.pnt") != 0)
+            continue;
+        pc_preprocess::IoTransfo transfo;
+        std::vector<pc_preprocess::IoLightPoint> scan;
+        pc_preprocess::readPNT(pc_preprocess::toWide(entry.path()), transfo, scan);
+        for (const pc_preprocess::IoLightPoint& p : scan)
+            points.push_back(pcp_test::dataSetPointOf(p, attributes));
+    }
+    return points;
+}
+
+}  // namespace
+
+TEST(Pcprep, HspcRunHoldsThePointsOfTheScansAndExportHoldsTheLeaves)
+{
+    pcp_test::TempFolder temp;
+    const fs::path sample = temp.path() / "s";
+    ASSERT_EQ(runPcprep(temp, {"sample", sample.string(), "--parts", "pts,las,ptx,e57", "--points", "20000",
+                               "--scans", "2", "--ptx-points", "40000", "--e57-points", "40000"}),
+              0);
+    const std::vector<std::string> project = {
+        (sample / "pts" / "room-scan-1.pts").string(), (sample / "pts" / "room-scan-2.pts").string(),
+        (sample / "ptx" / "room-scans.ptx").string(), (sample / "las" / "room-tile.las").string(),
+        (sample / "e57" / "room-project.e57").string()};
+    const auto run = [&](const fs::path& cache, std::vector<std::string> options, std::string& out)
+    {
+        std::vector<std::string> arguments = {"run", "--cache", cache.string(), "--threads", "2"};
+        arguments.insert(arguments.end(), options.begin(), options.end());
+        arguments.insert(arguments.end(), project.begin(), project.end());
+        std::string err;
+        EXPECT_EQ(runPcprep(temp, arguments, &out, &err), 0) << err;
+    };
+    std::string out;
+    const fs::path converted = temp.path() / "converted";
+    run(converted, {"--convert-only"}, out);
+    for (const bool pack : {false, true})
+    {
+        SCOPED_TRACE(pack ? "pack" : "folder");
+        const fs::path cache = temp.path() / (pack ? "packed" : "hspc");
+        run(cache, pack ? std::vector<std::string>{"--hspc", "--pack"} : std::vector<std::string>{"--hspc"}, out);
+        const fs::path dataSet = pack ? cache / "cache.hspc.pack" : cache;
+        EXPECT_NE(out.find("  data set " + (pack ? dataSet : cache / "queryTree.hspc").string()), std::string::npos)
+            << out;
+        EXPECT_NE(out.find("key file complete"), std::string::npos) << out;
+        EXPECT_FALSE(fs::exists(cache / "temp"));
+        for (const auto& entry : fs::directory_iterator(cache / "Data"))
+            ADD_FAILURE() << "a scan file is left: " << entry.path();
+
+        const pcp_test::DataSetContent content = pcp_test::readDataSetPoints(dataSet);
+        const std::vector<pcp_test::DataSetPoint> expected =
+            scanFilePoints(converted / "Data", content.tree.attributes.attributes);
+        ASSERT_GT(expected.size(), 50000u);
+        pcp_test::expectSamePointsLessDuplicates(expected, content.points);
+
+        std::string err;
+        EXPECT_EQ(runPcprep(temp, {"info", dataSet.string()}, &out, &err), 0) << err;
+        EXPECT_NE(out.find("Points        " + std::to_string(content.points.size())), std::string::npos) << out;
+        EXPECT_EQ(runPcprep(temp, {"verify", dataSet.string()}, &out, &err), 0) << out << err;
+    }
+
+    // Normals asked for: the scans with panoramas give their points the normals of their normal maps.
+    const fs::path withNormals = temp.path() / "normals";
+    std::string err;
+    ASSERT_EQ(runPcprep(temp, {"run", "--hspc", "--normals", "--cache", withNormals.string(),
+                               (sample / "ptx" / "room-scans.ptx").string()},
+                        &out, &err),
+              0)
+        << err;
+    const pcp_test::DataSetContent normals = pcp_test::readDataSetPoints(withNormals);
+    const auto& attributes = normals.tree.attributes.attributes;
+    EXPECT_TRUE(std::any_of(attributes.begin(), attributes.end(),
+                            [](const HSPC::Attribute& a) { return a.name == "Normal"; }));
+    const size_t withCode = size_t(std::count_if(normals.points.begin(), normals.points.end(),
+                                                 [](const pcp_test::DataSetPoint& p) { return p.normal != 0; }));
+    EXPECT_GT(withCode, normals.points.size() / 2) << "most points of a room lie on flat surfaces";
+
+    // An octree cache out to a data set, as a folder and as one archive: the points of its leaves.
+    const fs::path octree = temp.path() / "octree";
+    run(octree, {}, out);
+    for (const char* target : {"leaves.hspc", "leaves.hspc.pack"})
+    {
+        SCOPED_TRACE(target);
+        const fs::path path = temp.path() / target;
+        ASSERT_EQ(runPcprep(temp, {"export", octree.string(), path.string()}, &out, &err), 0) << err;
+        EXPECT_NE(out.find("to the HSPC data set " + path.string()), std::string::npos) << out;
+        EXPECT_FALSE(fs::exists(temp.path() / "leaves.hspc.pack.partial"));
+        const pcp_test::DataSetContent content = pcp_test::readDataSetPoints(path);
+        std::vector<pcp_test::DataSetPoint> leaves;
+        forEachLeaf(octree / "Data", pc_preprocess::readVrm(pc_preprocess::toWide(octree / "cache.vrm")),
+                    [&](const std::vector<pc_preprocess::IoLightPoint>& points)
+                    {
+                        for (const pc_preprocess::IoLightPoint& p : points)
+                            leaves.push_back(pcp_test::dataSetPointOf(p, content.tree.attributes.attributes));
+                    });
+        pcp_test::expectSamePointsLessDuplicates(leaves, content.points);
+        // An existing target is never overwritten.
+        EXPECT_EQ(runPcprep(temp, {"export", octree.string(), path.string()}, &out, &err), 1);
+        EXPECT_NE(err.find("already exists"), std::string::npos) << err;
+    }
 }

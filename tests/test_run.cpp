@@ -51,19 +51,21 @@ constexpr double kStep = 0.001;
 // A cache folder of its own inside the test's temporary folder, with the logger a host would own.
 struct Cache
 {
-    explicit Cache(const pcp_test::TempFolder& temp)
+    // `hspc`: a run that ends in an HSPC data set rather than the octree.
+    explicit Cache(const pcp_test::TempFolder& temp, bool hspc = false)
         : folder(temp.path() / "cäche-缓存"),
           wideFolder(toWide(folder)),
-          files(wideFolder, L"cache", false, false)
+          files(wideFolder, L"cache", hspc, false),
+          hspc(hspc)
     {
         fs::create_directory(folder);
-        logger = std::make_shared<Logger>(files.getLogFile(), false, false);
+        logger = std::make_shared<Logger>(files.getLogFile(), hspc, false);
     }
 
     std::vector<ScanFiles> run(const std::vector<InputFileData>& inputs, unsigned threads = 2,
                                bool convertOnly = true)
     {
-        return accessor.runFull(wideFolder, inputs, files, L"my cäche", kStep, threads, false, false, false,
+        return accessor.runFull(wideFolder, inputs, files, L"my cäche", kStep, threads, false, hspc, false,
                                 logger, convertOnly);
     }
 
@@ -96,6 +98,7 @@ struct Cache
     fs::path folder;
     std::wstring wideFolder;
     CacheFiles files;
+    bool hspc;
     std::shared_ptr<Logger> logger;
     LibAccessor accessor;
 };
@@ -423,6 +426,65 @@ TEST(Run, CancelFileEndsTheRunWithOnlyTheLog)
     }
 }
 
+TEST(Run, HspcRunEndsInADataSetOrWithOnlyTheLog)
+{
+    pcp_test::TempFolder temp;
+    std::vector<InputFileData> inputs;
+    for (int i = 0; i < 6; ++i)
+    {
+        const std::wstring input = temp.file(L"scan-" + std::to_wstring(i) + L".pts");
+        pcp_test::writePtsFile(input, 20000, {}, uint64_t(i) * 20000);
+        inputs.emplace_back(input, 1.0);
+    }
+    {
+        // A finished run: the complete key file, the data set under the names of the cache files, the scans'
+        // files consumed, and no sorting folder.
+        Cache cache(temp, true);
+        cache.run(inputs, 2, false);
+        EXPECT_TRUE(readKeyFile(cache.files.getKeyFile()).complete());
+        EXPECT_TRUE(fs::is_regular_file(cache.folder / "queryTree.hspc"));
+        EXPECT_TRUE(fs::is_regular_file(cache.folder / "queryTree.vrp"));
+        EXPECT_TRUE(fs::is_empty(cache.folder / "Data"));
+        EXPECT_FALSE(fs::exists(cache.folder / "temp"));
+        EXPECT_NE(cache.log().find("Finished converting HSPC : Elapsed time = "), std::string::npos);
+        // The host completes the step plan once the run has returned.
+        while (cache.logger->running())
+            cache.logger->increaseStep("Done");
+        EXPECT_EQ(cache.finalPercentage(), "100");
+    }
+    fs::remove_all(temp.path() / "cäche-缓存");
+    {
+        // Cancelled once the conversion has read a scan: "CANCEL", and only the log is left.
+        Cache cache(temp, true);
+        const auto converting = [&](const fs::path& folder)
+        {
+            if (cache.log().find("Started converting to HSPC") == std::string::npos)
+                return false;
+            size_t scans = 0;
+            for (const auto& entry : fs::directory_iterator(folder / "Data"))
+                scans += entry.path().extension() == ".pnt";
+            return scans < inputs.size();
+        };
+        EXPECT_EQ(cache.runCancelledWhen(converting, inputs, 2, false), "Preprocessing cancelled by user.")
+            << cache.log();
+        EXPECT_EQ(entriesOf(cache.folder), std::set<std::string>{"cache.log"});
+        EXPECT_EQ(cache.finalPercentage(), "CANCEL");
+    }
+    fs::remove_all(temp.path() / "cäche-缓存");
+    {
+        // The converter cannot have its sorting folder: "FAIL", the reason in the log, and only the log.
+        Cache cache(temp, true);
+        std::ofstream(cache.folder / "temp") << "in the way";
+        EXPECT_EQ(errorText([&] { cache.run(inputs, 2, false); }),
+                  "Preprocessing failed: see " + ws2s(cache.files.getLogFile()));
+        EXPECT_EQ(entriesOf(cache.folder), std::set<std::string>{"cache.log"});
+        EXPECT_NE(cache.log().find("ERROR converting HSPC :\n\tHspcExport ERROR: Could not create "),
+                  std::string::npos)
+            << cache.log();
+        EXPECT_EQ(cache.finalPercentage(), "FAIL");
+    }
+}
+
 TEST(Run, ThreadedConversionTakesLargestFirstAndStopsQuietlyAtCancel)
 {
     pcp_test::TempFolder temp;
@@ -535,15 +597,15 @@ TEST(Run, CancelAndFullDiskInsideATreeWorkerLeaveOnlyTheLog)
         Cache cache(temp);
         const std::string outcome =
             cache.runCancelledWhen(subtreeHasBegun, {InputFileData(tile, 1.0)}, 2, false);
-        // The tree building's cancel comes to the run as the stage's error, and an error outranks a cancel.
-        EXPECT_EQ(outcome, "Preprocessing failed: see " + ws2s(cache.files.getLogFile()));
+        // A cancel inside the tree building ends the run as cancelled, not as failed.
+        EXPECT_EQ(outcome, "Preprocessing cancelled by user.");
         EXPECT_EQ(entriesOf(cache.folder), std::set<std::string>{"cache.log"});
         const std::string log = cache.log();
         EXPECT_NE(log.find("\nPreprocessing cancelled.\n"), std::string::npos) << log;
         EXPECT_NE(log.find("Started splitting threaded"), std::string::npos);
-        EXPECT_NE(log.find("ERROR tree building :\n\tPreprocessing cancelled by user."), std::string::npos);
+        EXPECT_EQ(log.find("ERROR tree building"), std::string::npos) << log;
         EXPECT_EQ(log.find("Finished splitting threaded"), std::string::npos);
-        EXPECT_EQ(cache.finalPercentage(), "FAIL");
+        EXPECT_EQ(cache.finalPercentage(), "CANCEL");
     }
     fs::remove_all(folder);
 

@@ -1,4 +1,5 @@
-// pcprep export: points of node files, per-scan point files or a cache's tree out to a PTS or LAZ file.
+// pcprep export: points of node files, per-scan point files or a cache's tree out to a PTS or LAZ file or an
+// HSPC data set.
 #include <cstdio>
 #include <filesystem>
 #include <memory>
@@ -13,6 +14,8 @@
 #include "core/FileSizeString.h"
 #include "core/NodePaths.h"
 #include "core/StringConversion.h"
+#include "cachefiles/CacheFolder.h"
+#include "exporters/HspcExporter.h"
 #include "exporters/LazExporter.h"
 #include "exporters/PtsExporter.h"
 #include "geom/Matrix3d.h"
@@ -32,23 +35,8 @@ using pc_preprocess::IoLightPoint;
 using pc_preprocess::IoTransfo;
 
 constexpr uint64_t kBatch = 65536;
-
-// `withClasses`: the source has a class side file; without one its points have no class to pass on.
-ExportPoint toExportPoint(const IoLightPoint& p, const IoTransfo& t, bool withClasses)
-{
-    ExportPoint e;
-    e.position = {p.x * t.scale[0] + t.offset[0], p.y * t.scale[1] + t.offset[1],
-                  p.z * t.scale[2] + t.offset[2]};
-    e.radius = p.radius;
-    e.classification = withClasses ? p.classification : -1;
-    e.scanId = p.scanId;
-    e.r = p.r;
-    e.g = p.g;
-    e.b = p.b;
-    e.intensity = p.intensity;
-    e.normal = {p.nx, p.ny, p.nz};
-    return e;
-}
+constexpr const char* kHspcSuffix = ".hspc";
+constexpr const char* kPackSuffix = ".hspc.pack";
 
 // Hands out the points of the sources one batch after the other. A plain file is read a batch at a time, so
 // that a scan of any size passes through bounded memory; a compressed node is small and read whole.
@@ -94,7 +82,7 @@ public:
             const bool withClasses =
                 fs::exists(pc_preprocess::toPath(pc_preprocess::getClassPathFromPnt(source)));
             for (const IoLightPoint& p : m_points)
-                batch.push_back(toExportPoint(p, transfo, withClasses));
+                batch.push_back(pc_preprocess::exportPointOf(p, transfo, withClasses));
         }
         return !batch.empty();
     }
@@ -146,6 +134,87 @@ std::vector<fs::path> fileSources(const ParsedArguments& parsed)
     return sources;
 }
 
+bool endsWith(const std::string& text, const std::string& suffix)
+{
+    return text.size() >= suffix.size() && text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
+}
+
+bool isHspcTarget(const fs::path& target)
+{
+    const std::string name = target.filename().string();
+    return endsWith(name, kHspcSuffix) || endsWith(name, kPackSuffix);
+}
+
+// Every node and scan file has radius, colour, intensity and scan index; classes and normals are there when
+// a side file lies beside one of the sources.
+pc_preprocess::SupportedAttributes sourceAttributes(const std::vector<fs::path>& sources)
+{
+    pc_preprocess::SupportedAttributes attributes;
+    attributes.radius = attributes.color = attributes.intensity = attributes.scanId = true;
+    for (const fs::path& source : sources)
+    {
+        const std::wstring wide = pc_preprocess::toWide(source);
+        std::error_code error;
+        attributes.classification = attributes.classification ||
+                                    fs::exists(pc_preprocess::toPath(pc_preprocess::getClassPathFromPnt(wide)), error);
+        attributes.normals =
+            attributes.normals || fs::exists(pc_preprocess::toPath(pc_preprocess::getNormalPathFromPnt(wide)), error);
+    }
+    return attributes;
+}
+
+// A folder that goes away again unless the export that writes into it succeeds.
+class NewFolder
+{
+public:
+    explicit NewFolder(fs::path path) : m_path(std::move(path))
+    {
+        if (!fs::create_directory(m_path))
+            throw std::runtime_error(m_path.string() + " already exists.");
+    }
+    ~NewFolder()
+    {
+        std::error_code ignored;
+        if (!m_kept)
+            fs::remove_all(m_path, ignored);
+    }
+    NewFolder(const NewFolder&) = delete;
+    NewFolder& operator=(const NewFolder&) = delete;
+
+    const fs::path& path() const { return m_path; }
+    void keep() { m_kept = true; }
+
+private:
+    fs::path m_path;
+    bool m_kept = false;
+};
+
+// OUT.hspc becomes a folder that holds the data set; OUT.hspc.pack one archive, written in a folder beside it
+// that goes away once the archive has its name.
+uint64_t exportHspc(SourceReader& reader, const std::vector<fs::path>& sources, const fs::path& target)
+{
+    std::error_code error;
+    if (fs::exists(fs::symlink_status(target, error)))
+        throw std::runtime_error(target.string() + " already exists.");
+    const std::string name = target.filename().string();
+    const bool pack = endsWith(name, kPackSuffix);
+    NewFolder folder(pack ? fs::path(target.string() + ".partial") : target);
+    pc_preprocess::HspcExporter exporter(pc_preprocess::toWide(folder.path()), geom::Matrix3d::identity(),
+                                         reader.firstTransfo(), false, nullptr);
+    exporter.setSupportedAttributes(sourceAttributes(sources));
+    // The converter sizes its pools by the hardware.
+    exporter.setThreads(0);
+    const std::string treeName = name.substr(0, name.size() - std::string(kPackSuffix).size());
+    if (pack)
+        exporter.setPackArchiveName(treeName);
+    const uint64_t written = exporter.run([&reader](std::vector<ExportPoint>& batch) { return reader.next(batch); });
+    if (pack)
+        fs::rename(folder.path() / name, target);
+    else
+        folder.keep();
+    return written;
+}
+
 }  // namespace
 
 int runExport(const Arguments& arguments)
@@ -159,6 +228,19 @@ int runExport(const Arguments& arguments)
     const fs::path target = parsed.positional().back();
 
     SourceReader reader(sources);
+    if (isHspcTarget(target))
+    {
+        const uint64_t written = exportHspc(reader, sources, target);
+        uint64_t bytes = 0;
+        if (fs::is_regular_file(target))
+            bytes = fs::file_size(target);
+        else
+            pc_preprocess::getFoldersize(pc_preprocess::toWide(target), bytes);
+        std::printf("Wrote %llu points from %zu file%s to the HSPC data set %s (%s)\n",
+                    static_cast<unsigned long long>(written), sources.size(), sources.size() == 1 ? "" : "s",
+                    target.string().c_str(), pc_preprocess::getFileSizePrettyString(bytes).c_str());
+        return 0;
+    }
     std::unique_ptr<pc_preprocess::Exporter> exporter;
     const std::wstring wideTarget = pc_preprocess::toWide(target);
     if (target.extension() == ".laz")
@@ -167,7 +249,7 @@ int runExport(const Arguments& arguments)
     else if (target.extension() == ".pts")
         exporter = std::make_unique<pc_preprocess::PtsExporter>(wideTarget, geom::Matrix3d::identity());
     else
-        throw UsageError("OUT must end in .pts or .laz, not " + target.string());
+        throw UsageError("OUT must end in .pts, .laz, .hspc or .hspc.pack, not " + target.string());
 
     const uint64_t written =
         exporter->run([&reader](std::vector<ExportPoint>& batch) { return reader.next(batch); });

@@ -21,7 +21,9 @@
 #include "core/InputFileData.h"
 #include "core/LibAccessor.h"
 #include "core/StringConversion.h"
+#include "hspc/tree/SerializeTree.h"
 #include "pcprep/Command.h"
+#include "pcprep/HspcDataSet.h"
 #include "pcprep/InterruptWatch.h"
 #include "pcprep/LogErrors.h"
 #include "pcprep/ProgressDisplay.h"
@@ -123,6 +125,24 @@ void printPictures(const std::vector<pc_preprocess::ScanFiles>& scans)
         std::printf("           %s\n", ws2s(picture).c_str());
 }
 
+// The data set a run with --hspc wrote, as its tree file tells it.
+void printDataSet(const pc_preprocess::CacheFiles& files)
+{
+    const fs::path treeFile = toPath(files.getTreeFile());
+    try
+    {
+        const HspcDataSet dataSet = openHspcDataSet(treeFile);
+        const HSPC::Tree tree = loadHspcTree(*dataSet.reader, HSPC::kQueryTreeName);
+        std::printf("  data set %s (%s), %llu points in %zu node%s\n", treeFile.string().c_str(),
+                    dataSet.form.c_str(), static_cast<unsigned long long>(tree.header.pointCount),
+                    tree.nodes.size(), tree.nodes.size() == 1 ? "" : "s");
+    }
+    catch (const std::exception& e)
+    {
+        std::printf("  data set %s: %s\n", treeFile.string().c_str(), e.what());
+    }
+}
+
 void printSummary(const RunOptions& options, const pc_preprocess::CacheFiles& files,
                   const std::wstring& folder, const std::vector<pc_preprocess::ScanFiles>& scans,
                   double seconds)
@@ -146,6 +166,8 @@ void printSummary(const RunOptions& options, const pc_preprocess::CacheFiles& fi
     std::printf("  cache    %s (%s), key file %s\n", ws2s(folder).c_str(),
                 pc_preprocess::getFileSizePrettyString(cacheBytes).c_str(),
                 key.complete() ? "complete" : "not complete");
+    if (options.hspc)
+        printDataSet(files);
     std::printf("  log      %s\n", ws2s(files.getLogFile()).c_str());
     printPictures(scans);
 }
@@ -177,7 +199,8 @@ int runRun(const Arguments& arguments)
     // A cancel file left by an earlier run would end this one at once.
     fs::remove(cachePath / "cancel");
 
-    const pc_preprocess::CacheFiles files(folder, pc_preprocess::s2ws(options.name), options.hspc, false);
+    const pc_preprocess::CacheFiles files(folder, pc_preprocess::s2ws(options.name), options.hspc,
+                                            options.hspc && options.pack);
     auto logger = std::make_shared<pc_preprocess::Logger>(files.getLogFile(), options.hspc,
                                                           options.hspc && options.normals);
     logger->setCacheFolder(folder);

@@ -53,7 +53,12 @@ bool loadInto(HSPC::RootReader& reader, const std::string& name, HSPC::Tree& tre
 // The reduced tree and the info file describe the same nodes as the full tree.
 void checkCompanions(HSPC::RootReader& reader, const HSPC::Tree& full, Problems& problems)
 {
-    const std::string reducedName = HSPC::treeBlobName("tree");
+    // The reduced tree is "tree.hspc", or named after the tree name that the full tree's header keeps: a pack
+    // archive written under a name of its own holds "<name>.hspc".
+    std::string reducedName = HSPC::treeBlobName("tree");
+    std::vector<uint8_t> probe;
+    if (!reader.read(reducedName, probe) && !full.header.name.empty())
+        reducedName = HSPC::treeBlobName(full.header.name);
     HSPC::Tree reduced;
     if (loadInto(reader, reducedName, reduced, problems) && reduced.lodNodeCounts != full.lodNodeCounts)
         problems.add(reducedName.substr(1), "its nodes per lod differ from those of queryTree.hspc");

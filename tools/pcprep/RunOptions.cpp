@@ -69,6 +69,7 @@ RunOptions parseRunOptions(const Arguments& arguments)
                                              {"--convert-only", false},
                                              {"--no-panorama-style", false},
                                              {"--hspc", false},
+                                             {"--pack", false},
                                              {"--normals", false},
                                              {"--local-frame", false},
                                              {"--riegl-library", true},
@@ -101,6 +102,9 @@ RunOptions parseRunOptions(const Arguments& arguments)
     options.convertOnly = parsed.has("--convert-only");
     options.noPanoramaStyle = parsed.has("--no-panorama-style");
     options.hspc = parsed.has("--hspc");
+    options.pack = parsed.has("--pack");
+    if (options.pack && !options.hspc)
+        throw UsageError("--pack is for an HSPC data set: add --hspc");
     options.normals = parsed.has("--normals");
     options.localFrame = parsed.has("--local-frame");
     options.rieglLibrary = parsed.text("--riegl-library", "");

@@ -23,6 +23,7 @@ struct RunOptions
     bool convertOnly = false;
     bool noPanoramaStyle = false;
     bool hspc = false;
+    bool pack = false;  // with hspc: the data set as one pack archive NAME.hspc.pack
     bool normals = false;
     bool localFrame = false;
     std::string rieglLibrary;  // empty: the RIEGL library's usual names

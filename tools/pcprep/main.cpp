@@ -36,7 +36,10 @@ const Command kCommands[] = {
      "                          (default: 100000000)\n"
      "  --convert-only          stop after the per-scan point files, meta files and VRP: no tree\n"
      "  --no-panorama-style     never thin the tree by scanner distance\n"
-     "  --hspc                  build an HSPC data set instead of an octree\n"
+     "  --hspc                  build an HSPC data set instead of an octree: DIR/queryTree.hspc and "
+     "tree.hspc,\n"
+     "                          DIR/hspcInfo.json and the node files in numbered folders of DIR\n"
+     "  --pack                  with --hspc: the data set as one archive DIR/NAME.hspc.pack\n"
      "  --normals               compute normals where the input has none (HSPC)\n"
      "  --local-frame           carry georeferenced LAS and LAZ inputs into a local east-north-up frame in\n"
      "                          metres, on the ellipsoid below the first point; the cache keeps the frame "
@@ -89,7 +92,7 @@ const Command kCommands[] = {
      "  --points N             also list the first N points of a node file with all their fields\n"
      "  --riegl-library FILE   the RIEGL library (default: librdb.so on the library search path)\n",
      pcprep::runInfo},
-    {"export", "write the points of a cache, node files or scan files to a PTS or LAZ file",
+    {"export", "write the points of a cache, node files or scan files to a PTS or LAZ file or an HSPC data set",
      "Usage: pcprep export DIR OUT [--depth D]\n"
      "       pcprep export SOURCE... OUT\n"
      "\n"
@@ -97,6 +100,9 @@ const Command kCommands[] = {
      "  OUT.pts   text, \"x y z intensity r g b\" with 9 significant digits, the count on the first line\n"
      "  OUT.laz   LAZ 1.4, point format 7 with the normal in 4 extra bytes, on the first source's grid, so\n"
      "            that pcprep and the library read the normals back\n"
+     "  OUT.hspc  an HSPC data set in a new folder OUT.hspc, on the first source's grid, with radius, colour,\n"
+     "            intensity, scan index, and classes and normals where the sources have side files for them\n"
+     "  OUT.hspc.pack  the same data set as one pack archive\n"
      "From a cache folder DIR (or its .vrm file): the points of its leaves, which are all points at full\n"
      "resolution; with --depth D those of the nodes at depth D (0 is the root) and of the leaves above it,\n"
      "the cache as a viewer shows it at that level of detail.\n"
