@@ -1,0 +1,318 @@
+#include "hspc/query/HSPCImporterImpl.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <utility>
+
+#include "hspc/convert/SourceDescription.h"
+#include "hspc/format/AttributeDescription.h"
+#include "hspc/format/JsonObject.h"
+#include "hspc/format/LittleEndian.h"
+#include "hspc/format/MortonNodeBox.h"
+#include "hspc/format/NodeBlobName.h"
+#include "hspc/query/ConcurrentArchive.h"
+#include "hspc/store/FolderStore.h"
+#include "hspc/tree/TreeGeometry.h"
+
+namespace HSPC
+{
+namespace
+{
+
+constexpr const char* kWho = "HSPCImporterImpl::HSPCImporterImpl: ";
+// Raw x, y, z: three I64 cells.
+constexpr uint32_t kRawPositionSize = 24;
+constexpr uint8_t kRelativeI64 = 14;
+
+EncodingAttribute withDescription(const Attribute& attribute, const std::vector<AttributeDescription>& entries)
+{
+    EncodingAttribute described;
+    described.attribute = attribute;
+    for (const AttributeDescription& entry : entries)
+    {
+        const HistogramSpec& named = entry.histogram;
+        if (Attribute{named.type, named.role, named.name} == attribute)
+        {
+            described.offset = entry.offset.value_or(0.0);
+            described.scale = entry.scale.value_or(1.0);
+            break;
+        }
+    }
+    return described;
+}
+
+// The data set's largest stored value of an attribute, as its statistics say: a colour's depth follows from
+// it when the records are encoded again.
+std::optional<double> storedMax(const Attribute& attribute, const std::vector<AttributeDescription>& entries)
+{
+    for (const AttributeDescription& entry : entries)
+    {
+        const HistogramSpec& named = entry.histogram;
+        if (Attribute{named.type, named.role, named.name} == attribute && named.hasMax)
+        {
+            return named.max;
+        }
+    }
+    return std::nullopt;
+}
+
+}  // namespace
+
+HSPCImporterImpl::HSPCImporterImpl(const ImporterConfig& config) : m_config(config)
+{
+    if (!m_config.errorLogger)
+    {
+        std::fputs("HSPCImporterImpl::HSPCImporterImpl: error logger is not set.\n", stderr);
+        return;
+    }
+    m_valid = open();
+}
+
+bool HSPCImporterImpl::readTreeBytes(std::vector<uint8_t>& bytes)
+{
+    m_location = locateTree(m_config.path);
+    if (m_location.archive)
+    {
+        auto archive = std::make_unique<ConcurrentArchive>(m_location.container, m_config.errorLogger);
+        if (!archive->handler()->isOpen() || !archive->read(m_location.treeName, bytes))
+        {
+            m_config.errorLogger(std::string(kWho) + "Failed to read from archive: filename=" + m_config.path);
+            return false;
+        }
+        m_reader = std::move(archive);
+        return true;
+    }
+    m_reader = std::make_unique<FolderReader>(m_location.container, m_config.errorLogger);
+    if (!m_reader->read(m_location.treeName, bytes))
+    {
+        m_config.errorLogger(std::string(kWho) + "Failed to read input file: filename=" + m_config.path);
+        return false;
+    }
+    return true;
+}
+
+bool HSPCImporterImpl::open()
+{
+    std::vector<uint8_t> bytes;
+    if (!readTreeBytes(bytes))
+    {
+        return false;
+    }
+    const std::string fileName = m_reader->location() + m_location.treeName;
+    const auto fail = [&](const std::string& reason, const char* what)
+    {
+        m_config.errorLogger(reason);
+        m_config.errorLogger(std::string(kWho) + what + fileName);
+        return false;
+    };
+    // The chunks one by one first, so that the message says which of them is broken.
+    FieldReader reader(bytes);
+    std::string reason;
+    if (!readTreeHeader(reader, m_tree.header, reason))
+    {
+        return fail(reason, "Failed to extract header info from file: filename=");
+    }
+    if (!readTreeAttributes(reader, m_tree.attributes, reason))
+    {
+        return fail(reason, "Failed to extract attributes from file: filename=");
+    }
+    if (!loadTree(bytes, m_tree, [&](const std::string& text) { reason = text; }) ||
+        m_tree.attributes.attributes.empty() || !isMortonType(m_tree.attributes.attributes.front().type))
+    {
+        return fail(reason.empty() ? "loadTree: the first attribute is not a Morton position" : reason,
+                    "Failed to extract tree from file: filename=");
+    }
+    m_lods = HSPC::nodeLods(m_tree);
+    m_corners = HSPC::nodeCorners(m_tree);
+    return describeAttributes(fileName) && setUpEncoding();
+}
+
+bool HSPCImporterImpl::describeAttributes(const std::string& fileName)
+{
+    Json::Value comment;
+    std::vector<AttributeDescription> entries;
+    std::string reason;
+    if (!parseJsonObject(m_tree.header.comment, comment) ||
+        !parseAttributeDescription(m_tree.header.comment, [&](const std::string& text) { reason = text; }, entries))
+    {
+        if (!reason.empty())
+        {
+            m_config.errorLogger(reason);
+        }
+        m_config.errorLogger(std::string(kWho) +
+                             "Failed to parse meta information for setting up attributes for file: filename=" +
+                             fileName);
+        return false;
+    }
+    for (const Attribute& attribute : m_tree.attributes.attributes)
+    {
+        m_description.push_back(withDescription(attribute, entries));
+    }
+    m_scans = parseScanInfos(comment, m_config.errorLogger);
+    m_inputs = parseInputInfos(comment, m_config.errorLogger);
+
+    const std::vector<Attribute>& stored = attributes();
+    m_rawActions.push_back({0, 0, kRelativeI64});
+    m_rawRecordSize = kRawPositionSize;
+    for (uint32_t i = 1; i < stored.size(); ++i)
+    {
+        m_rawActions.push_back({i, m_rawRecordSize, stored[i].type});
+        m_rawRecordSize += typeSize(stored[i].type);
+    }
+    return true;
+}
+
+bool HSPCImporterImpl::setUpEncoding()
+{
+    const TreeHeader& header = m_tree.header;
+    std::vector<AttributeDescription> entries;
+    parseAttributeDescription(header.comment, nullptr, entries);
+
+    // Raw records as the encoder reads them: the cells on the data set's grid, then the stored values.
+    SourceDescription source;
+    const char* axisNames[] = {"X", "Y", "Z"};
+    for (unsigned axis = 0; axis < 3; ++axis)
+    {
+        source.push_back(makeSourceAttribute(AttributeType::I64, uint8_t(AttributeRole::X + axis),
+                                             axisNames[axis], header.scale[axis], header.origin[axis]));
+    }
+    for (size_t i = 1; i < m_description.size(); ++i)
+    {
+        const EncodingAttribute& described = m_description[i];
+        SourceAttribute value = makeSourceAttribute(described.attribute.type, described.attribute.role,
+                                                    described.attribute.name, described.scale, described.offset);
+        value.max = storedMax(described.attribute, entries);
+        source.push_back(std::move(value));
+    }
+
+    EncodingTarget target;
+    target.attributes = m_config.encodingAttributes;
+    target.origin = m_config.origin;
+    target.scale = m_config.scale;
+    if (target.attributes.empty())
+    {
+        // The data set's own layout and grid, its position as an M96 code whatever width it was stored in.
+        target.attributes = m_description;
+        target.attributes.front().attribute.type = AttributeType::M96;
+        target.origin = header.origin;
+        target.scale = header.scale;
+    }
+    m_targetOrigin = target.origin;
+    m_targetScale = target.scale;
+    m_encoder.emplace(m_config.errorLogger, std::move(source));
+    return m_encoder->setEncodingParameters(target, EncodingFlags{});
+}
+
+std::string HSPCImporterImpl::failure(NodeReadCode code, const std::string& reason) const
+{
+    return "Node file reading failed for tree=" + m_config.path + " code = " + std::to_string(unsigned(code)) +
+           ": " + reason;
+}
+
+bool HSPCImporterImpl::readNodeBlock(uint32_t nodeIndex, std::vector<uint8_t>& block, std::string& error) const
+{
+    block.clear();
+    if (!m_valid || nodeIndex >= m_tree.nodes.size())
+    {
+        error = failure(NodeReadCode::kNoSuchNode, "the tree has no node " + std::to_string(nodeIndex));
+        return false;
+    }
+    const std::array<uint64_t, 3>& corner = m_corners[nodeIndex];
+    const std::string name = nodeBlobName(m_lods[nodeIndex], corner[0], corner[1], corner[2]);
+    if (!m_reader->read(name, block))
+    {
+        error = failure(NodeReadCode::kMissing, "node " + std::to_string(nodeIndex) + " (" + name +
+                                                    ") is missing or cannot be read");
+        return false;
+    }
+    return true;
+}
+
+bool HSPCImporterImpl::decodeBlock(const std::vector<uint8_t>& block, NodeHeader& header,
+                                   NodeDecompressor& decompressor, uint8_t* records, std::string& error) const
+{
+    const size_t count = size_t(header.pointCount);
+    const NodeOutput output{std::span(records, count * m_rawRecordSize), m_rawRecordSize, m_rawActions};
+    std::string reason;
+    if (!decompressNodeBlock(block, decompressor, output, header, [&](const std::string& text) { reason = text; }))
+    {
+        error = reason.empty() ? decompressor.lastError() : reason;
+        return false;
+    }
+    // The decoder gives the cells relative to the node's anchor; the raw records carry them whole.
+    const std::optional<std::array<int64_t, 3>> anchor =
+        nodeAnchor(attributes().front().type, header.version, header.lod, header.node[0], header.node[1],
+                   header.node[2]);
+    if (!anchor)
+    {
+        error = "the node at lod " + std::to_string(header.lod) + " has no anchor";
+        return false;
+    }
+    uint8_t* record = records;
+    for (size_t point = 0; point < count; ++point, record += m_rawRecordSize)
+    {
+        for (unsigned axis = 0; axis < 3; ++axis)
+        {
+            uint8_t* cell = record + axis * sizeof(int64_t);
+            little_endian::store<int64_t>(cell, little_endian::load<int64_t>(cell) + (*anchor)[axis]);
+        }
+    }
+    return true;
+}
+
+bool HSPCImporterImpl::readNodeRecords(uint32_t nodeIndex, std::vector<uint8_t>& block,
+                                       std::unique_ptr<NodeDecompressor>& decompressor, const RecordRoom& room,
+                                       uint64_t& pointCount, std::string& error) const
+{
+    pointCount = 0;
+    if (!readNodeBlock(nodeIndex, block, error))
+    {
+        return false;
+    }
+    NodeHeader header;
+    if (readNodeHeader(block, header) == 0)
+    {
+        error = failure(NodeReadCode::kNotANode, "node " + std::to_string(nodeIndex) + " has no node header");
+        return false;
+    }
+    const std::vector<Attribute>& stored = attributes();
+    const bool sameAttributes =
+        header.attributes.size() == stored.size() &&
+        std::equal(stored.begin(), stored.end(), header.attributes.begin(),
+                   [](const Attribute& a, const Attribute& b) { return a == b && a.type == b.type; });
+    if (header.lod != m_lods[nodeIndex] || header.node != m_corners[nodeIndex] || !sameAttributes)
+    {
+        error = failure(NodeReadCode::kDisagrees,
+                        "node " + std::to_string(nodeIndex) + " has another lod, place or attributes than the tree");
+        return false;
+    }
+    if (header.pointCount > kLargestNodePoints)
+    {
+        error = failure(NodeReadCode::kTooLarge, "node " + std::to_string(nodeIndex) + " claims " +
+                                                     std::to_string(header.pointCount) + " points, more than " +
+                                                     std::to_string(kLargestNodePoints));
+        return false;
+    }
+    if (!decompressor || decompressor->pointLimit() < header.pointCount)
+    {
+        const uint64_t usual = std::min<uint64_t>(m_tree.header.maxNodeSize, kLargestNodePoints);
+        decompressor = NodeDecompressor::create(size_t(std::max<uint64_t>({header.pointCount, usual, 1})));
+        if (!decompressor)
+        {
+            error = failure(NodeReadCode::kCorrupt, "no zstd decompression context");
+            return false;
+        }
+    }
+    uint8_t* records = room(header.pointCount);
+    std::string reason;
+    if (records == nullptr || !decodeBlock(block, header, *decompressor, records, reason))
+    {
+        error = failure(NodeReadCode::kCorrupt, "node " + std::to_string(nodeIndex) + " does not decode: " +
+                                                    (records == nullptr ? "no room for its points" : reason));
+        return false;
+    }
+    pointCount = header.pointCount;
+    return true;
+}
+
+}  // namespace HSPC
