@@ -21,7 +21,16 @@ template <typename W>
 StaticRawSortProcessHandler<W>::StaticRawSortProcessHandler(const RuntimeConfig& config,
                                                             PointDistributionInputHandler<W>& input,
                                                             uint32_t readerCount, uint32_t workerCount)
-    : ConverterProcessManager(rawSortMemoryLimit(config)),
+    : StaticRawSortProcessHandler(config, input, readerCount, workerCount, rawSortMemoryLimit(config))
+{
+}
+
+template <typename W>
+StaticRawSortProcessHandler<W>::StaticRawSortProcessHandler(const RuntimeConfig& config,
+                                                            PointDistributionInputHandler<W>& input,
+                                                            uint32_t readerCount, uint32_t workerCount,
+                                                            uint64_t memoryLimit)
+    : ConverterProcessManager(memoryLimit),
       m_config(config),
       m_input(input),
       m_readerCount(readerCount),
