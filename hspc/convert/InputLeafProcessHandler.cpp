@@ -4,6 +4,7 @@
 #include <atomic>
 #include <chrono>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <system_error>
@@ -54,24 +55,48 @@ struct AlignedWork
     std::vector<AlignedNodeGroup> groups;
     // The next group a read worker takes.
     std::atomic<std::size_t> next{0};
-    // The most points of any node, bounded by kLargestNodePoints: what a decoder is made for.
+    // The most points of any node as the trees estimate them, bounded by kLargestNodePoints: what a decoder
+    // is made for at first.
     uint32_t largestNode = 1;
 };
+
+// The points that a node's block holds, from its header: the tree a data set is opened by may be its reduced
+// form, whose counts are estimates. Nothing, with the reason in `error`, for a block without a usable header.
+std::optional<uint32_t> blockPointCount(const std::vector<uint8_t>& block, std::string& error)
+{
+    NodeHeader header;
+    if (readNodeHeader(block, header) == 0)
+    {
+        error = "the block has no node header";
+        return std::nullopt;
+    }
+    if (header.pointCount > kLargestNodePoints)
+    {
+        error = "the block's header gives " + std::to_string(header.pointCount) + " points, more than the " +
+                std::to_string(kLargestNodePoints) + " a node may hold";
+        return std::nullopt;
+    }
+    return uint32_t(header.pointCount);
+}
 
 template <typename W>
 bool readGroup(InputLeafProcessHandler<W>& manager, const AlignedWork& work, const AlignedNodeGroup& group)
 {
     const AlignedDataSet& dataSet = work.dataSets[group.dataSet];
     MemoryReservation reservation(manager, 0);
-    ReadNodeGroup item{&group, std::vector<std::vector<uint8_t>>(group.nodes.size()), 0};
+    ReadNodeGroup item{&group, std::vector<std::vector<uint8_t>>(group.nodes.size()), {}, 0, 0};
     for (std::size_t k = 0; k < group.nodes.size(); ++k)
     {
         std::string error;
-        if (!dataSet.readNodeBlock(group.nodes[k], item.blocks[k], error))
+        std::optional<uint32_t> count;
+        if (!dataSet.readNodeBlock(group.nodes[k], item.blocks[k], error) ||
+            !(count = blockPointCount(item.blocks[k], error)))
         {
             failStage(manager, "Failed to read node = " + std::to_string(group.nodes[k]), error);
             return false;
         }
+        item.pointCounts.push_back(*count);
+        item.pointCount += *count;
         reservation.resize(reservation.bytes() + item.blocks[k].capacity());
     }
     item.reservedBytes = reservation.handOver();
@@ -110,7 +135,6 @@ class GroupDecoder
 public:
     GroupDecoder(InputLeafProcessHandler<W>& manager, const AlignedWork& work)
         : m_manager(manager),
-          m_work(work),
           m_processor(manager, manager.input().blankStatistics()),
           m_decompressor(NodeDecompressor::create(work.largestNode)),
           m_actions(storedRecordActions(manager.config().encodingAttributes,
@@ -120,25 +144,20 @@ public:
 
     void decode(ReadNodeGroup& item, MemoryReservation& reservation)
     {
-        const AlignedNodeGroup& group = *item.group;
-        const Tree& tree = *m_work.dataSets[group.dataSet].tree;
-        for (const uint32_t node : group.nodes)
+        if (!m_decompressor)
         {
-            if (!m_decompressor || tree.nodes[node].pointCount > m_decompressor->pointLimit())
-            {
-                failStage(m_manager, "Failed to decompress node " + std::to_string(node),
-                          "the tree gives the node " + std::to_string(tree.nodes[node].pointCount) +
-                              " points, more than a node may hold");
-                return;
-            }
+            failStage(m_manager, "Failed to decompress node " + std::to_string(item.group->nodes.front()),
+                      "no decoder could be made");
+            return;
         }
-        HSPCBuffer<uint8_t> records(std::size_t(group.pointCount) * m_stride);
+        // Bounded: every count was checked against the largest node when the block was read.
+        HSPCBuffer<uint8_t> records(std::size_t(item.pointCount) * m_stride);
         reservation.resize(reservation.bytes() + records.capacity());
         std::size_t filled = 0;
-        for (std::size_t k = 0; k < group.nodes.size(); ++k)
+        for (std::size_t k = 0; k < item.blocks.size(); ++k)
         {
-            const uint32_t count = tree.nodes[group.nodes[k]].pointCount;
-            if (!decodeNode(group.nodes[k], count, item.blocks[k], records.data() + filled * m_stride))
+            const uint32_t count = item.pointCounts[k];
+            if (!decodeNode(item.group->nodes[k], count, item.blocks[k], records.data() + filled * m_stride))
             {
                 return;
             }
@@ -159,28 +178,24 @@ public:
 private:
     bool decodeNode(uint32_t node, uint32_t count, const std::vector<uint8_t>& block, uint8_t* out)
     {
-        // The block must hold what the tree says it holds: the output is sized by the tree.
+        if (count > m_decompressor->pointLimit())
+        {
+            m_decompressor = NodeDecompressor::create(count);
+        }
         NodeHeader header;
         std::string detail;
-        if (readNodeHeader(block, header) == 0 || header.pointCount != count)
-        {
-            failStage(m_manager, "Failed to decompress node " + std::to_string(node),
-                      "the node's block does not hold the " + std::to_string(count) + " points its tree gives it");
-            return false;
-        }
         const NodeOutput output{std::span<uint8_t>(out, std::size_t(count) * m_stride), m_stride, m_actions};
-        if (!decompressNodeBlock(block, *m_decompressor, output, header,
-                                 [&detail](const std::string& text) { detail = text; }))
+        if (!m_decompressor || !decompressNodeBlock(block, *m_decompressor, output, header,
+                                                    [&detail](const std::string& text) { detail = text; }))
         {
             failStage(m_manager, "Failed to decompress node " + std::to_string(node),
-                      detail.empty() ? m_decompressor->lastError() : detail);
+                      !detail.empty() || !m_decompressor ? detail : m_decompressor->lastError());
             return false;
         }
         return true;
     }
 
     InputLeafProcessHandler<W>& m_manager;
-    const AlignedWork& m_work;
     StaticPointProcessor<W> m_processor;
     std::unique_ptr<NodeDecompressor> m_decompressor;
     uint32_t m_stride = 0;

@@ -30,8 +30,10 @@ namespace HSPC
 struct ReadNodeGroup
 {
     const AlignedNodeGroup* group = nullptr;
-    // One block per node of the group, in the group's order.
+    // One block per node of the group, in the group's order, and the points each block's header gives.
     std::vector<std::vector<uint8_t>> blocks;
+    std::vector<uint32_t> pointCounts;
+    uint64_t pointCount = 0;
     uint64_t reservedBytes = 0;
 };
 
