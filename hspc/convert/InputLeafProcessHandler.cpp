@@ -264,16 +264,7 @@ void InputLeafProcessHandler<W>::wakeAll()
 template <typename W>
 bool InputLeafProcessHandler<W>::shouldKeepDecoding() const
 {
-    switch (this->state())
-    {
-    case ConversionState::kFailed:
-        return false;
-    case ConversionState::kReading:
-        return true;
-    case ConversionState::kInputFinished:
-        break;
-    }
-    return !m_groupQueue.empty();
+    return this->keepsWorking(!m_groupQueue.empty());
 }
 
 template <typename W>

@@ -125,6 +125,12 @@ void StaticRawSortProcessHandler<W>::reportWorkerFinished()
 template <typename W>
 bool StaticRawSortProcessHandler<W>::shouldKeepWorking() const
 {
+    return keepsWorking(!m_rawQueue.empty());
+}
+
+template <typename W>
+bool StaticRawSortProcessHandler<W>::keepsWorking(bool queued) const
+{
     switch (state())
     {
     case ConversionState::kFailed:
@@ -134,7 +140,7 @@ bool StaticRawSortProcessHandler<W>::shouldKeepWorking() const
     case ConversionState::kInputFinished:
         break;
     }
-    return !m_rawQueue.empty();
+    return queued;
 }
 
 template <typename W>

@@ -62,6 +62,9 @@ protected:
     // of its own.
     StaticRawSortProcessHandler(const RuntimeConfig& config, PointDistributionInputHandler<W>& input,
                                 uint32_t readerCount, uint32_t workerCount, uint64_t memoryLimit);
+    // Whether workers go on: never once failed, always while input is read, and after that while their queue
+    // still holds work (`queued`).
+    bool keepsWorking(bool queued) const;
 
 private:
     const RuntimeConfig& m_config;
