@@ -47,10 +47,6 @@ public:
 
     void add(uint32_t node, uint32_t points)
     {
-        if (points == 0)
-        {
-            return;
-        }
         m_current.dataSet = m_dataSet;
         m_current.nodes.push_back(node);
         m_current.pointCount += points;

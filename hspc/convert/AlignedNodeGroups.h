@@ -17,7 +17,7 @@ struct AlignedNodeGroup
 {
     // Position of the data set in the aligned input's list.
     uint32_t dataSet = 0;
-    // Indices into the tree's nodes; nodes without points have no block and are left out.
+    // Indices into the tree's nodes, every node of the tree in exactly one group.
     std::vector<uint32_t> nodes;
     uint64_t pointCount = 0;
 };

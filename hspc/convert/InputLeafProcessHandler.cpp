@@ -89,8 +89,21 @@ bool readGroup(InputLeafProcessHandler<W>& manager, const AlignedWork& work, con
     {
         std::string error;
         std::optional<uint32_t> count;
-        if (!dataSet.readNodeBlock(group.nodes[k], item.blocks[k], error) ||
-            !(count = blockPointCount(item.blocks[k], error)))
+        if (!dataSet.readNodeBlock(group.nodes[k], item.blocks[k], error))
+        {
+            // A node without points has no block. The tree's count of a node is an estimate in the reduced
+            // form, so a node it calls empty is read all the same, and taken as empty only when it has none.
+            if (dataSet.tree->nodes[group.nodes[k]].pointCount == 0)
+            {
+                item.pointCounts.push_back(0);
+                continue;
+            }
+        }
+        else
+        {
+            count = blockPointCount(item.blocks[k], error);
+        }
+        if (!count)
         {
             failStage(manager, "Failed to read node = " + std::to_string(group.nodes[k]), error);
             return false;
@@ -157,7 +170,7 @@ public:
         for (std::size_t k = 0; k < item.blocks.size(); ++k)
         {
             const uint32_t count = item.pointCounts[k];
-            if (!decodeNode(item.group->nodes[k], count, item.blocks[k], records.data() + filled * m_stride))
+            if (count != 0 && !decodeNode(item.group->nodes[k], count, item.blocks[k], records.data() + filled * m_stride))
             {
                 return;
             }
