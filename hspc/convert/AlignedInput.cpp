@@ -67,6 +67,7 @@ std::optional<std::string> attributeRefusal(const std::vector<Attribute>& got, c
 
 std::optional<std::string> alignmentRefusal(const DataSetLayout& layout, const RuntimeConfig& target)
 {
+    // No render voxels are ever made by this system's conversions, so only the box filter can stand in the way.
     if (target.filterBox && !target.progressive)
     {
         // Taken over unsorted, its points would pass no filter.
