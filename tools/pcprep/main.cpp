@@ -198,7 +198,7 @@ const Command kCommands[] = {
      "Exit status: 0 sound, 1 problems found, 2 wrong arguments.\n",
      pcprep::runVerify},
     // Joining HSPC data sets.
-    {"merge", "join HSPC data sets on one grid (tiles of one survey) into one data set, without a new sort",
+    {"merge", "join HSPC data sets on one grid (tiles of a survey) into one, without sorting again",
      "Usage: pcprep merge [OPTIONS] OUT DATASET...\n"
      "\n"
      "Joins the DATASETs (folders with queryTree.hspc, tree files, or .hspc.pack archives) into one data set\n"
