@@ -215,6 +215,8 @@ protected:
 TEST_F(Survey, FourTilesMergedHoldThePointsOfTheWholeSurveyWithoutARawSort)
 {
     MergeRun run;
+    // The node sizes come from the tiles, whatever the merge's own records say.
+    run.setup.encoding = PointCloudEncodingConfig{};
     ASSERT_EQ(run.merge(tilePaths()), 0) << (run.errors.lines.empty() ? "" : run.errors.lines.front());
 
     const std::vector<std::string> whole = pointsOf(s_whole->path());
@@ -224,6 +226,7 @@ TEST_F(Survey, FourTilesMergedHoldThePointsOfTheWholeSurveyWithoutARawSort)
     const auto importer = importerOf(run.out(), printError);
     EXPECT_EQ(importer->tree().header.pointCount, kSurveyPoints);
     EXPECT_GT(importer->tree().nodes.size(), 8u);
+    EXPECT_EQ(importer->tree().header.nodeSize, s_whole->setup.encoding.nodeSize);
 
     EXPECT_TRUE(run.reported(50, kAllAligned));
     EXPECT_TRUE(run.loggedStart(kAlignedElapsed));

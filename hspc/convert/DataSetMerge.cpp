@@ -33,7 +33,14 @@ DataSetMerge::DataSetMerge(std::vector<std::string> dataSets, const BasicConfig&
     target.scale = first.header.scale;
     AdvancedConfig settings = advanced;
     settings.positionType = first.attributes.attributes.front().type;
-    m_converter = std::make_unique<Converter>(target, settings, encoding);
+    // The tiles of one survey were made with one node size; the survey keeps it.
+    PointCloudEncodingConfig nodes = encoding;
+    if (first.header.nodeSize != 0 && first.header.maxNodeSize != 0)
+    {
+        nodes.nodeSize = first.header.nodeSize;
+        nodes.maxNodeSize = first.header.maxNodeSize;
+    }
+    m_converter = std::make_unique<Converter>(target, settings, nodes);
 }
 
 DataSetMerge::~DataSetMerge() = default;

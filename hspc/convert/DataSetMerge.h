@@ -5,8 +5,8 @@
 //   DataSetMerge merge({"tile0", "tile1.pack"}, basic, advanced, encoding);
 //   int result = merge.run();                        // 0 on success, 1 on failure
 //
-// The grid and the attributes of the result are those of the first data set: of `basic` only the output and
-// temp paths count. Every other data set must be aligned with the first; the error logger names each that
+// The grid, the attributes and the node sizes of the result are those of the first data set: of `basic` only
+// the output and temp paths count, of `encoding` everything but the node sizes. Every other data set must be aligned with the first; the error logger names each that
 // is not and says why. Another thread may cancel the merge through processHandle().
 #pragma once
 
