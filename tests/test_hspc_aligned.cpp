@@ -73,7 +73,12 @@ void smallNodes(ConversionSetup& setup)
 struct ConvertedDataSet
 {
     ConversionSetup setup;
-    fs::path path() const { return setup.folder.path() / "out"; }
+    // The folder, or the pack archive in it.
+    fs::path path() const
+    {
+        const fs::path out = setup.folder.path() / "out";
+        return setup.advanced.useArchive ? out / "tree.hspc.pack" : out;
+    }
 };
 
 // The generated records as a data set without their intensity delivers them: one attribute fewer.
@@ -190,8 +195,11 @@ protected:
     {
         s_survey = pcp_test::recordsFrom(0, kSurveyPoints);
         s_whole = convertDataSet(s_survey).release();
+        // The last tile is a pack archive, whose blocks the aligned input's readers share one file for.
         for (unsigned tile = 0; tile < 4; ++tile)
-            s_tiles[tile] = convertDataSet(tileOf(*s_survey, tile)).release();
+            s_tiles[tile] =
+                convertDataSet(tileOf(*s_survey, tile), [tile](ConversionSetup& s) { s.advanced.useArchive = tile == 3; })
+                    .release();
     }
     static void TearDownTestSuite()
     {
