@@ -5,8 +5,6 @@
 #include <utility>
 
 #include "hspc/convert/SourceDescription.h"
-#include "hspc/format/AttributeDescription.h"
-#include "hspc/format/JsonObject.h"
 #include "hspc/format/LittleEndian.h"
 #include "hspc/format/MortonNodeBox.h"
 #include "hspc/format/NodeBlobName.h"
@@ -124,16 +122,14 @@ bool HSPCImporterImpl::open()
     }
     m_lods = HSPC::nodeLods(m_tree);
     m_corners = HSPC::nodeCorners(m_tree);
-    return describeAttributes(fileName) && setUpEncoding();
+    std::vector<AttributeDescription> entries;
+    return describeAttributes(fileName, entries) && setUpEncoding(entries);
 }
 
-bool HSPCImporterImpl::describeAttributes(const std::string& fileName)
+bool HSPCImporterImpl::describeAttributes(const std::string& fileName, std::vector<AttributeDescription>& entries)
 {
-    Json::Value comment;
-    std::vector<AttributeDescription> entries;
     std::string reason;
-    if (!parseJsonObject(m_tree.header.comment, comment) ||
-        !parseAttributeDescription(m_tree.header.comment, [&](const std::string& text) { reason = text; }, entries))
+    if (!parseAttributeDescription(m_tree.header.comment, [&](const std::string& text) { reason = text; }, entries))
     {
         if (!reason.empty())
         {
@@ -148,8 +144,8 @@ bool HSPCImporterImpl::describeAttributes(const std::string& fileName)
     {
         m_description.push_back(withDescription(attribute, entries));
     }
-    m_scans = parseScanInfos(comment, m_config.errorLogger);
-    m_inputs = parseInputInfos(comment, m_config.errorLogger);
+    m_scans = parseScanInfos(m_tree.header.comment, m_config.errorLogger);
+    m_inputs = parseInputInfos(m_tree.header.comment, m_config.errorLogger);
 
     const std::vector<Attribute>& stored = attributes();
     m_rawActions.push_back({0, 0, kRelativeI64});
@@ -162,11 +158,9 @@ bool HSPCImporterImpl::describeAttributes(const std::string& fileName)
     return true;
 }
 
-bool HSPCImporterImpl::setUpEncoding()
+bool HSPCImporterImpl::setUpEncoding(const std::vector<AttributeDescription>& entries)
 {
     const TreeHeader& header = m_tree.header;
-    std::vector<AttributeDescription> entries;
-    parseAttributeDescription(header.comment, nullptr, entries);
 
     // Raw records as the encoder reads them: the cells on the data set's grid, then the stored values.
     SourceDescription source;

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "hspc/convert/EncodingImporterHelper.h"
+#include "hspc/format/AttributeDescription.h"
 #include "hspc/format/Config.h"
 #include "hspc/format/NodeDecompressor.h"
 #include "hspc/query/ScanInfo.h"
@@ -71,8 +72,8 @@ public:
 private:
     bool open();
     bool readTreeBytes(std::vector<uint8_t>& bytes);
-    bool describeAttributes(const std::string& fileName);
-    bool setUpEncoding();
+    bool describeAttributes(const std::string& fileName, std::vector<AttributeDescription>& entries);
+    bool setUpEncoding(const std::vector<AttributeDescription>& entries);
     std::string failure(NodeReadCode code, const std::string& reason) const;
     bool decodeBlock(const std::vector<uint8_t>& block, NodeHeader& header, NodeDecompressor& decompressor,
                      uint8_t* records, std::string& error) const;
