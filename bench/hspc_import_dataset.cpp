@@ -1,17 +1,19 @@
 // Reading a whole HSPC data set back through HSPCImporter, for timing by bench/hspc_run.sh: first one thread
-// reading every node (read and decode), then the read as a conversion does it on two threads, one reading
-// batches while the other encodes them into the data set's own layout. One line of figures each.
+// reading every batch (read and decode, as a converter's input thread does), then two threads taking the
+// nodes between them, reading, decoding and encoding them. One line of figures each.
 //
 // Usage: hspc_import_dataset DATASET [--batch-mb N]
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 #include <thread>
+
+#include <sys/resource.h>
 #include <vector>
 
-#include "hspc/format/ConcurrentQueue.h"
 #include "hspc/query/HSPCImporter.h"
 
 using namespace HSPC;
@@ -21,15 +23,30 @@ namespace
 
 using Clock = std::chrono::steady_clock;
 
-double secondsSince(Clock::time_point start)
+// Processor time of the whole process, user and system: on a machine that others share, points per
+// processor second say what the code does where wall time says what the machine let it do.
+double processorSeconds()
 {
-    return std::chrono::duration<double>(Clock::now() - start).count();
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    const auto seconds = [](const timeval& time) { return double(time.tv_sec) + double(time.tv_usec) * 1e-6; };
+    return seconds(usage.ru_utime) + seconds(usage.ru_stime);
 }
 
-void report(const char* what, uint64_t points, double seconds)
+struct Stopwatch
 {
-    std::printf("%s: %llu points in %.3f s, %.1f M points/s\n", what, static_cast<unsigned long long>(points),
-                seconds, double(points) / seconds / 1e6);
+    Clock::time_point wall = Clock::now();
+    double processor = processorSeconds();
+};
+
+void report(const char* what, uint64_t points, const Stopwatch& start)
+{
+    const double wall = std::chrono::duration<double>(Clock::now() - start.wall).count();
+    const double processor = processorSeconds() - start.processor;
+    std::printf("%s: %llu points in %.3f s, %.1f M points/s; %.3f s of processor time, %.1f M points per "
+                "processor second\n",
+                what, static_cast<unsigned long long>(points), wall, double(points) / wall / 1e6, processor,
+                double(points) / processor / 1e6);
 }
 
 ImporterConfig configFor(const std::string& path)
@@ -46,52 +63,58 @@ bool readOnly(const std::string& path, uint64_t batchBytes)
     HSPCImporter importer(configFor(path));
     if (!importer.isValid())
         return false;
-    const Clock::time_point start = Clock::now();
+    const Stopwatch start;
     HSPCBuffer<uint8_t> batch;
     uint64_t points = 0;
     ReadResult result;
     while ((result = importer.readBatch(batch, batchBytes)) == ReadResult::kData)
         points += batch.size() / importer.rawRecordSize();
-    report("read, 1 thread", points, secondsSince(start));
+    report("read, 1 thread", points, start);
     return result == ReadResult::kEnd && points == importer.pointCount();
 }
 
-// Two threads: this one reads, a second encodes; four batches circulate between them.
-bool readAndEncode(const std::string& path, uint64_t batchBytes)
+// Two threads taking the nodes between them, each reading and decoding a node and encoding its records into
+// the data set's own layout, as a reader that takes a data set apart over threads of its own does.
+bool readAndEncode(const std::string& path)
 {
     HSPCImporter importer(configFor(path));
     if (!importer.isValid())
         return false;
-    ConcurrentQueue<HSPCBuffer<uint8_t>> empty;
-    ConcurrentQueue<HSPCBuffer<uint8_t>> full;
-    for (int i = 0; i < 4; ++i)
-        empty.push(HSPCBuffer<uint8_t>());
-    bool encoded = true;
-    uint64_t points = 0;
-    const Clock::time_point start = Clock::now();
-    std::thread encoder(
-        [&]
-        {
-            HSPCBuffer<uint8_t> output;
-            while (std::optional<HSPCBuffer<uint8_t>> batch = full.pop())
-            {
-                points += batch->size() / importer.rawRecordSize();
-                encoded = importer.convertBatch(*batch, output) && encoded;
-                empty.push(std::move(*batch));
-            }
-        });
-    ReadResult result = ReadResult::kData;
-    while (result == ReadResult::kData)
+    const uint32_t nodeCount = uint32_t(importer.tree().nodes.size());
+    std::atomic<uint32_t> nextNode{0};
+    std::atomic<uint64_t> points{0};
+    std::atomic<bool> failed{false};
+    const Stopwatch start;
+    const auto work = [&]
     {
-        HSPCBuffer<uint8_t> batch = std::move(*empty.pop());
-        result = importer.readBatch(batch, batchBytes);
-        if (result == ReadResult::kData)
-            full.push(std::move(batch));
-    }
-    full.close();
-    encoder.join();
-    report("read and encode, 2 threads", points, secondsSince(start));
-    return encoded && result == ReadResult::kEnd && points == importer.pointCount();
+        NodeReading reading;
+        HSPCBuffer<uint8_t> records;
+        HSPCBuffer<uint8_t> encoded;
+        std::string error;
+        for (uint32_t node = nextNode++; node < nodeCount; node = nextNode++)
+        {
+            if (importer.tree().nodes[node].pointCount == 0)
+                continue;
+            if (!importer.readNodeRecords(node, reading, records, error))
+            {
+                std::fprintf(stderr, "%s\n", error.c_str());
+                failed = true;
+                return;
+            }
+            // Conversion may take the records over.
+            points += records.size() / importer.rawRecordSize();
+            if (!importer.convertBatch(records, encoded))
+            {
+                failed = true;
+                return;
+            }
+        }
+    };
+    std::thread second(work);
+    work();
+    second.join();
+    report("read, decode and encode, 2 threads", points, start);
+    return !failed && points == importer.pointCount();
 }
 
 }  // namespace
@@ -106,7 +129,7 @@ int main(int argc, char** argv)
     uint64_t batchBytes = uint64_t(16) << 20;
     if (argc == 4 && std::strcmp(argv[2], "--batch-mb") == 0)
         batchBytes = std::strtoull(argv[3], nullptr, 10) << 20;
-    if (!readOnly(argv[1], batchBytes) || !readAndEncode(argv[1], batchBytes))
+    if (!readOnly(argv[1], batchBytes) || !readAndEncode(argv[1]))
     {
         std::fprintf(stderr, "hspc_import_dataset: the data set was not read whole\n");
         return 1;

@@ -76,7 +76,7 @@ struct Imported
     uint64_t largestBatch = 0;
 };
 
-// Raw records of a data set converted by convertTo: x, y, z as I64, R, G, B, intensity.
+// Raw records of a data set converted by convertTo: the M96 code, R, G, B, intensity.
 Imported readAll(HSPCImporter& importer, uint64_t maxBytes)
 {
     Imported imported;
@@ -89,9 +89,12 @@ Imported readAll(HSPCImporter& importer, uint64_t maxBytes)
         for (size_t offset = 0; offset + size <= batch.size(); offset += size)
         {
             Point point;
-            std::memcpy(point.cell.data(), batch.data() + offset, 24);
-            std::memcpy(point.color.data(), batch.data() + offset + 24, 3);
-            std::memcpy(&point.intensity, batch.data() + offset + 27, 2);
+            MortonIndex3D<uint32_t> code;
+            std::memcpy(code.words.data(), batch.data() + offset, 12);
+            const auto cell = decodeMortonSigned(code);
+            point.cell = {cell[0], cell[1], cell[2]};
+            std::memcpy(point.color.data(), batch.data() + offset + 12, 3);
+            std::memcpy(&point.intensity, batch.data() + offset + 15, 2);
             imported.points.push_back(point);
         }
     }
@@ -135,10 +138,10 @@ TEST(HspcImporter, ReadsBackEveryPointFromFolderTreeFilesAndArchive)
         ASSERT_TRUE(importer.isValid()) << path << ": " << (errors.lines.empty() ? "" : errors.lines[0]);
         EXPECT_EQ(importer.pointCount(), kPoints);
         EXPECT_GT(importer.tree().nodes.size(), 8u) << "the data set should have inner nodes and leaves";
-        EXPECT_EQ(importer.rawRecordSize(), 29u);
+        EXPECT_EQ(importer.rawRecordSize(), 17u);
 
         // Batches far smaller than a node: nodes go out over several, never beyond the bound.
-        const uint64_t maxBytes = 29 * 97 + 5;
+        const uint64_t maxBytes = 17 * 97 + 5;
         const Imported imported = readAll(importer, maxBytes);
         EXPECT_EQ(imported.last, ReadResult::kEnd) << path;
         EXPECT_LE(imported.largestBatch, maxBytes);
@@ -163,7 +166,7 @@ TEST(HspcImporter, ReadsBackEveryPointFromFolderTreeFilesAndArchive)
     // A batch that cannot take one record is refused, not an endless series of empty batches.
     HSPCImporter small(configFor(out, errors));
     HSPCBuffer<uint8_t> batch;
-    EXPECT_EQ(small.readBatch(batch, 28), ReadResult::kRequestFailed);
+    EXPECT_EQ(small.readBatch(batch, 16), ReadResult::kRequestFailed);
 }
 
 TEST(HspcImporter, ConvertsIntoTheDataSetsOwnLayoutAndIntoAnotherGrid)
@@ -176,22 +179,33 @@ TEST(HspcImporter, ConvertsIntoTheDataSetsOwnLayoutAndIntoAnotherGrid)
     pcp_test::MessageLog errors;
     HSPCImporter same(configFor(out, errors));
     ASSERT_TRUE(same.isValid());
-    EXPECT_EQ(same.encodedRecordSize(), 12u + 3u + 2u);
+    EXPECT_EQ(same.encodedRecordSize(), 17u);
     std::vector<uint8_t> raw;
     ASSERT_EQ(same.readPoints(raw, 1 << 20), ReadResult::kData);
     std::vector<uint8_t> encoded;
     ASSERT_TRUE(same.convertPoints(raw, encoded));
-    const uint64_t count = raw.size() / 29;
-    ASSERT_EQ(encoded.size(), count * 17);
+    const uint64_t count = raw.size() / 17;
+    EXPECT_TRUE(encoded == raw);
+
+    // The same grid with the intensity widened goes the general way over real coordinates: the same codes.
+    ImporterConfig widened = configFor(out, errors);
+    widened.origin = first.basic.origin;
+    widened.scale = first.basic.scale;
+    for (const Attribute& attribute : first.basic.attributes)
+        widened.encodingAttributes.push_back(pcp_test::encoded(
+            attribute.type == AttributeType::U16 ? uint8_t(AttributeType::U32) : attribute.type, attribute.role,
+            attribute.name));
+    HSPCImporter general(widened);
+    ASSERT_TRUE(general.isValid());
+    std::vector<uint8_t> wide;
+    ASSERT_TRUE(general.convertPoints(raw, wide));
+    ASSERT_EQ(wide.size(), count * 19);
     for (uint64_t i = 0; i < count; ++i)
     {
-        MortonIndex3D<uint32_t> code;
-        std::memcpy(code.words.data(), encoded.data() + i * 17, 12);
-        const auto cell = decodeMortonSigned(code);
-        std::array<int64_t, 3> rawCell{};
-        std::memcpy(rawCell.data(), raw.data() + i * 29, 24);
-        ASSERT_EQ((std::array<int64_t, 3>{cell[0], cell[1], cell[2]}), rawCell) << "point " << i;
-        ASSERT_EQ(0, std::memcmp(encoded.data() + i * 17 + 12, raw.data() + i * 29 + 24, 5)) << "point " << i;
+        ASSERT_EQ(0, std::memcmp(wide.data() + i * 19, encoded.data() + i * 17, 15)) << "point " << i;
+        uint32_t intensity = 0;
+        std::memcpy(&intensity, wide.data() + i * 19 + 15, 4);
+        ASSERT_EQ(intensity, pcp_test::get<uint16_t>(encoded, i * 17 + 15)) << "point " << i;
     }
     // A batch that is not whole records is refused.
     HSPCBuffer<uint8_t> torn(raw.begin(), raw.begin() + 30);

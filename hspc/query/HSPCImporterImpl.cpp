@@ -2,12 +2,15 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <utility>
 
 #include "hspc/convert/SourceDescription.h"
 #include "hspc/format/LittleEndian.h"
+#include "hspc/format/MortonIndex3D.h"
 #include "hspc/format/MortonNodeBox.h"
 #include "hspc/format/NodeBlobName.h"
+#include "hspc/format/TrackedMemory.h"
 #include "hspc/query/ConcurrentArchive.h"
 #include "hspc/store/FolderStore.h"
 #include "hspc/tree/TreeGeometry.h"
@@ -18,9 +21,28 @@ namespace
 {
 
 constexpr const char* kWho = "HSPCImporterImpl::HSPCImporterImpl: ";
-// Raw x, y, z: three I64 cells.
-constexpr uint32_t kRawPositionSize = 24;
-constexpr uint8_t kRelativeI64 = 14;
+// Cell records, the encoder's input: x, y, z as I64 cells, then the stored values.
+constexpr uint32_t kCellPositionSize = 24;
+
+// The cells of a record's code: signed from format version 12 on, unsigned before.
+template <typename W>
+void putCells(const uint8_t* record, bool signedCells, uint8_t* cells)
+{
+    MortonIndex3D<W> code;
+    std::memcpy(code.words.data(), record, sizeof(code.words));
+    std::array<int64_t, 3> cell{};
+    if (signedCells)
+    {
+        const auto decoded = decodeMortonSigned(code);
+        cell = {int64_t(decoded[0]), int64_t(decoded[1]), int64_t(decoded[2])};
+    }
+    else
+    {
+        const auto decoded = decodeMorton(code);
+        cell = {int64_t(decoded[0]), int64_t(decoded[1]), int64_t(decoded[2])};
+    }
+    std::memcpy(cells, cell.data(), sizeof(cell));
+}
 
 EncodingAttribute withDescription(const Attribute& attribute, const std::vector<AttributeDescription>& entries)
 {
@@ -148,13 +170,12 @@ bool HSPCImporterImpl::describeAttributes(const std::string& fileName, std::vect
     m_inputs = parseInputInfos(m_tree.header.comment, m_config.errorLogger);
 
     const std::vector<Attribute>& stored = attributes();
-    m_rawActions.push_back({0, 0, kRelativeI64});
-    m_rawRecordSize = kRawPositionSize;
-    for (uint32_t i = 1; i < stored.size(); ++i)
+    const std::vector<uint32_t> offsets = attributeOffsets(stored);
+    for (uint32_t i = 0; i < stored.size(); ++i)
     {
-        m_rawActions.push_back({i, m_rawRecordSize, stored[i].type});
-        m_rawRecordSize += typeSize(stored[i].type);
+        m_rawActions.push_back({i, offsets[i], stored[i].type});
     }
+    m_rawRecordSize = recordSize(stored);
     return true;
 }
 
@@ -162,7 +183,7 @@ bool HSPCImporterImpl::setUpEncoding(const std::vector<AttributeDescription>& en
 {
     const TreeHeader& header = m_tree.header;
 
-    // Raw records as the encoder reads them: the cells on the data set's grid, then the stored values.
+    // Cell records as the encoder reads them: the cells on the data set's grid, then the stored values.
     SourceDescription source;
     const char* axisNames[] = {"X", "Y", "Z"};
     for (unsigned axis = 0; axis < 3; ++axis)
@@ -193,6 +214,15 @@ bool HSPCImporterImpl::setUpEncoding(const std::vector<AttributeDescription>& en
     }
     m_targetOrigin = target.origin;
     m_targetScale = target.scale;
+    m_keepsCells = target.origin == header.origin && target.scale == header.scale &&
+                   target.attributes.size() == m_description.size() &&
+                   std::equal(m_description.begin() + 1, m_description.end(), target.attributes.begin() + 1,
+                              [](const EncodingAttribute& stored, const EncodingAttribute& wanted)
+                              {
+                                  return stored.attribute == wanted.attribute &&
+                                         stored.attribute.type == wanted.attribute.type &&
+                                         stored.offset == wanted.offset && stored.scale == wanted.scale;
+                              });
     m_encoder.emplace(m_config.errorLogger, std::move(source));
     return m_encoder->setEncodingParameters(target, EncodingFlags{});
 }
@@ -233,31 +263,58 @@ bool HSPCImporterImpl::decodeBlock(const std::vector<uint8_t>& block, NodeHeader
         error = reason.empty() ? decompressor.lastError() : reason;
         return false;
     }
-    // The decoder gives the cells relative to the node's anchor; the raw records carry them whole.
-    const std::optional<std::array<int64_t, 3>> anchor =
-        nodeAnchor(attributes().front().type, header.version, header.lod, header.node[0], header.node[1],
-                   header.node[2]);
-    if (!anchor)
+    return true;
+}
+
+bool HSPCImporterImpl::passesRecordsThrough() const
+{
+    return m_keepsCells && attributes().front().type == AttributeType::M96;
+}
+
+bool HSPCImporterImpl::encodeRecords(const uint8_t* raw, uint64_t pointCount, uint8_t* encoded) const
+{
+    const uint32_t valueBytes = m_rawRecordSize - typeSize(attributes().front().type);
+    if (passesRecordsThrough())
     {
-        error = "the node at lod " + std::to_string(header.lod) + " has no anchor";
-        return false;
+        std::memcpy(encoded, raw, size_t(pointCount * m_rawRecordSize));
+        return true;
     }
-    uint8_t* record = records;
-    for (size_t point = 0; point < count; ++point, record += m_rawRecordSize)
+    // The codes become cells, which the encoder puts on the target grid.
+    const uint32_t cellRecordSize = kCellPositionSize + valueBytes;
+    HSPCBuffer<uint8_t> cells(size_t(pointCount * cellRecordSize));
+    const bool signedCells = m_tree.header.formatVersion >= kFirstSignedCellFormatVersion;
+    const bool wide = attributes().front().type == AttributeType::M192;
+    const uint32_t codeSize = m_rawRecordSize - valueBytes;
+    uint8_t* cell = cells.data();
+    for (uint64_t point = 0; point < pointCount; ++point, cell += cellRecordSize)
     {
-        for (unsigned axis = 0; axis < 3; ++axis)
-        {
-            uint8_t* cell = record + axis * sizeof(int64_t);
-            little_endian::store<int64_t>(cell, little_endian::load<int64_t>(cell) + (*anchor)[axis]);
-        }
+        const uint8_t* record = raw + point * m_rawRecordSize;
+        wide ? putCells<uint64_t>(record, signedCells, cell) : putCells<uint32_t>(record, signedCells, cell);
+        std::memcpy(cell + kCellPositionSize, record + codeSize, valueBytes);
+    }
+    if (!m_keepsCells)
+    {
+        return m_encoder->encodePoints(cells.data(), pointCount, encoded);
+    }
+    // Wide codes on the data set's own grid: cells beyond 32 bits keep their low 32 bits, as M96 keeps them.
+    const uint32_t encodedSize = m_encoder->targetRecordSize();
+    cell = cells.data();
+    for (uint64_t point = 0; point < pointCount; ++point, cell += cellRecordSize, encoded += encodedSize)
+    {
+        const MortonIndex3D<uint32_t> code = encodeMortonSigned<uint32_t>(
+            int32_t(little_endian::load<int64_t>(cell)), int32_t(little_endian::load<int64_t>(cell + 8)),
+            int32_t(little_endian::load<int64_t>(cell + 16)));
+        std::memcpy(encoded, code.words.data(), sizeof(code.words));
+        std::memcpy(encoded + sizeof(code.words), cell + kCellPositionSize, valueBytes);
     }
     return true;
 }
 
-bool HSPCImporterImpl::readNodeRecords(uint32_t nodeIndex, std::vector<uint8_t>& block,
-                                       std::unique_ptr<NodeDecompressor>& decompressor, const RecordRoom& room,
+bool HSPCImporterImpl::readNodeRecords(uint32_t nodeIndex, NodeReading& reading, const RecordRoom& room,
                                        uint64_t& pointCount, std::string& error) const
 {
+    std::vector<uint8_t>& block = reading.block;
+    std::unique_ptr<NodeDecompressor>& decompressor = reading.decompressor;
     pointCount = 0;
     if (!readNodeBlock(nodeIndex, block, error))
     {

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <string>
 
-#include "hspc/query/HSPCImporterImpl.h"
 
 namespace HSPC
 {
@@ -45,7 +44,7 @@ bool PointReader::readNextNode(HSPCBuffer<uint8_t>& buffer, uint64_t roomLeft)
     };
     uint64_t count = 0;
     std::string error;
-    if (!m_importer.readNodeRecords(m_nextNode, m_block, m_decompressor, room, count, error))
+    if (!m_importer.readNodeRecords(m_nextNode, m_reading, room, count, error))
     {
         m_importer.config().errorLogger(error);
         return false;

@@ -8,13 +8,11 @@
 #include <vector>
 
 #include "hspc/convert/Importer.h"
-#include "hspc/format/NodeDecompressor.h"
+#include "hspc/query/HSPCImporterImpl.h"
 #include "hspc/format/TrackedMemory.h"
 
 namespace HSPC
 {
-
-class HSPCImporterImpl;
 
 class PointReader
 {
@@ -33,8 +31,7 @@ private:
     // Records of the node being handed out and how many of its bytes went out already.
     HSPCBuffer<uint8_t> m_pending;
     uint64_t m_pendingSent = 0;
-    std::vector<uint8_t> m_block;
-    std::unique_ptr<NodeDecompressor> m_decompressor;
+    NodeReading m_reading;
     uint64_t m_pointsRead = 0;
     bool m_failed = false;
 };
