@@ -419,7 +419,7 @@ TEST(HspcImporter, BrokenNodesEndTheImportWithTheirMessage)
     EXPECT_EQ(errors.lines.size(), 1u);
 }
 
-TEST(HspcImporter, NodeBlocksReadFromManyThreadsOfOneArchive)
+TEST(HspcImporter, NodesReadAndDecodedFromManyThreadsOfOneArchive)
 {
     ConversionSetup setup;
     convertTo(setup, true);
@@ -428,10 +428,19 @@ TEST(HspcImporter, NodeBlocksReadFromManyThreadsOfOneArchive)
     ASSERT_TRUE(importer.isValid());
     const uint32_t nodeCount = uint32_t(importer.tree().nodes.size());
     std::vector<std::vector<uint8_t>> expected(nodeCount);
+    std::vector<HSPCBuffer<uint8_t>> expectedRecords(nodeCount);
     std::string error;
+    NodeReading reading;
+    uint64_t points = 0;
     for (uint32_t i = 0; i < nodeCount; ++i)
-        ASSERT_TRUE(importer.tree().nodes[i].pointCount == 0 || importer.readNodeBlock(i, expected[i], error))
-            << error;
+    {
+        if (importer.tree().nodes[i].pointCount == 0)
+            continue;
+        ASSERT_TRUE(importer.readNodeBlock(i, expected[i], error)) << error;
+        ASSERT_TRUE(importer.readNodeRecords(i, reading, expectedRecords[i], error)) << error;
+        points += expectedRecords[i].size() / importer.rawRecordSize();
+    }
+    EXPECT_EQ(points, kPoints);
 
     constexpr unsigned kThreads = 4;
     std::vector<unsigned> mismatches(kThreads, 0);
@@ -442,13 +451,19 @@ TEST(HspcImporter, NodeBlocksReadFromManyThreadsOfOneArchive)
             [&, t]
             {
                 std::vector<uint8_t> block;
+                NodeReading own;
+                HSPCBuffer<uint8_t> records;
                 std::string failure;
                 for (unsigned round = 0; round < 5; ++round)
                     for (uint32_t i = t; i < nodeCount + t; ++i)
                     {
                         const uint32_t node = i % nodeCount;
-                        if (!expected[node].empty() &&
-                            (!importer.readNodeBlock(node, block, failure) || block != expected[node]))
+                        if (expected[node].empty())
+                            continue;
+                        if (!importer.readNodeBlock(node, block, failure) || block != expected[node])
+                            ++mismatches[t];
+                        if (!importer.readNodeRecords(node, own, records, failure) ||
+                            records != expectedRecords[node])
                             ++mismatches[t];
                     }
             });
