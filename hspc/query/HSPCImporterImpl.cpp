@@ -86,6 +86,13 @@ HSPCImporterImpl::HSPCImporterImpl(const ImporterConfig& config) : m_config(conf
         return;
     }
     m_valid = open();
+    if (!m_valid)
+    {
+        // What was parsed before the failure is no tree to read.
+        m_tree = Tree{};
+        m_lods.clear();
+        m_corners.clear();
+    }
 }
 
 bool HSPCImporterImpl::readTreeBytes(std::vector<uint8_t>& bytes)

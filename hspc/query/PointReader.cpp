@@ -7,6 +7,16 @@
 namespace HSPC
 {
 
+void PointReader::skipEmptyNodes()
+{
+    // A node without points has no block: there is nothing a writer could compress.
+    const std::vector<TreeNode>& nodes = m_importer.tree().nodes;
+    while (m_nextNode < nodes.size() && nodes[m_nextNode].pointCount == 0)
+    {
+        ++m_nextNode;
+    }
+}
+
 ReadResult PointReader::fail(HSPCBuffer<uint8_t>& buffer)
 {
     m_failed = true;
@@ -14,20 +24,10 @@ ReadResult PointReader::fail(HSPCBuffer<uint8_t>& buffer)
     return ReadResult::kRequestFailed;
 }
 
-// Reads the next node that holds points: into the buffer's tail when it fits in `roomLeft` bytes, otherwise
+// Reads the next node, which holds points: into the buffer's tail when it fits in `roomLeft` bytes, otherwise
 // into m_pending. False after reporting a failure.
 bool PointReader::readNextNode(HSPCBuffer<uint8_t>& buffer, uint64_t roomLeft)
 {
-    const std::vector<TreeNode>& nodes = m_importer.tree().nodes;
-    while (m_nextNode < nodes.size() && nodes[m_nextNode].pointCount == 0)
-    {
-        // A node without points has no block: there is nothing a writer could compress.
-        ++m_nextNode;
-    }
-    if (m_nextNode == nodes.size())
-    {
-        return true;
-    }
     const uint32_t recordSize = m_importer.rawRecordSize();
     const RecordRoom room = [&](uint64_t count) -> uint8_t*
     {
@@ -50,6 +50,7 @@ bool PointReader::readNextNode(HSPCBuffer<uint8_t>& buffer, uint64_t roomLeft)
         return false;
     }
     ++m_nextNode;
+    skipEmptyNodes();
     return true;
 }
 
@@ -62,6 +63,7 @@ ReadResult PointReader::next(HSPCBuffer<uint8_t>& buffer, uint64_t maxBytes)
     }
     const uint64_t recordSize = m_importer.rawRecordSize();
     const uint64_t capacity = maxBytes / recordSize * recordSize;
+    skipEmptyNodes();
     const size_t nodeCount = m_importer.tree().nodes.size();
     while (buffer.size() < capacity)
     {

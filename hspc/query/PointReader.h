@@ -23,6 +23,7 @@ public:
     ReadResult next(HSPCBuffer<uint8_t>& buffer, uint64_t maxBytes);
 
 private:
+    void skipEmptyNodes();
     bool readNextNode(HSPCBuffer<uint8_t>& buffer, uint64_t roomLeft);
     ReadResult fail(HSPCBuffer<uint8_t>& buffer);
 
