@@ -412,11 +412,7 @@ TEST(HspcImporter, BrokenNodesEndTheImportWithTheirMessage)
     const uint64_t count = 1ull << 40;
     std::memcpy(huge.data() + 20, &count, 8);
     rewrite(node, huge);
-    pcp_test::MessageLog errors;
-    HSPCImporter importer(configFor(out, errors));
-    const Imported imported = readAll(importer, 1 << 16);
-    EXPECT_EQ(imported.last, ReadResult::kRequestFailed);
-    EXPECT_EQ(errors.lines.size(), 1u);
+    expectImportFails(out, "5");
 }
 
 TEST(HspcImporter, NodesReadAndDecodedFromManyThreadsOfOneArchive)
