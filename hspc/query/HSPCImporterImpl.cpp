@@ -234,6 +234,7 @@ bool HSPCImporterImpl::setUpEncoding(const std::vector<AttributeDescription>& en
     return m_encoder->setEncodingParameters(target, EncodingFlags{});
 }
 
+// The code alone rarely tells a user which node and why, so the reason follows it on the same line.
 std::string HSPCImporterImpl::failure(NodeReadCode code, const std::string& reason) const
 {
     return "Node file reading failed for tree=" + m_config.path + " code = " + std::to_string(unsigned(code)) +

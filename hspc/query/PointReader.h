@@ -1,5 +1,6 @@
 // The read position of an HSPCImporter: which node comes next, and the records of a node that did not fit
-// whole into the last batch. Nodes that fit are decoded straight into the batch; a larger one is decoded
+// whole into the last batch. Every node is read, inner ones too: a data set's inner nodes hold points of
+// their own, which a read of the leaves alone would lose. Nodes that fit are decoded straight into the batch; a larger one is decoded
 // once into a buffer of its own and handed out over as many batches as it needs.
 #pragma once
 
