@@ -124,11 +124,16 @@ TEST(HspcImporter, ReadsBackEveryPointFromFolderTreeFilesAndArchive)
     convertTo(folder, false);
     ConversionSetup pack;
     convertTo(pack, true);
+    // An archive written under a tree name of its own holds that name's tree.
+    ConversionSetup named;
+    named.advanced.treeName = "survey";
+    convertTo(named, true);
     const std::vector<Point> expected = generatedPoints(kPoints);
     const fs::path out = folder.basic.outputPath;
     const fs::path archive = fs::path(pack.basic.outputPath) / "tree.hspc.pack";
+    const fs::path namedArchive = fs::path(named.basic.outputPath) / "survey.hspc.pack";
 
-    for (const fs::path& path : {out, out / "tree.hspc", out / "queryTree.hspc", archive})
+    for (const fs::path& path : {out, out / "tree.hspc", out / "queryTree.hspc", archive, namedArchive})
     {
         pcp_test::MessageLog errors;
         ImporterConfig config = configFor(path, errors);
