@@ -108,6 +108,8 @@ bool readAndEncode(const std::string& path)
                 failed = true;
                 return;
             }
+            // Both buffers keep their room for the next node, whichever of them the conversion filled.
+            records.swap(encoded);
         }
     };
     std::thread second(work);
