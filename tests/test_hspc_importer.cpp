@@ -341,7 +341,8 @@ TEST(HspcImporter, RefusesDataSetsItCannotOpen)
         const fs::path out = setup.basic.outputPath;
         std::ifstream in(out / "queryTree.hspc", std::ios::binary);
         const std::string tree((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-        const uint64_t headerSize = *reinterpret_cast<const uint64_t*>(tree.data() + 4);
+        uint64_t headerSize = 0;
+        std::memcpy(&headerSize, tree.data() + 4, sizeof headerSize);
         const std::pair<std::string, std::string> cases[] = {
             {std::string("XXXX") + tree.substr(4), "Failed to extract header info from file: filename="},
             {tree.substr(0, headerSize + 14), "Failed to extract attributes from file: filename="},
