@@ -44,19 +44,28 @@ void putCells(const uint8_t* record, bool signedCells, uint8_t* cells)
     std::memcpy(cells, cell.data(), sizeof(cell));
 }
 
-EncodingAttribute withDescription(const Attribute& attribute, const std::vector<AttributeDescription>& entries)
+// The "attribute-description" entry of an attribute: matched by role, and by name for CUSTOM.
+const AttributeDescription* entryOf(const Attribute& attribute, const std::vector<AttributeDescription>& entries)
 {
-    EncodingAttribute described;
-    described.attribute = attribute;
     for (const AttributeDescription& entry : entries)
     {
         const HistogramSpec& named = entry.histogram;
         if (Attribute{named.type, named.role, named.name} == attribute)
         {
-            described.offset = entry.offset.value_or(0.0);
-            described.scale = entry.scale.value_or(1.0);
-            break;
+            return &entry;
         }
+    }
+    return nullptr;
+}
+
+EncodingAttribute withDescription(const Attribute& attribute, const std::vector<AttributeDescription>& entries)
+{
+    EncodingAttribute described;
+    described.attribute = attribute;
+    if (const AttributeDescription* entry = entryOf(attribute, entries))
+    {
+        described.offset = entry->offset.value_or(0.0);
+        described.scale = entry->scale.value_or(1.0);
     }
     return described;
 }
@@ -65,15 +74,12 @@ EncodingAttribute withDescription(const Attribute& attribute, const std::vector<
 // it when the records are encoded again.
 std::optional<double> storedMax(const Attribute& attribute, const std::vector<AttributeDescription>& entries)
 {
-    for (const AttributeDescription& entry : entries)
+    const AttributeDescription* entry = entryOf(attribute, entries);
+    if (entry == nullptr || !entry->histogram.hasMax)
     {
-        const HistogramSpec& named = entry.histogram;
-        if (Attribute{named.type, named.role, named.name} == attribute && named.hasMax)
-        {
-            return named.max;
-        }
+        return std::nullopt;
     }
-    return std::nullopt;
+    return entry->histogram.max;
 }
 
 }  // namespace
