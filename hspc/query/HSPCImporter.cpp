@@ -69,6 +69,26 @@ bool HSPCImporter::readNodeBlock(uint32_t nodeIndex, std::vector<uint8_t>& block
     return m_impl->readNodeBlock(nodeIndex, block, error);
 }
 
+bool HSPCImporter::readNodeRecords(uint32_t nodeIndex, NodeReading& reading, HSPCBuffer<uint8_t>& records,
+                                   std::string& error) const
+{
+    const uint32_t recordSize = m_impl->rawRecordSize();
+    uint64_t count = 0;
+    const bool read = m_impl->readNodeRecords(
+        nodeIndex, reading,
+        [&](uint64_t pointCount)
+        {
+            records.resize(size_t(pointCount * recordSize));
+            return records.data();
+        },
+        count, error);
+    if (!read)
+    {
+        records.clear();
+    }
+    return read;
+}
+
 ReadResult HSPCImporter::readBatch(HSPCBuffer<uint8_t>& buffer, uint64_t maxBytes)
 {
     if (!m_impl->isValid())
@@ -89,9 +109,15 @@ bool HSPCImporter::convertBatch(HSPCBuffer<uint8_t>& input, HSPCBuffer<uint8_t>&
                                                    " bytes.");
         return false;
     }
+    if (m_impl->passesRecordsThrough())
+    {
+        output = std::move(input);
+        input.clear();
+        return true;
+    }
     const uint64_t count = input.size() / recordSize;
     output.resize(size_t(count) * encodedRecordSize());
-    return m_impl->encoder().encodePoints(input.data(), count, output.data());
+    return m_impl->encodeRecords(input.data(), count, output.data());
 }
 
 uint32_t HSPCImporter::rawRecordSize() const
@@ -101,7 +127,7 @@ uint32_t HSPCImporter::rawRecordSize() const
 
 uint32_t HSPCImporter::encodedRecordSize() const
 {
-    return m_impl->isValid() ? m_impl->encoder().targetRecordSize() : 0;
+    return m_impl->isValid() ? m_impl->encodedRecordSize() : 0;
 }
 
 }  // namespace HSPC

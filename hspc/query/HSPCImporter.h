@@ -1,12 +1,10 @@
 // An HSPC data set as the input of a conversion: the converter reads it node by node through the Importer
 // operations and has its workers put every point on the grid of the new data set.
 //
-// A raw batch, as readBatch gives it, is whole records of rawRecordSize() bytes:
-//
-//   field                   type
-//   x, y, z                 the signed cell on the data set's grid (real = cell * scale + origin):
-//                           I32 each for a data set of M96 codes, I64 each for M192
-//   every other attribute   in the data set's order and stored type
+// A raw batch, as readBatch gives it, is whole records of rawRecordSize() bytes: the data set's records as
+// stored, its attributes packed in order, the first the position as a Morton code (M96 or M192) of the cell
+// on the data set's grid (real = cell * scale + origin). convertBatch puts them on the target's grid; when
+// the target is the data set's own M96 layout, the raw records are already the encoded ones.
 //
 // Nodes come in tree order, inner nodes with their share of the points as well as the leaves; a node larger
 // than a batch goes out over several.
@@ -20,6 +18,7 @@
 
 #include "hspc/convert/Importer.h"
 #include "hspc/format/Config.h"
+#include "hspc/query/NodeReading.h"
 #include "hspc/query/ScanInfo.h"
 #include "hspc/tree/Tree.h"
 
@@ -54,6 +53,12 @@ public:
     // The stored, compressed block of a node of tree(). Safe from any number of threads at once. False with
     // "Node file reading failed for tree=<path> code = <code>" and the reason in `error`.
     bool readNodeBlock(uint32_t nodeIndex, std::vector<uint8_t>& block, std::string& error) const;
+
+    // The raw records of one node, as readBatch gives them, for readers that take the nodes apart over
+    // threads of their own. Safe from any number of threads at once, each with its own `reading`. False with
+    // the failure message in `error`, as for readNodeBlock.
+    bool readNodeRecords(uint32_t nodeIndex, NodeReading& reading, HSPCBuffer<uint8_t>& records,
+                         std::string& error) const;
 
     ReadResult readBatch(HSPCBuffer<uint8_t>& buffer, uint64_t maxBytes) override;
     bool convertBatch(HSPCBuffer<uint8_t>& input, HSPCBuffer<uint8_t>& output) const override;

@@ -2,14 +2,15 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <utility>
 
 #include "hspc/convert/SourceDescription.h"
-#include "hspc/format/AttributeDescription.h"
-#include "hspc/format/JsonObject.h"
 #include "hspc/format/LittleEndian.h"
+#include "hspc/format/MortonIndex3D.h"
 #include "hspc/format/MortonNodeBox.h"
 #include "hspc/format/NodeBlobName.h"
+#include "hspc/format/TrackedMemory.h"
 #include "hspc/query/ConcurrentArchive.h"
 #include "hspc/store/FolderStore.h"
 #include "hspc/tree/TreeGeometry.h"
@@ -20,23 +21,51 @@ namespace
 {
 
 constexpr const char* kWho = "HSPCImporterImpl::HSPCImporterImpl: ";
-// Raw x, y, z: three I64 cells.
-constexpr uint32_t kRawPositionSize = 24;
-constexpr uint8_t kRelativeI64 = 14;
+// Cell records, the encoder's input: x, y, z as I64 cells, then the stored values.
+constexpr uint32_t kCellPositionSize = 24;
 
-EncodingAttribute withDescription(const Attribute& attribute, const std::vector<AttributeDescription>& entries)
+// The cells of a record's code: signed from format version 12 on, unsigned before.
+template <typename W>
+void putCells(const uint8_t* record, bool signedCells, uint8_t* cells)
 {
-    EncodingAttribute described;
-    described.attribute = attribute;
+    MortonIndex3D<W> code;
+    std::memcpy(code.words.data(), record, sizeof(code.words));
+    std::array<int64_t, 3> cell{};
+    if (signedCells)
+    {
+        const auto decoded = decodeMortonSigned(code);
+        cell = {int64_t(decoded[0]), int64_t(decoded[1]), int64_t(decoded[2])};
+    }
+    else
+    {
+        const auto decoded = decodeMorton(code);
+        cell = {int64_t(decoded[0]), int64_t(decoded[1]), int64_t(decoded[2])};
+    }
+    std::memcpy(cells, cell.data(), sizeof(cell));
+}
+
+// The "attribute-description" entry of an attribute: matched by role, and by name for CUSTOM.
+const AttributeDescription* entryOf(const Attribute& attribute, const std::vector<AttributeDescription>& entries)
+{
     for (const AttributeDescription& entry : entries)
     {
         const HistogramSpec& named = entry.histogram;
         if (Attribute{named.type, named.role, named.name} == attribute)
         {
-            described.offset = entry.offset.value_or(0.0);
-            described.scale = entry.scale.value_or(1.0);
-            break;
+            return &entry;
         }
+    }
+    return nullptr;
+}
+
+EncodingAttribute withDescription(const Attribute& attribute, const std::vector<AttributeDescription>& entries)
+{
+    EncodingAttribute described;
+    described.attribute = attribute;
+    if (const AttributeDescription* entry = entryOf(attribute, entries))
+    {
+        described.offset = entry->offset.value_or(0.0);
+        described.scale = entry->scale.value_or(1.0);
     }
     return described;
 }
@@ -45,15 +74,12 @@ EncodingAttribute withDescription(const Attribute& attribute, const std::vector<
 // it when the records are encoded again.
 std::optional<double> storedMax(const Attribute& attribute, const std::vector<AttributeDescription>& entries)
 {
-    for (const AttributeDescription& entry : entries)
+    const AttributeDescription* entry = entryOf(attribute, entries);
+    if (entry == nullptr || !entry->histogram.hasMax)
     {
-        const HistogramSpec& named = entry.histogram;
-        if (Attribute{named.type, named.role, named.name} == attribute && named.hasMax)
-        {
-            return named.max;
-        }
+        return std::nullopt;
     }
-    return std::nullopt;
+    return entry->histogram.max;
 }
 
 }  // namespace
@@ -66,6 +92,13 @@ HSPCImporterImpl::HSPCImporterImpl(const ImporterConfig& config) : m_config(conf
         return;
     }
     m_valid = open();
+    if (!m_valid)
+    {
+        // What was parsed before the failure is no tree to read.
+        m_tree = Tree{};
+        m_lods.clear();
+        m_corners.clear();
+    }
 }
 
 bool HSPCImporterImpl::readTreeBytes(std::vector<uint8_t>& bytes)
@@ -124,16 +157,14 @@ bool HSPCImporterImpl::open()
     }
     m_lods = HSPC::nodeLods(m_tree);
     m_corners = HSPC::nodeCorners(m_tree);
-    return describeAttributes(fileName) && setUpEncoding();
+    std::vector<AttributeDescription> entries;
+    return describeAttributes(fileName, entries) && setUpEncoding(entries);
 }
 
-bool HSPCImporterImpl::describeAttributes(const std::string& fileName)
+bool HSPCImporterImpl::describeAttributes(const std::string& fileName, std::vector<AttributeDescription>& entries)
 {
-    Json::Value comment;
-    std::vector<AttributeDescription> entries;
     std::string reason;
-    if (!parseJsonObject(m_tree.header.comment, comment) ||
-        !parseAttributeDescription(m_tree.header.comment, [&](const std::string& text) { reason = text; }, entries))
+    if (!parseAttributeDescription(m_tree.header.comment, [&](const std::string& text) { reason = text; }, entries))
     {
         if (!reason.empty())
         {
@@ -148,27 +179,24 @@ bool HSPCImporterImpl::describeAttributes(const std::string& fileName)
     {
         m_description.push_back(withDescription(attribute, entries));
     }
-    m_scans = parseScanInfos(comment, m_config.errorLogger);
-    m_inputs = parseInputInfos(comment, m_config.errorLogger);
+    m_scans = parseScanInfos(m_tree.header.comment, m_config.errorLogger);
+    m_inputs = parseInputInfos(m_tree.header.comment, m_config.errorLogger);
 
     const std::vector<Attribute>& stored = attributes();
-    m_rawActions.push_back({0, 0, kRelativeI64});
-    m_rawRecordSize = kRawPositionSize;
-    for (uint32_t i = 1; i < stored.size(); ++i)
+    const std::vector<uint32_t> offsets = attributeOffsets(stored);
+    for (uint32_t i = 0; i < stored.size(); ++i)
     {
-        m_rawActions.push_back({i, m_rawRecordSize, stored[i].type});
-        m_rawRecordSize += typeSize(stored[i].type);
+        m_rawActions.push_back({i, offsets[i], stored[i].type});
     }
+    m_rawRecordSize = recordSize(stored);
     return true;
 }
 
-bool HSPCImporterImpl::setUpEncoding()
+bool HSPCImporterImpl::setUpEncoding(const std::vector<AttributeDescription>& entries)
 {
     const TreeHeader& header = m_tree.header;
-    std::vector<AttributeDescription> entries;
-    parseAttributeDescription(header.comment, nullptr, entries);
 
-    // Raw records as the encoder reads them: the cells on the data set's grid, then the stored values.
+    // Cell records as the encoder reads them: the cells on the data set's grid, then the stored values.
     SourceDescription source;
     const char* axisNames[] = {"X", "Y", "Z"};
     for (unsigned axis = 0; axis < 3; ++axis)
@@ -199,10 +227,20 @@ bool HSPCImporterImpl::setUpEncoding()
     }
     m_targetOrigin = target.origin;
     m_targetScale = target.scale;
+    m_keepsCells = target.origin == header.origin && target.scale == header.scale &&
+                   target.attributes.size() == m_description.size() &&
+                   std::equal(m_description.begin() + 1, m_description.end(), target.attributes.begin() + 1,
+                              [](const EncodingAttribute& stored, const EncodingAttribute& wanted)
+                              {
+                                  return stored.attribute == wanted.attribute &&
+                                         stored.attribute.type == wanted.attribute.type &&
+                                         stored.offset == wanted.offset && stored.scale == wanted.scale;
+                              });
     m_encoder.emplace(m_config.errorLogger, std::move(source));
     return m_encoder->setEncodingParameters(target, EncodingFlags{});
 }
 
+// The code alone rarely tells a user which node and why, so the reason follows it on the same line.
 std::string HSPCImporterImpl::failure(NodeReadCode code, const std::string& reason) const
 {
     return "Node file reading failed for tree=" + m_config.path + " code = " + std::to_string(unsigned(code)) +
@@ -239,31 +277,58 @@ bool HSPCImporterImpl::decodeBlock(const std::vector<uint8_t>& block, NodeHeader
         error = reason.empty() ? decompressor.lastError() : reason;
         return false;
     }
-    // The decoder gives the cells relative to the node's anchor; the raw records carry them whole.
-    const std::optional<std::array<int64_t, 3>> anchor =
-        nodeAnchor(attributes().front().type, header.version, header.lod, header.node[0], header.node[1],
-                   header.node[2]);
-    if (!anchor)
+    return true;
+}
+
+bool HSPCImporterImpl::passesRecordsThrough() const
+{
+    return m_keepsCells && attributes().front().type == AttributeType::M96;
+}
+
+bool HSPCImporterImpl::encodeRecords(const uint8_t* raw, uint64_t pointCount, uint8_t* encoded) const
+{
+    const uint32_t valueBytes = m_rawRecordSize - typeSize(attributes().front().type);
+    if (passesRecordsThrough())
     {
-        error = "the node at lod " + std::to_string(header.lod) + " has no anchor";
-        return false;
+        std::memcpy(encoded, raw, size_t(pointCount * m_rawRecordSize));
+        return true;
     }
-    uint8_t* record = records;
-    for (size_t point = 0; point < count; ++point, record += m_rawRecordSize)
+    // The codes become cells, which the encoder puts on the target grid.
+    const uint32_t cellRecordSize = kCellPositionSize + valueBytes;
+    HSPCBuffer<uint8_t> cells(size_t(pointCount * cellRecordSize));
+    const bool signedCells = m_tree.header.formatVersion >= kFirstSignedCellFormatVersion;
+    const bool wide = attributes().front().type == AttributeType::M192;
+    const uint32_t codeSize = m_rawRecordSize - valueBytes;
+    uint8_t* cell = cells.data();
+    for (uint64_t point = 0; point < pointCount; ++point, cell += cellRecordSize)
     {
-        for (unsigned axis = 0; axis < 3; ++axis)
-        {
-            uint8_t* cell = record + axis * sizeof(int64_t);
-            little_endian::store<int64_t>(cell, little_endian::load<int64_t>(cell) + (*anchor)[axis]);
-        }
+        const uint8_t* record = raw + point * m_rawRecordSize;
+        wide ? putCells<uint64_t>(record, signedCells, cell) : putCells<uint32_t>(record, signedCells, cell);
+        std::memcpy(cell + kCellPositionSize, record + codeSize, valueBytes);
+    }
+    if (!m_keepsCells)
+    {
+        return m_encoder->encodePoints(cells.data(), pointCount, encoded);
+    }
+    // Wide codes on the data set's own grid: cells beyond 32 bits keep their low 32 bits, as M96 keeps them.
+    const uint32_t encodedSize = m_encoder->targetRecordSize();
+    cell = cells.data();
+    for (uint64_t point = 0; point < pointCount; ++point, cell += cellRecordSize, encoded += encodedSize)
+    {
+        const MortonIndex3D<uint32_t> code = encodeMortonSigned<uint32_t>(
+            int32_t(little_endian::load<int64_t>(cell)), int32_t(little_endian::load<int64_t>(cell + 8)),
+            int32_t(little_endian::load<int64_t>(cell + 16)));
+        std::memcpy(encoded, code.words.data(), sizeof(code.words));
+        std::memcpy(encoded + sizeof(code.words), cell + kCellPositionSize, valueBytes);
     }
     return true;
 }
 
-bool HSPCImporterImpl::readNodeRecords(uint32_t nodeIndex, std::vector<uint8_t>& block,
-                                       std::unique_ptr<NodeDecompressor>& decompressor, const RecordRoom& room,
+bool HSPCImporterImpl::readNodeRecords(uint32_t nodeIndex, NodeReading& reading, const RecordRoom& room,
                                        uint64_t& pointCount, std::string& error) const
 {
+    std::vector<uint8_t>& block = reading.block;
+    std::unique_ptr<NodeDecompressor>& decompressor = reading.decompressor;
     pointCount = 0;
     if (!readNodeBlock(nodeIndex, block, error))
     {

@@ -13,8 +13,10 @@
 #include <vector>
 
 #include "hspc/convert/EncodingImporterHelper.h"
+#include "hspc/format/AttributeDescription.h"
 #include "hspc/format/Config.h"
 #include "hspc/format/NodeDecompressor.h"
+#include "hspc/query/NodeReading.h"
 #include "hspc/query/ScanInfo.h"
 #include "hspc/query/TreeLocation.h"
 #include "hspc/store/RootStore.h"
@@ -58,21 +60,24 @@ public:
     const std::array<double, 3>& targetOrigin() const { return m_targetOrigin; }
     const std::array<double, 3>& targetScale() const { return m_targetScale; }
     uint32_t rawRecordSize() const { return m_rawRecordSize; }
-    const EncodingImporterHelper& encoder() const { return *m_encoder; }
+    uint32_t encodedRecordSize() const { return m_encoder->targetRecordSize(); }
 
     // The node's stored block into `block`. On failure `error` holds the failure message with the reason.
     bool readNodeBlock(uint32_t nodeIndex, std::vector<uint8_t>& block, std::string& error) const;
-    // Reads the node's block into `block` and decodes it into raw records in the room `room` gives,
-    // `pointCount` of them. `decompressor` is the caller's, made or grown here as the node needs.
-    bool readNodeRecords(uint32_t nodeIndex, std::vector<uint8_t>& block,
-                         std::unique_ptr<NodeDecompressor>& decompressor, const RecordRoom& room,
-                         uint64_t& pointCount, std::string& error) const;
+    // Reads the node's block and decodes it into raw records in the room `room` gives, `pointCount` of
+    // them. The decompressor of `reading` is made or grown here as the node needs.
+    bool readNodeRecords(uint32_t nodeIndex, NodeReading& reading, const RecordRoom& room, uint64_t& pointCount,
+                         std::string& error) const;
+    // Whether encoded records are the raw records unchanged: the target is the data set's own M96 layout.
+    bool passesRecordsThrough() const;
+    // Encodes `pointCount` raw records into `encoded`, which holds room for them.
+    bool encodeRecords(const uint8_t* raw, uint64_t pointCount, uint8_t* encoded) const;
 
 private:
     bool open();
     bool readTreeBytes(std::vector<uint8_t>& bytes);
-    bool describeAttributes(const std::string& fileName);
-    bool setUpEncoding();
+    bool describeAttributes(const std::string& fileName, std::vector<AttributeDescription>& entries);
+    bool setUpEncoding(const std::vector<AttributeDescription>& entries);
     std::string failure(NodeReadCode code, const std::string& reason) const;
     bool decodeBlock(const std::vector<uint8_t>& block, NodeHeader& header, NodeDecompressor& decompressor,
                      uint8_t* records, std::string& error) const;
@@ -86,13 +91,15 @@ private:
     std::vector<EncodingAttribute> m_description;
     std::vector<ScanInfo> m_scans;
     std::vector<InputInfo> m_inputs;
-    // How a node is decoded into raw records: x, y, z as I64 offsets from the node's anchor, then every other
-    // attribute as stored.
+    // How a node is decoded into raw records: every attribute as stored, the position as its Morton code.
     std::vector<OutputAction> m_rawActions;
     uint32_t m_rawRecordSize = 0;
     std::array<double, 3> m_targetOrigin{};
     std::array<double, 3> m_targetScale{1.0, 1.0, 1.0};
     std::optional<EncodingImporterHelper> m_encoder;
+    // The target is the data set's own grid and attributes: a record keeps its cell and its values, with no
+    // detour over real coordinates.
+    bool m_keepsCells = false;
     bool m_valid = false;
 };
 

@@ -3,10 +3,19 @@
 #include <algorithm>
 #include <string>
 
-#include "hspc/query/HSPCImporterImpl.h"
 
 namespace HSPC
 {
+
+void PointReader::skipEmptyNodes()
+{
+    // A node without points has no block: there is nothing a writer could compress.
+    const std::vector<TreeNode>& nodes = m_importer.tree().nodes;
+    while (m_nextNode < nodes.size() && nodes[m_nextNode].pointCount == 0)
+    {
+        ++m_nextNode;
+    }
+}
 
 ReadResult PointReader::fail(HSPCBuffer<uint8_t>& buffer)
 {
@@ -15,20 +24,10 @@ ReadResult PointReader::fail(HSPCBuffer<uint8_t>& buffer)
     return ReadResult::kRequestFailed;
 }
 
-// Reads the next node that holds points: into the buffer's tail when it fits in `roomLeft` bytes, otherwise
+// Reads the next node, which holds points: into the buffer's tail when it fits in `roomLeft` bytes, otherwise
 // into m_pending. False after reporting a failure.
 bool PointReader::readNextNode(HSPCBuffer<uint8_t>& buffer, uint64_t roomLeft)
 {
-    const std::vector<TreeNode>& nodes = m_importer.tree().nodes;
-    while (m_nextNode < nodes.size() && nodes[m_nextNode].pointCount == 0)
-    {
-        // A node without points has no block: there is nothing a writer could compress.
-        ++m_nextNode;
-    }
-    if (m_nextNode == nodes.size())
-    {
-        return true;
-    }
     const uint32_t recordSize = m_importer.rawRecordSize();
     const RecordRoom room = [&](uint64_t count) -> uint8_t*
     {
@@ -45,12 +44,13 @@ bool PointReader::readNextNode(HSPCBuffer<uint8_t>& buffer, uint64_t roomLeft)
     };
     uint64_t count = 0;
     std::string error;
-    if (!m_importer.readNodeRecords(m_nextNode, m_block, m_decompressor, room, count, error))
+    if (!m_importer.readNodeRecords(m_nextNode, m_reading, room, count, error))
     {
         m_importer.config().errorLogger(error);
         return false;
     }
     ++m_nextNode;
+    skipEmptyNodes();
     return true;
 }
 
@@ -63,6 +63,7 @@ ReadResult PointReader::next(HSPCBuffer<uint8_t>& buffer, uint64_t maxBytes)
     }
     const uint64_t recordSize = m_importer.rawRecordSize();
     const uint64_t capacity = maxBytes / recordSize * recordSize;
+    skipEmptyNodes();
     const size_t nodeCount = m_importer.tree().nodes.size();
     while (buffer.size() < capacity)
     {

@@ -1,5 +1,6 @@
 // The read position of an HSPCImporter: which node comes next, and the records of a node that did not fit
-// whole into the last batch. Nodes that fit are decoded straight into the batch; a larger one is decoded
+// whole into the last batch. Every node is read, inner ones too: a data set's inner nodes hold points of
+// their own, which a read of the leaves alone would lose. Nodes that fit are decoded straight into the batch; a larger one is decoded
 // once into a buffer of its own and handed out over as many batches as it needs.
 #pragma once
 
@@ -8,13 +9,11 @@
 #include <vector>
 
 #include "hspc/convert/Importer.h"
-#include "hspc/format/NodeDecompressor.h"
+#include "hspc/query/HSPCImporterImpl.h"
 #include "hspc/format/TrackedMemory.h"
 
 namespace HSPC
 {
-
-class HSPCImporterImpl;
 
 class PointReader
 {
@@ -25,6 +24,7 @@ public:
     ReadResult next(HSPCBuffer<uint8_t>& buffer, uint64_t maxBytes);
 
 private:
+    void skipEmptyNodes();
     bool readNextNode(HSPCBuffer<uint8_t>& buffer, uint64_t roomLeft);
     ReadResult fail(HSPCBuffer<uint8_t>& buffer);
 
@@ -33,8 +33,7 @@ private:
     // Records of the node being handed out and how many of its bytes went out already.
     HSPCBuffer<uint8_t> m_pending;
     uint64_t m_pendingSent = 0;
-    std::vector<uint8_t> m_block;
-    std::unique_ptr<NodeDecompressor> m_decompressor;
+    NodeReading m_reading;
     uint64_t m_pointsRead = 0;
     bool m_failed = false;
 };

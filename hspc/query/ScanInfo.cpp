@@ -2,6 +2,8 @@
 
 #include <string>
 
+#include "hspc/format/JsonObject.h"
+
 namespace HSPC
 {
 namespace
@@ -48,21 +50,24 @@ bool readScanInfo(const Json::Value& member, ScanInfo& scan)
     return true;
 }
 
-const Json::Value& arrayMember(const Json::Value& comment, const char* key)
+// The array `key` of the comment; null when there is none.
+Json::Value arrayMember(const std::string& commentText, const char* key)
 {
-    if (!comment.isObject() || !comment[key].isArray())
+    Json::Value comment;
+    if (!parseJsonObject(commentText, comment) || !comment[key].isArray())
     {
-        return Json::Value::nullSingleton();
+        return Json::Value();
     }
     return comment[key];
 }
 
 }  // namespace
 
-std::vector<ScanInfo> parseScanInfos(const Json::Value& comment, const LogFunction& logError)
+std::vector<ScanInfo> parseScanInfos(const std::string& comment, const LogFunction& logError)
 {
     std::vector<ScanInfo> scans;
-    for (const Json::Value& member : arrayMember(comment, "scan-info"))
+    const Json::Value members = arrayMember(comment, "scan-info");
+    for (const Json::Value& member : members)
     {
         ScanInfo scan;
         if (readScanInfo(member, scan))
@@ -77,10 +82,11 @@ std::vector<ScanInfo> parseScanInfos(const Json::Value& comment, const LogFuncti
     return scans;
 }
 
-std::vector<InputInfo> parseInputInfos(const Json::Value& comment, const LogFunction& logError)
+std::vector<InputInfo> parseInputInfos(const std::string& comment, const LogFunction& logError)
 {
     std::vector<InputInfo> inputs;
-    for (const Json::Value& member : arrayMember(comment, "input-info"))
+    const Json::Value members = arrayMember(comment, "input-info");
+    for (const Json::Value& member : members)
     {
         if (!member.isObject())
         {

@@ -11,9 +11,8 @@
 #include <array>
 #include <cstdint>
 #include <optional>
+#include <string>
 #include <vector>
-
-#include <json/json.h>
 
 #include "hspc/format/Loggers.h"
 
@@ -36,10 +35,12 @@ struct InputInfo
     std::optional<ScanInfo> e57ScanInfo;
 };
 
-// The members of the comment's "scan-info" and "input-info" arrays. A comment without them has no scans and
-// is no error. A member without "index" (for an input, its "e57-scan-info" without one) is reported as
-// "Malformed scan info missing index" on `logError` and left out; the others are still read.
-std::vector<ScanInfo> parseScanInfos(const Json::Value& comment, const LogFunction& logError);
-std::vector<InputInfo> parseInputInfos(const Json::Value& comment, const LogFunction& logError);
+// The members of the "scan-info" and "input-info" arrays of a tree's comment (JSON text). A comment without
+// them, or one that is not JSON, has no scans and is no error. A member without "index" (for an input, its
+// "e57-scan-info" without one) is reported as "Malformed scan info missing index" on `logError` and left
+// out; the others are still read, and the data set stays readable: a broken pose says nothing about the
+// points.
+std::vector<ScanInfo> parseScanInfos(const std::string& comment, const LogFunction& logError);
+std::vector<InputInfo> parseInputInfos(const std::string& comment, const LogFunction& logError);
 
 }  // namespace HSPC
