@@ -212,6 +212,30 @@ TEST(HspcImporter, ConvertsIntoTheDataSetsOwnLayoutAndIntoAnotherGrid)
         std::memcpy(&intensity, wide.data() + i * 19 + 15, 4);
         ASSERT_EQ(intensity, pcp_test::get<uint16_t>(encoded, i * 17 + 15)) << "point " << i;
     }
+    // A transformation moves the points even on their own grid, here by three cells along x, and such a data
+    // set is never taken over unsorted.
+    ImporterConfig shifted = configFor(out, errors);
+    shifted.transformation = [step = first.basic.scale[0]](double* xyz) { xyz[0] += 3 * step; };
+    HSPCImporter moved(shifted);
+    ASSERT_TRUE(moved.isValid());
+    EXPECT_TRUE(moved.hasTransform());
+    EXPECT_FALSE(same.hasTransform());
+    std::vector<uint8_t> movedRecords;
+    ASSERT_TRUE(moved.convertPoints(raw, movedRecords));
+    ASSERT_EQ(movedRecords.size(), raw.size());
+    for (uint64_t i = 0; i < count; ++i)
+    {
+        MortonIndex3D<uint32_t> before;
+        MortonIndex3D<uint32_t> after;
+        std::memcpy(before.words.data(), raw.data() + i * 17, 12);
+        std::memcpy(after.words.data(), movedRecords.data() + i * 17, 12);
+        const auto from = decodeMortonSigned(before);
+        const auto to = decodeMortonSigned(after);
+        ASSERT_EQ(to[0], from[0] + 3) << "point " << i;
+        ASSERT_EQ(to[1], from[1]) << "point " << i;
+        ASSERT_EQ(0, std::memcmp(movedRecords.data() + i * 17 + 12, raw.data() + i * 17 + 12, 5)) << "point " << i;
+    }
+
     // A batch that is not whole records is refused.
     HSPCBuffer<uint8_t> torn(raw.begin(), raw.begin() + 30);
     HSPCBuffer<uint8_t> output;
@@ -257,7 +281,6 @@ TEST(HspcImporter, DescribesAttributesScansAndInputsFromTheComment)
     ASSERT_TRUE(bare.isValid());
     EXPECT_TRUE(bare.scanInfos().empty());
     EXPECT_TRUE(bare.inputInfos().empty());
-    EXPECT_FALSE(bare.hasTransform());
     EXPECT_TRUE(errors.lines.empty());
 
     ConversionSetup described;
@@ -294,7 +317,6 @@ TEST(HspcImporter, DescribesAttributesScansAndInputsFromTheComment)
     EXPECT_EQ(scan.translation, (std::array<double, 3>{10, 20, 30}));
     EXPECT_EQ(importer.scanInfos()[1].index, 7);
     EXPECT_EQ(importer.scanInfos()[1].rotation, (std::array<double, 4>{0, 0, 0, 1}));
-    EXPECT_TRUE(importer.hasTransform());
 
     ASSERT_EQ(importer.inputInfos().size(), 2u);
     EXPECT_EQ(importer.inputInfos()[0].inputFileId, 3);

@@ -135,6 +135,10 @@ struct ImporterConfig
     std::vector<EncodingAttribute> encodingAttributes;
     std::array<double, 3> origin{};
     std::array<double, 3> scale{};
+    // Moves real positions before they go onto the target grid (at most one of the two), e.g. a tile brought
+    // into the frame of a survey. A data set read with one is never taken over unsorted.
+    PointTransformation transformation;
+    BufferTransformation transformAll;
 
     LogFunction infoLogger = printInfo;
     LogFunction warningLogger = printWarning;

@@ -51,7 +51,7 @@ const std::vector<InputInfo>& HSPCImporter::inputInfos() const
 
 bool HSPCImporter::hasTransform() const
 {
-    return !m_impl->scanInfos().empty();
+    return m_impl->hasTransform();
 }
 
 const std::vector<uint8_t>& HSPCImporter::nodeLods() const

@@ -43,7 +43,7 @@ public:
     const std::vector<EncodingAttribute>& attributeDescription() const;
     const std::vector<ScanInfo>& scanInfos() const;
     const std::vector<InputInfo>& inputInfos() const;
-    // Whether the data set's scans carry poses: some "scan-info" member was read.
+    // Whether the configuration moves the points on their way in (ImporterConfig::transformation).
     bool hasTransform() const;
 
     // The lod and the corner (in the Morton code's unsigned axes) of every node of tree().

@@ -217,6 +217,8 @@ bool HSPCImporterImpl::setUpEncoding(const std::vector<AttributeDescription>& en
     target.attributes = m_config.encodingAttributes;
     target.origin = m_config.origin;
     target.scale = m_config.scale;
+    target.transformation = m_config.transformation;
+    target.transformAll = m_config.transformAll;
     if (target.attributes.empty())
     {
         // The data set's own layout and grid, its position as an M96 code whatever width it was stored in.
@@ -227,7 +229,7 @@ bool HSPCImporterImpl::setUpEncoding(const std::vector<AttributeDescription>& en
     }
     m_targetOrigin = target.origin;
     m_targetScale = target.scale;
-    m_keepsCells = target.origin == header.origin && target.scale == header.scale &&
+    m_keepsCells = !hasTransform() && target.origin == header.origin && target.scale == header.scale &&
                    target.attributes.size() == m_description.size() &&
                    std::equal(m_description.begin() + 1, m_description.end(), target.attributes.begin() + 1,
                               [](const EncodingAttribute& stored, const EncodingAttribute& wanted)

@@ -49,6 +49,7 @@ public:
 
     bool isValid() const { return m_valid; }
     const ImporterConfig& config() const { return m_config; }
+    bool hasTransform() const { return bool(m_config.transformation) || bool(m_config.transformAll); }
     const Tree& tree() const { return m_tree; }
     const std::vector<Attribute>& attributes() const { return m_tree.attributes.attributes; }
     const std::vector<EncodingAttribute>& attributeDescription() const { return m_description; }
