@@ -3,8 +3,10 @@
 #include <chrono>
 #include <cstdlib>
 #include <exception>
+#include <string>
 #include <utility>
 
+#include "hspc/convert/AlignedInput.h"
 #include "hspc/convert/ConverterChecks.h"
 #include "hspc/convert/FailureReport.h"
 #include "hspc/convert/StaticConversion.h"
@@ -120,7 +122,44 @@ ConversionFailures Converter::convert(Mode mode)
     }
 }
 
+ConversionFailures Converter::mergeInputs(const std::vector<std::string>& inputNames)
+{
+    if (m_importers.empty())
+    {
+        m_runtime.errorLogger("No data to merge.");
+        return {makeFailure(FailureCode::kStage, "No data to merge.")};
+    }
+    bool mergeable = true;
+    for (std::size_t i = 0; i < m_importers.size(); ++i)
+    {
+        std::string reason;
+        if (!alignedDataSetOf(*m_importers[i], m_runtime, reason))
+        {
+            const std::string name = i < inputNames.size() ? inputNames[i] : "input " + std::to_string(i);
+            m_runtime.errorLogger(name + " is not aligned: " + reason + ".");
+            mergeable = false;
+        }
+    }
+    if (!mergeable)
+    {
+        m_runtime.errorLogger("Input data is not mergeable.");
+        return {makeFailure(FailureCode::kStage, "Input data is not mergeable.")};
+    }
+    return convert(Mode::kStatic);
+}
+
 int Converter::run()
+{
+    return execute([this](Mode chosen) { return convert(chosen); });
+}
+
+int Converter::merge(const std::vector<std::string>& inputNames)
+{
+    // A merge is a static conversion of aligned inputs only, whatever mode the flags would choose.
+    return execute([this, &inputNames](Mode) { return mergeInputs(inputNames); });
+}
+
+int Converter::execute(const std::function<ConversionFailures(Mode)>& stages)
 {
     if (!m_configured)
     {
@@ -137,7 +176,7 @@ int Converter::run()
     const int64_t startSeconds = conversionClockSeconds();
     m_runtime.progressLogger(0, "Run started");
     const Mode chosen = mode();
-    ConversionFailures failures = convert(chosen);
+    ConversionFailures failures = stages(chosen);
     const bool succeeded = failures.empty();
     const std::string name = chosen == Mode::kProgressive ? "Progressive" : "Static";
     for (const std::string& line : failureReport(name, std::move(failures), startSeconds))

@@ -9,6 +9,7 @@
 // are reported on the error logger, one line each, in the order in which they happened.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -39,6 +40,13 @@ public:
     // A converter runs once: its importers are read to their end.
     int run();
 
+    // Joins the importers, all of them data sets on the grid of this converter's records, into one data set
+    // without sorting their points again; 0 on success, 1 otherwise. Without an importer it fails with "No
+    // data to merge.", and when any importer is not aligned (AlignedInput.h) with "Input data is not
+    // mergeable.", after naming each such input (by `inputNames` where given, else by its position) and why
+    // on the error logger. Like run, it runs once.
+    int merge(const std::vector<std::string>& inputNames = {});
+
     ProcessHandle& processHandle() { return m_handle; }
     bool isConfigured() const { return m_configured; }
     const RuntimeConfig& runtimeConfig() const { return m_runtime; }
@@ -54,6 +62,9 @@ private:
     bool setUp(const BasicConfig& basic, const AdvancedConfig& advanced, const PointCloudEncodingConfig& encoding);
     Mode mode() const;
     ConversionFailures convert(Mode mode);
+    ConversionFailures mergeInputs(const std::vector<std::string>& inputNames);
+    // The frame of run and merge: start and end reports, the failure report, the finished flag.
+    int execute(const std::function<ConversionFailures(Mode)>& stages);
 
     bool m_configured = false;
     bool m_ran = false;

@@ -49,12 +49,6 @@ uint32_t ConverterProcessManager::nextBatchNumber()
     return m_nextBatchNumber++;
 }
 
-uint32_t ConverterProcessManager::nextTempFileNumber()
-{
-    std::lock_guard lock(m_counterMutex);
-    return m_nextTempFileNumber++;
-}
-
 void ConverterProcessManager::reportMeanPosition(uint32_t batchNumber, const std::array<int64_t, 3>& mean)
 {
     std::lock_guard lock(m_meanMutex);

@@ -62,7 +62,6 @@ public:
 
     // Numbers handed out in order, one per call, from 0.
     uint32_t nextBatchNumber();
-    uint32_t nextTempFileNumber();
 
     // Keeps `mean` when `batchNumber` is the highest that reported so far.
     void reportMeanPosition(uint32_t batchNumber, const std::array<int64_t, 3>& mean);
@@ -79,7 +78,6 @@ private:
 
     mutable std::mutex m_counterMutex;
     uint32_t m_nextBatchNumber = 0;
-    uint32_t m_nextTempFileNumber = 0;
 
     mutable std::mutex m_meanMutex;
     MeanPosition m_meanPosition;

@@ -93,8 +93,14 @@ PointTotals runFirstStageWorker(StaticRawSortProcessHandler<W>& manager)
         }
         processFirstStage(manager, collector, *batch);
     }
-    const PointTotals totals{collector.processor.pointsSeen(), collector.processor.pointsFiltered()};
-    if (!manager.input().addWorkerResults(collector.processor.takeResults(), collector.processor.statistics()))
+    return finishWorker(manager, collector.processor);
+}
+
+template <typename W>
+PointTotals finishWorker(StaticRawSortProcessHandler<W>& manager, StaticPointProcessor<W>& processor)
+{
+    const PointTotals totals{processor.pointsSeen(), processor.pointsFiltered()};
+    if (!manager.input().addWorkerResults(processor.takeResults(), processor.statistics()))
     {
         manager.markFailed(makeFailure(FailureCode::kBatchProcessing,
                                        "StaticPointProcessor: could not determine range of attributes."));
@@ -109,5 +115,7 @@ template void processFirstStage(StaticRawSortProcessHandler<uint64_t>&, FirstSta
                                 RawBatch&);
 template PointTotals runFirstStageWorker(StaticRawSortProcessHandler<uint32_t>&);
 template PointTotals runFirstStageWorker(StaticRawSortProcessHandler<uint64_t>&);
+template PointTotals finishWorker(StaticRawSortProcessHandler<uint32_t>&, StaticPointProcessor<uint32_t>&);
+template PointTotals finishWorker(StaticRawSortProcessHandler<uint64_t>&, StaticPointProcessor<uint64_t>&);
 
 }  // namespace HSPC

@@ -34,6 +34,11 @@ template <typename W>
 void processFirstStage(StaticRawSortProcessHandler<W>& manager, FirstStageCollector<W>& collector,
                        RawBatch& batch);
 
+// The end of a worker: its results go to the input handler, and the stage learns that it is through.
+// Returns the points it has seen and filtered out.
+template <typename W>
+PointTotals finishWorker(StaticRawSortProcessHandler<W>& manager, StaticPointProcessor<W>& processor);
+
 // The worker's loop; returns the points it has seen and filtered out.
 template <typename W>
 PointTotals runFirstStageWorker(StaticRawSortProcessHandler<W>& manager);

@@ -112,6 +112,10 @@ public:
     const std::vector<uint32_t>& leafBufferFiles() const { return m_leafBufferFiles; }
     const std::vector<uint32_t>& rasterLeafFiles() const { return m_rasterLeafFiles; }
 
+    // Numbers for new temp files, one a call, from 0: every stage that writes temp files into this handler
+    // takes them from here, so that the files of the raw sort and of the aligned input never share a name.
+    uint32_t nextTempFileNumber() { return m_nextTempFileNumber++; }
+
     std::string tempPointFile(uint32_t number) const;
     std::string leafBufferFile(uint32_t number) const;
     std::string rasterLeafFile(uint32_t number) const;
@@ -144,6 +148,7 @@ private:
     std::vector<uint32_t> m_rasterLeafFiles;
 
     std::shared_ptr<TempFileStore> m_tempFiles;
+    std::atomic<uint32_t> m_nextTempFileNumber{0};
 };
 
 extern template class PointDistributionInputHandler<uint32_t>;

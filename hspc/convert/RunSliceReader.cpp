@@ -171,13 +171,9 @@ const typename RunSliceReader<W>::DecodedRun* RunSliceReader<W>::decoded(uint32_
     // Each stored attribute goes back to its place in the record as it was stored; with positionsOnly the
     // record is the code alone and the other columns are never inflated.
     const std::vector<Attribute>& attributes = m_input.config().encodingAttributes;
-    std::vector<OutputAction> actions;
     uint32_t offset = 0;
-    for (std::size_t i = 0; i < (positionsOnly ? std::size_t(1) : attributes.size()); ++i)
-    {
-        actions.push_back(OutputAction{uint32_t(i), offset, attributes[i].type});
-        offset += typeSize(attributes[i].type);
-    }
+    const std::vector<OutputAction> actions =
+        storedRecordActions(attributes, positionsOnly ? std::size_t(1) : attributes.size(), offset);
     DecodedRun decodedRun{run, positionsOnly, HSPCBuffer<uint8_t>(std::size_t(source.pointCount) * offset)};
     NodeHeader header;
     const NodeOutput output{decodedRun.bytes, offset, actions};

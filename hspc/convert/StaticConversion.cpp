@@ -1,8 +1,12 @@
 #include "hspc/convert/StaticConversion.h"
 
 #include <cstdint>
+#include <optional>
+#include <string>
 
+#include "hspc/convert/AlignedInput.h"
 #include "hspc/convert/DistributionPlanning.h"
+#include "hspc/convert/InputLeafProcessHandler.h"
 #include "hspc/convert/PointDistribution.h"
 #include "hspc/convert/PointDistributionInputHandler.h"
 #include "hspc/convert/RawSort.h"
@@ -27,13 +31,37 @@ ConversionFailures staticConversionOf(const RuntimeConfig& runtime, const std::v
     // Owns the temporary files from here on: whatever the stages leave behind goes with it.
     PointDistributionInputHandler<W> input(runtime);
 
-    // Importers of data sets already on the target's grid will hand over their nodes without a sort. No
-    // importer of data sets exists yet, so every importer is raw input and there is no aligned input to add.
-    const std::vector<Importer*>& rawImporters = importers;
+    // Data sets already on the target's grid hand over their nodes without a sort; everything else is raw.
+    std::vector<Importer*> rawImporters;
+    std::vector<AlignedDataSet> alignedInputs;
+    for (Importer* importer : importers)
+    {
+        std::string reason;
+        if (std::optional<AlignedDataSet> aligned = alignedDataSetOf(*importer, runtime, reason))
+        {
+            alignedInputs.push_back(std::move(*aligned));
+        }
+        else
+        {
+            rawImporters.push_back(importer);
+        }
+    }
+    if (!alignedInputs.empty() && rawImporters.empty())
+    {
+        runtime.progressLogger(50, "All input data is aligned HSPC: no raw sort required.");
+    }
     if (!rawImporters.empty() && failures.empty())
     {
         failures = rawSort<W>(runtime, rawImporters, input, handle);
         runtime.progressLogger(50, "Finished raw sort after " + secondsSince(start) + "[s].");
+    }
+    if (!alignedInputs.empty() && failures.empty())
+    {
+        failures = addAlignedInput<W>(runtime, alignedInputs, input, handle);
+        if (!failures.empty())
+        {
+            failures.push_back(makeFailure(FailureCode::kStage, "Could not add buffers from importers."));
+        }
     }
     runtime.infoLogger("Rawsort:      elapsed: " + secondsSince(start) + " [s].");
 

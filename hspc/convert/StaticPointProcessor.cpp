@@ -116,7 +116,7 @@ bool StaticPointProcessor<W>::process(HSPCBuffer<uint8_t>& records)
         return false;
     }
     run.fileBytes = records.size();
-    run.fileNumber = m_manager.nextTempFileNumber();
+    run.fileNumber = m_manager.input().nextTempFileNumber();
 
     mergeCells(run.cells, lod);
     m_cellBytes += run.cells.size();
@@ -210,7 +210,7 @@ void StaticPointProcessor<W>::spillCellLists()
         {
             continue;
         }
-        const uint32_t number = m_manager.nextTempFileNumber();
+        const uint32_t number = m_manager.input().nextTempFileNumber();
         m_cellBytes -= run.cells.size();
         run.cellFile = number;
         m_leafBufferFiles.push_back(number);
@@ -247,7 +247,7 @@ void StaticPointProcessor<W>::spillLeaves(const MortonIndex3D<W>& first, const M
     HSPCBuffer<uint8_t> spilled = packLeaves<W>(all.subspan(0, keepBegin), all.subspan(keepEnd));
     if (!spilled.empty())
     {
-        const uint32_t number = m_manager.nextTempFileNumber();
+        const uint32_t number = m_manager.input().nextTempFileNumber();
         m_rasterLeafFiles.push_back(number);
         m_manager.input().rasterLeafQueue().push(TempFileData{number, std::move(spilled)});
         m_manager.wakeAll();

@@ -21,7 +21,16 @@ template <typename W>
 StaticRawSortProcessHandler<W>::StaticRawSortProcessHandler(const RuntimeConfig& config,
                                                             PointDistributionInputHandler<W>& input,
                                                             uint32_t readerCount, uint32_t workerCount)
-    : ConverterProcessManager(rawSortMemoryLimit(config)),
+    : StaticRawSortProcessHandler(config, input, readerCount, workerCount, rawSortMemoryLimit(config))
+{
+}
+
+template <typename W>
+StaticRawSortProcessHandler<W>::StaticRawSortProcessHandler(const RuntimeConfig& config,
+                                                            PointDistributionInputHandler<W>& input,
+                                                            uint32_t readerCount, uint32_t workerCount,
+                                                            uint64_t memoryLimit)
+    : ConverterProcessManager(memoryLimit),
       m_config(config),
       m_input(input),
       m_readerCount(readerCount),
@@ -116,6 +125,12 @@ void StaticRawSortProcessHandler<W>::reportWorkerFinished()
 template <typename W>
 bool StaticRawSortProcessHandler<W>::shouldKeepWorking() const
 {
+    return keepsWorking(!m_rawQueue.empty());
+}
+
+template <typename W>
+bool StaticRawSortProcessHandler<W>::keepsWorking(bool queued) const
+{
     switch (state())
     {
     case ConversionState::kFailed:
@@ -125,7 +140,7 @@ bool StaticRawSortProcessHandler<W>::shouldKeepWorking() const
     case ConversionState::kInputFinished:
         break;
     }
-    return !m_rawQueue.empty();
+    return queued;
 }
 
 template <typename W>

@@ -55,7 +55,16 @@ public:
     const RuntimeConfig& config() const { return m_config; }
     uint32_t workerCount() const { return m_workerCount; }
     // A change that may end waits of workers or temp writers: they look at their stop tests again.
-    void wakeAll();
+    virtual void wakeAll();
+
+protected:
+    // For a stage that makes runs the way the raw sort does from another kind of input, with a memory share
+    // of its own.
+    StaticRawSortProcessHandler(const RuntimeConfig& config, PointDistributionInputHandler<W>& input,
+                                uint32_t readerCount, uint32_t workerCount, uint64_t memoryLimit);
+    // Whether workers go on: never once failed, always while input is read, and after that while their queue
+    // still holds work (`queued`).
+    bool keepsWorking(bool queued) const;
 
 private:
     const RuntimeConfig& m_config;

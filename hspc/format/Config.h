@@ -125,8 +125,20 @@ struct QueryConfig
 // Importing a data set as input of another conversion.
 struct ImporterConfig
 {
+    // A data set folder, one of its tree files, or a pack archive.
     std::string path;
+    // Called after every batch with the points read so far.
     std::function<void(uint64_t pointCount)> progress;
+    // What converted records must look like: the encoding attributes, first the position as an M96 code, and
+    // the integer grid the position is put on. Empty attributes stand for the data set's own attributes and
+    // grid, so that a data set converted again keeps its points on their cells.
+    std::vector<EncodingAttribute> encodingAttributes;
+    std::array<double, 3> origin{};
+    std::array<double, 3> scale{};
+    // Moves real positions before they go onto the target grid (at most one of the two), e.g. a tile brought
+    // into the frame of a survey. A data set read with one is never taken over unsorted.
+    PointTransformation transformation;
+    BufferTransformation transformAll;
 
     LogFunction infoLogger = printInfo;
     LogFunction warningLogger = printWarning;

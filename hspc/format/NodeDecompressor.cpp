@@ -12,6 +12,20 @@
 namespace HSPC
 {
 
+std::vector<OutputAction> storedRecordActions(const std::vector<Attribute>& attributes, std::size_t count,
+                                              uint32_t& stride)
+{
+    std::vector<OutputAction> actions;
+    stride = 0;
+    for (std::size_t i = 0; i < std::min(count, attributes.size()); ++i)
+    {
+        actions.push_back(OutputAction{uint32_t(i), stride, attributes[i].type});
+        stride += typeSize(attributes[i].type);
+    }
+    return actions;
+}
+
+
 namespace
 {
 

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "hspc/format/Attribute.h"
 #include "hspc/format/Loggers.h"
 #include "hspc/format/NodeColumnDecoding.h"
 #include "hspc/format/NodeHeader.h"
@@ -29,6 +30,11 @@ struct OutputAction
     uint32_t offset = 0;
     uint8_t code = 0;
 };
+
+// The actions that rebuild records as they were stored: each of the first `count` attributes of
+// `attributes` in its own type, one after the other. `stride` receives the bytes of such a record.
+std::vector<OutputAction> storedRecordActions(const std::vector<Attribute>& attributes, std::size_t count,
+                                              uint32_t& stride);
 
 struct NodeOutput
 {

@@ -38,5 +38,7 @@ int runSample(const Arguments& arguments);
 int runCompress(const Arguments& arguments);
 int runDecompress(const Arguments& arguments);
 int runVerify(const Arguments& arguments);
+// Joining aligned HSPC data sets.
+int runMerge(const Arguments& arguments);
 
 }  // namespace pcprep

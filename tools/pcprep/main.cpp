@@ -197,6 +197,21 @@ const Command kCommands[] = {
      "\n"
      "Exit status: 0 sound, 1 problems found, 2 wrong arguments.\n",
      pcprep::runVerify},
+    // Joining HSPC data sets.
+    {"merge", "join HSPC data sets on one grid (tiles of a survey) into one, without sorting again",
+     "Usage: pcprep merge [OPTIONS] OUT DATASET...\n"
+     "\n"
+     "Joins the DATASETs (folders with queryTree.hspc, tree files, or .hspc.pack archives) into one data set\n"
+     "in the folder OUT, which must be new or empty. The data sets must lie on one grid: the origin, scale\n"
+     "and stored attributes of the first one. Their nodes are taken over as sorted runs, so no point is\n"
+     "sorted again; a data set that does not fit is named with the reason, and nothing is merged.\n"
+     "Ctrl-C cancels the merge.\n"
+     "\n"
+     "  --threads N     worker threads (default: all hardware threads)\n"
+     "  --memory-mb N   memory budget of the merge (default: 10240)\n"
+     "\n"
+     "Exit status: 0 success, 1 failure, 2 wrong arguments, 130 cancelled.\n",
+     pcprep::runMerge},
 };
 
 const Command* findCommand(const std::string& name)
