@@ -1,0 +1,52 @@
+// Values of a decoded HSPC record as the octree side reads them, and the colour and intensity scales that the
+// first points of a data set fix.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+
+#include "core/ColorMode.h"
+#include "importers/hspc/HspcRoleLayout.h"
+
+namespace pc_preprocess
+{
+
+// The value of type `type` at `bytes` (little-endian, unaligned). Throws "HspcImporter ERROR: <type>
+// unsupported for read(type, uint8_t *)." for a type that is no plain number (a Morton code).
+double readHspcValue(uint8_t type, const uint8_t* bytes);
+
+// Brings colour and intensity numbers to the 16-bit scale. The stored type decides where it can: U8 values
+// are 8-bit, U16 values already 16-bit. Values of any other type are read as the narrowest range that holds
+// the first points the importer sees; a later value outside that range stops the file, with a message naming
+// how many points fixed it.
+class HspcColorScaling
+{
+public:
+    HspcColorScaling() = default;
+    HspcColorScaling(const HspcRoleLayout& layout) : m_layout(&layout) {}
+
+    bool isFixed() const { return m_fixed; }
+    // Fixes the ranges from the first `count` records at `records`; points whose numbers are not finite are
+    // not valid and don't count. Throws when the values fit no range.
+    void fix(const uint8_t* records, uint64_t count);
+
+    // The 16-bit channels of a record; the layout must have colour.
+    void color(const uint8_t* record, uint16_t& r, uint16_t& g, uint16_t& b) const;
+    // The 16-bit intensity of a record; the layout must have intensity.
+    uint16_t intensity(const uint8_t* record) const;
+
+    ERgbMode rgbMode() const { return m_rgb; }
+    EIntensityMode intensityMode() const { return m_intensity; }
+
+private:
+    uint16_t channel(double value) const;
+
+    const HspcRoleLayout* m_layout = nullptr;
+    bool m_fixed = false;
+    ERgbMode m_rgb = kRgbNone;
+    EIntensityMode m_intensity = kIntensityNone;
+    // The valid points that fixed the ranges, for the messages.
+    uint64_t m_sampleCount = 0;
+};
+
+}  // namespace pc_preprocess
