@@ -98,7 +98,7 @@ public:
     bool updateAttributeLayout(const std::vector<Attribute>& requested);
     // The current layout and its record size (the positions as M96 or M192 and every stored attribute until
     // updateAttributeLayout is called).
-    const std::vector<Attribute>& attributeLayout() const;
+    std::vector<Attribute> attributeLayout() const;
     uint32_t recordSize() const;
 
     const Tree& tree() const;
