@@ -6,6 +6,7 @@
 
 #include "core/StringConversion.h"
 #include "hspc/format/NodeBlobName.h"
+#include "hspc/format/NodeHeader.h"
 #include "hspc/store/DiskArchive.h"
 #include "hspc/store/FolderStore.h"
 #include "hspc/tree/SerializeTree.h"
@@ -21,11 +22,8 @@ namespace
 
 namespace Type = HSPC::AttributeType;
 
-// The most points one node may hold; a block or tree claiming more is refused before anything is sized by it.
-constexpr uint64_t kLargestNode = 0x800000;
-// x, y and z are asked for as doubles: real offsets from the node's corner, exact for both Morton widths.
+// x, y and z are asked for as real coordinates, whatever the Morton width of the data set.
 constexpr uint8_t kPositionType = Type::F64;
-constexpr uint8_t kOffsetsAsF64 = 16;
 
 bool endsWith(const std::wstring& text, const std::wstring& suffix)
 {
@@ -45,21 +43,6 @@ std::unique_ptr<HSPC::RootReader> openReader(const std::wstring& path, const HSP
     return std::make_unique<HSPC::FolderReader>(file.parent_path().string(), logError);
 }
 
-// The decoding of a layout: x, y and z from the position, every other attribute as it is stored.
-std::vector<HSPC::OutputAction> actionsFor(const HspcRoleLayout& layout, const std::vector<HSPC::Attribute>& stored)
-{
-    std::vector<HSPC::OutputAction> actions{{0, 0, kOffsetsAsF64}};
-    for (size_t i = 3; i < layout.attributes.size(); ++i)
-    {
-        const auto source = std::find(stored.begin(), stored.end(), layout.attributes[i]);
-        uint32_t offset = 0;
-        for (size_t k = 0; k < i; ++k)
-            offset += HSPC::typeSize(layout.attributes[k].type);
-        actions.push_back({static_cast<uint32_t>(source - stored.begin()), offset, layout.attributes[i].type});
-    }
-    return actions;
-}
-
 // The layout that the attributes a node stores give, by the role table.
 HspcRoleLayout layoutOf(const std::vector<HSPC::Attribute>& stored)
 {
@@ -74,16 +57,7 @@ HspcRoleLayout layoutOf(const std::vector<HSPC::Attribute>& stored)
 bool sameAttributes(const std::vector<HSPC::Attribute>& a, const std::vector<HSPC::Attribute>& b)
 {
     return std::equal(a.begin(), a.end(), b.begin(), b.end(),
-                      [](const HSPC::Attribute& x, const HSPC::Attribute& y)
-                      { return x == y && x.type == y.type; });
-}
-
-// The signed cell of an unsigned decoded Morton coordinate: data sets store cells with the sign bit flipped.
-double signedCell(uint64_t coordinate, bool wide)
-{
-    if (wide)
-        return static_cast<double>(static_cast<int64_t>(coordinate ^ (uint64_t(1) << 63)));
-    return static_cast<double>(static_cast<int32_t>(static_cast<uint32_t>(coordinate) ^ 0x80000000u));
+                      [](const HSPC::Attribute& x, const HSPC::Attribute& y) { return x == y && x.type == y.type; });
 }
 
 float floatAt(const uint8_t* record, const std::optional<HspcField>& field)
@@ -112,14 +86,22 @@ void HspcImporter::openGroup()
             reason = text;
     };
     m_reader = openReader(m_path, keep);
-    std::vector<uint8_t> bytes;
-    if (!m_reader->read(HSPC::kQueryTreeName, bytes))
+    HSPC::QueryConfig config;
+    config.path = toPath(m_path).string();
+    config.readBlob = [this](const std::string& name, std::vector<uint8_t>& bytes) { return readBlob(name, bytes); };
+    config.infoLogger = [](const std::string&) {};
+    config.warningLogger = keep;
+    config.errorLogger = keep;
+    HSPC::DataSetInfo info;
+    if (!HSPC::openQueryExecutor(m_executor, config, true) || !m_executor.getInfo(kPositionType, info))
         throw std::runtime_error(parseError + (reason.empty() ? "" : "\n\t" + reason));
-    if (!HSPC::loadTree(bytes, m_tree, keep))
+    m_layout = mapHspcRoles(info.attributes, kPositionType);
+    if (!m_executor.updateAttributeLayout(m_layout.attributes))
         throw std::runtime_error(parseError + "\n\t" + reason);
-    m_layout = layoutOf(m_tree.attributes.attributes);
-    m_actions = actionsFor(m_layout, m_tree.attributes.attributes);
+    // What the executor delivers must be what the role table asked for.
+    m_layout = mapHspcRoles(m_executor.attributeLayout(), kPositionType);
     m_scaling = HspcColorScaling(m_layout);
+    m_pointCount = info.pointCount;
 
     m_supported = SupportedAttributes{};
     m_supported.radius = m_validTandSize = m_layout.pointSize.has_value();
@@ -129,27 +111,46 @@ void HspcImporter::openGroup()
     m_supported.intensity = m_layout.intensity.has_value();
     m_supported.normals = m_layout.hasNormals();
 
-    m_nodeIndices = hspcNodeOrder(m_tree);
-    const std::vector<uint8_t> lods = HSPC::nodeLods(m_tree);
-    const std::vector<std::array<uint64_t, 3>> corners = HSPC::nodeCorners(m_tree);
+    const HSPC::Tree& tree = m_executor.tree();
+    m_nodeIndices = hspcNodeOrder(tree);
+    const std::vector<uint8_t> lods = HSPC::nodeLods(tree);
+    const std::vector<std::array<uint64_t, 3>> corners = HSPC::nodeCorners(tree);
     m_nodeNames.clear();
-    uint64_t largest = 1;
     for (const uint32_t index : m_nodeIndices)
-    {
         m_nodeNames.push_back(HSPC::nodeBlobName(lods[index], corners[index][0], corners[index][1], corners[index][2]));
-        largest = std::max<uint64_t>(largest, m_tree.nodes[index].pointCount);
-    }
-    if (largest > kLargestNode)
-        throw std::runtime_error(parseError + "\n\ta node counts " + std::to_string(largest) +
-                                 " points, more than the " + std::to_string(kLargestNode) + " a node may hold");
-    m_decompressor = HSPC::NodeDecompressor::create(largest);
-    if (!m_decompressor)
-        throw std::runtime_error(parseError + "\n\tno zstd decompression context");
-    m_headerStr = "HSPC data set of " + std::to_string(m_tree.header.pointCount) + " points in " +
-                  std::to_string(m_tree.nodes.size()) + " nodes, format version " +
-                  std::to_string(m_tree.header.formatVersion);
+    m_headerStr = "HSPC data set of " + std::to_string(info.pointCount) + " points in " +
+                  std::to_string(tree.nodes.size()) + " nodes, format version " + std::to_string(info.formatVersion);
     m_nextNode = 0;
     m_nodePoints = m_nodePosition = 0;
+}
+
+bool HspcImporter::readBlob(const std::string& name, std::vector<uint8_t>& bytes)
+{
+    bytes.clear();
+    const bool read = m_reader->read(name, bytes);
+    if (name == HSPC::kQueryTreeName)
+        return read;
+    // A block that is missing or cut short has no header to read.
+    HSPC::NodeHeader header;
+    if (!read || HSPC::readNodeHeader(bytes, header) == 0 || header.attributes.empty())
+    {
+        m_blobFailure = "HspcImporter ERRROR: Failed to read header from " + m_reader->location() + name;
+        return false;
+    }
+    if (sameAttributes(header.attributes, m_executor.tree().attributes.attributes))
+        return true;
+    // The role table speaks first: a node lacking coordinates or with a mistyped custom role says so.
+    try
+    {
+        layoutOf(header.attributes);
+        m_blobFailure = "HspcImporter ERROR: Could not decompress " + m_reader->location() + name +
+                        "\n\tits attributes differ from those of the tree";
+    }
+    catch (const std::exception& e)
+    {
+        m_blobFailure = e.what();
+    }
+    return false;
 }
 
 bool HspcImporter::canOpenScan(size_t scan)
@@ -172,49 +173,24 @@ std::string HspcImporter::nodePath(size_t nodeID) const
     return m_reader->location() + m_nodeNames[nodeID];
 }
 
-std::array<double, 3> HspcImporter::anchorOf(const HSPC::NodeHeader& header) const
-{
-    const bool wide = header.attributes.front().type == Type::M192;
-    std::array<double, 3> anchor{};
-    for (int axis = 0; axis < 3; ++axis)
-        anchor[axis] = header.origin[axis] + signedCell(header.node[axis], wide) * header.scale[axis];
-    return anchor;
-}
-
 void HspcImporter::openNode(size_t nodeID)
 {
     if (nodeID != m_nextNode)
         throw std::runtime_error("HspcImporter ERROR: nodeID != m_nextNode");
     if (m_nodePosition < m_nodePoints)
         throw std::runtime_error("HspcImporter ERROR: Cannot open node while still nodes remaining.");
-    const std::string path = nodePath(nodeID);
-    m_block.clear();
-    HSPC::NodeHeader header;
-    if (!m_reader->read(m_nodeNames[nodeID], m_block) || HSPC::readNodeHeader(m_block, header) == 0 ||
-        header.attributes.empty())
-        throw std::runtime_error("HspcImporter ERRROR: Failed to read header from " + path);
-
-    const std::string decompressError = "HspcImporter ERROR: Could not decompress " + path;
-    if (!sameAttributes(header.attributes, m_tree.attributes.attributes))
-    {
-        // The role table speaks first: a node lacking coordinates or with a mistyped custom role says so.
-        layoutOf(header.attributes);
-        throw std::runtime_error(decompressError + "\n\tits attributes differ from those of the tree");
-    }
-    const uint64_t expected = m_tree.nodes[m_nodeIndices[nodeID]].pointCount;
-    if (header.pointCount != expected)
-        throw std::runtime_error(decompressError + "\n\tit holds " + std::to_string(header.pointCount) +
-                                 " points, but the tree says " + std::to_string(expected));
-    m_records.resize(expected * m_layout.recordSize);
+    m_blobFailure.clear();
     std::string reason;
-    const HSPC::NodeOutput output{m_records, m_layout.recordSize, m_actions};
-    if (!HSPC::decompressNodeBlock(m_block, *m_decompressor, output, header,
-                                   [&reason](const std::string& text) { reason = text; }))
-        throw std::runtime_error(decompressError + "\n\t" + (reason.empty() ? m_decompressor->lastError() : reason));
+    uint64_t count = 0;
+    if (!m_executor.readNode(m_nodeIndices[nodeID], m_records, count, reason))
+    {
+        if (!m_blobFailure.empty())
+            throw std::runtime_error(m_blobFailure);
+        throw std::runtime_error("HspcImporter ERROR: Could not decompress " + nodePath(nodeID) + "\n\t" + reason);
+    }
     if (!m_scaling.isFixed())
-        m_scaling.fix(m_records.data(), std::min(expected, kRangeSampleSize));
-    m_anchor = anchorOf(header);
-    m_nodePoints = expected;
+        m_scaling.fix(m_records.data(), std::min(count, kRangeSampleSize));
+    m_nodePoints = count;
     m_nodePosition = 0;
     ++m_nextNode;
 }
@@ -236,12 +212,11 @@ void HspcImporter::processBatch(std::vector<IoLightPoint>& batch, const Discreti
     for (; m_nodePosition < end; ++m_nodePosition)
     {
         const uint8_t* record = m_records.data() + m_nodePosition * layout.recordSize;
-        double offsets[3];
-        std::memcpy(offsets, record, sizeof offsets);
+        double real[3];
+        std::memcpy(real, record, sizeof real);
         IoLightPoint point;
-        // Applying the grid to the real position, which transfo maps onto the cache's integers.
-        if (!transfo.apply(m_anchor[0] + offsets[0], m_anchor[1] + offsets[1], m_anchor[2] + offsets[2], point.x,
-                           point.y, point.z))
+        // A point that doesn't fit the cache's 32-bit grid is left out.
+        if (!transfo.apply(real[0], real[1], real[2], point.x, point.y, point.z))
             continue;
         point.radius = layout.pointSize ? floatAt(record, layout.pointSize) : 0.0f;
         point.r = point.g = point.b = 0;

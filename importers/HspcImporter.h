@@ -1,6 +1,5 @@
 #pragma once
 
-#include <array>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -8,10 +7,8 @@
 
 #include "core/Convertor.h"
 #include "core/Export.h"
-#include "hspc/format/NodeDecompressor.h"
-#include "hspc/format/NodeHeader.h"
+#include "hspc/query/QueryExecutor.h"
 #include "hspc/store/RootStore.h"
-#include "hspc/tree/Tree.h"
 #include "importers/hspc/HspcRoleLayout.h"
 #include "importers/hspc/HspcValues.h"
 
@@ -42,7 +39,7 @@ public:
     bool isLazs() const override { return false; }
     // The data set holds a usable scanner distance where it stores "TandorelPointSize".
     bool validTandSize() const override { return m_validTandSize; }
-    uint64_t nrPointsThisScan() const override { return m_tree.header.pointCount; }
+    uint64_t nrPointsThisScan() const override { return m_pointCount; }
     // Nodes read and their number.
     int64_t workDone() const override { return static_cast<int64_t>(m_nextNode); }
     int64_t workTotal() const override { return static_cast<int64_t>(m_nodeNames.size()); }
@@ -65,24 +62,23 @@ private:
     void openNode(size_t nodeID);
     // Where a node's block lies, for messages.
     std::string nodePath(size_t nodeID) const;
-    // The real position of the corner of the node that `header` describes.
-    std::array<double, 3> anchorOf(const HSPC::NodeHeader& header) const;
+    // The query executor reads blobs through here: a node block whose header can't be read, or whose
+    // attributes the role table refuses, is refused with the importer's own message, kept for openNode.
+    bool readBlob(const std::string& name, std::vector<uint8_t>& bytes);
 
     std::unique_ptr<HSPC::RootReader> m_reader;
-    HSPC::Tree m_tree;
+    HSPC::QueryExecutor m_executor;
     // The tree of node files: blob names in reading order, and the nodes they belong to.
     std::vector<std::string> m_nodeNames;
     std::vector<uint32_t> m_nodeIndices;
     size_t m_nextNode = 0;
-    // The records are decoded with x, y and z as F64 offsets from the node's corner, in real units.
-    std::vector<HSPC::OutputAction> m_actions;
+    // The records come with x, y and z as real coordinates (F64), then the attributes the importer keeps.
     HspcRoleLayout m_layout;
-    std::unique_ptr<HSPC::NodeDecompressor> m_decompressor;
-    std::vector<uint8_t> m_block;
     std::vector<uint8_t> m_records;
     uint64_t m_nodePoints = 0;
     uint64_t m_nodePosition = 0;
-    std::array<double, 3> m_anchor{};
+    uint64_t m_pointCount = 0;
+    std::string m_blobFailure;
     HspcColorScaling m_scaling;
     SupportedAttributes m_supported;
     bool m_validTandSize = false;
