@@ -12,7 +12,6 @@
 #include "hspc/tree/SerializeTree.h"
 #include "hspc/tree/TreeGeometry.h"
 #include "importers/hspc/HspcNodeOrder.h"
-#include "scanview/NormalCodes.h"
 
 namespace pc_preprocess
 {
@@ -58,11 +57,6 @@ bool sameAttributes(const std::vector<HSPC::Attribute>& a, const std::vector<HSP
 {
     return std::equal(a.begin(), a.end(), b.begin(), b.end(),
                       [](const HSPC::Attribute& x, const HSPC::Attribute& y) { return x == y && x.type == y.type; });
-}
-
-float floatAt(const uint8_t* record, const std::optional<HspcField>& field)
-{
-    return static_cast<float>(readHspcValue(field->type, record + field->offset));
 }
 
 }  // namespace
@@ -208,40 +202,24 @@ void HspcImporter::processBatch(std::vector<IoLightPoint>& batch, const Discreti
         openNode(m_nextNode);
     }
     const uint64_t end = std::min<uint64_t>(m_nodePoints, m_nodePosition + kBatchSize);
-    const HspcRoleLayout& layout = m_layout;
     for (; m_nodePosition < end; ++m_nodePosition)
     {
-        const uint8_t* record = m_records.data() + m_nodePosition * layout.recordSize;
-        double real[3];
-        std::memcpy(real, record, sizeof real);
+        const uint8_t* record = m_records.data() + m_nodePosition * m_layout.recordSize;
+        const HspcPointValues values = readHspcPoint(record, m_layout, m_scaling);
         IoLightPoint point;
         // A point that doesn't fit the cache's 32-bit grid is left out.
-        if (!transfo.apply(real[0], real[1], real[2], point.x, point.y, point.z))
+        if (!transfo.apply(values.position[0], values.position[1], values.position[2], point.x, point.y, point.z))
             continue;
-        point.radius = layout.pointSize ? floatAt(record, layout.pointSize) : 0.0f;
-        point.r = point.g = point.b = 0;
-        if (layout.hasColor())
-            m_scaling.color(record, point.r, point.g, point.b);
-        if (layout.intensity)
-            point.intensity = m_scaling.intensity(record);
-        if (layout.classification)
-            point.classification = static_cast<uint8_t>(readHspcValue(layout.classification->type,
-                                                                      record + layout.classification->offset));
-        if (layout.scanId)
-            point.scanId = static_cast<uint16_t>(readHspcValue(layout.scanId->type, record + layout.scanId->offset));
-        if (layout.normal)
-        {
-            const geom::Vector3d normal = decodeNormal(record + layout.normal->offset);
-            point.nx = static_cast<float>(normal.x);
-            point.ny = static_cast<float>(normal.y);
-            point.nz = static_cast<float>(normal.z);
-        }
-        else if (layout.hasNormals())
-        {
-            point.nx = floatAt(record, layout.normalX);
-            point.ny = floatAt(record, layout.normalY);
-            point.nz = floatAt(record, layout.normalZ);
-        }
+        point.radius = values.radius;
+        point.r = values.r;
+        point.g = values.g;
+        point.b = values.b;
+        point.intensity = values.intensity;
+        point.classification = values.classification;
+        point.scanId = values.scanId;
+        point.nx = values.normal[0];
+        point.ny = values.normal[1];
+        point.nz = values.normal[2];
         m_extents.extend(point);
         m_colorRange.updateAll(point.r, point.g, point.b, point.intensity);
         batch.push_back(point);

@@ -8,6 +8,7 @@
 #include <optional>
 #include <vector>
 
+#include "core/Export.h"
 #include "hspc/format/Attribute.h"
 
 namespace pc_preprocess
@@ -42,6 +43,6 @@ struct HspcRoleLayout
 // Maps a client layout (as generateAttributeFormat makes it) role by role. `positionType` is the type that
 // x, y and z were requested in. Throws the importer's message for missing or mistyped coordinates and for a
 // custom "TandorelPointSize" that is not F32 or a "Normal" that is not U16.
-HspcRoleLayout mapHspcRoles(const std::vector<HSPC::Attribute>& layout, uint8_t positionType);
+PCP_API HspcRoleLayout mapHspcRoles(const std::vector<HSPC::Attribute>& layout, uint8_t positionType);
 
 }  // namespace pc_preprocess

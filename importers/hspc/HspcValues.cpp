@@ -7,6 +7,7 @@
 #include <string>
 
 #include "importers/pts/ValueScaling.h"
+#include "scanview/NormalCodes.h"
 
 namespace pc_preprocess
 {
@@ -165,6 +166,47 @@ uint16_t HspcColorScaling::intensity(const uint8_t* record) const
     if (!scaleIntensity(readHspcValue(field.type, record + field.offset), m_intensity, scaled))
         throw std::runtime_error(intensityText(m_intensity, m_sampleCount));
     return scaled;
+}
+
+namespace
+{
+
+float floatAt(const uint8_t* record, const std::optional<HspcField>& field)
+{
+    return static_cast<float>(readHspcValue(field->type, record + field->offset));
+}
+
+}  // namespace
+
+HspcPointValues readHspcPoint(const uint8_t* record, const HspcRoleLayout& layout, const HspcColorScaling& scaling)
+{
+    HspcPointValues point;
+    std::memcpy(point.position, record, sizeof point.position);
+    if (layout.pointSize)
+        point.radius = floatAt(record, layout.pointSize);
+    if (layout.hasColor())
+        scaling.color(record, point.r, point.g, point.b);
+    if (layout.intensity)
+        point.intensity = scaling.intensity(record);
+    if (layout.classification)
+        point.classification =
+            static_cast<uint8_t>(readHspcValue(layout.classification->type, record + layout.classification->offset));
+    if (layout.scanId)
+        point.scanId = static_cast<uint16_t>(readHspcValue(layout.scanId->type, record + layout.scanId->offset));
+    if (layout.normal)
+    {
+        const geom::Vector3d normal = decodeNormal(record + layout.normal->offset);
+        point.normal[0] = static_cast<float>(normal.x);
+        point.normal[1] = static_cast<float>(normal.y);
+        point.normal[2] = static_cast<float>(normal.z);
+    }
+    else if (layout.hasNormals())
+    {
+        point.normal[0] = floatAt(record, layout.normalX);
+        point.normal[1] = floatAt(record, layout.normalY);
+        point.normal[2] = floatAt(record, layout.normalZ);
+    }
+    return point;
 }
 
 }  // namespace pc_preprocess

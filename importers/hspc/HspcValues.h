@@ -6,6 +6,7 @@
 #include <optional>
 
 #include "core/ColorMode.h"
+#include "core/Export.h"
 #include "importers/hspc/HspcRoleLayout.h"
 
 namespace pc_preprocess
@@ -13,13 +14,13 @@ namespace pc_preprocess
 
 // The value of type `type` at `bytes` (little-endian, unaligned). Throws "HspcImporter ERROR: <type>
 // unsupported for read(type, uint8_t *)." for a type that is no plain number (a Morton code).
-double readHspcValue(uint8_t type, const uint8_t* bytes);
+PCP_API double readHspcValue(uint8_t type, const uint8_t* bytes);
 
 // Brings colour and intensity numbers to the 16-bit scale. The stored type decides where it can: U8 values
 // are 8-bit, U16 values already 16-bit. Values of any other type are read as the narrowest range that holds
 // the first points the importer sees; a later value outside that range stops the file, with a message naming
 // how many points fixed it.
-class HspcColorScaling
+class PCP_API HspcColorScaling
 {
 public:
     HspcColorScaling() = default;
@@ -48,5 +49,23 @@ private:
     // The valid points that fixed the ranges, for the messages.
     uint64_t m_sampleCount = 0;
 };
+
+// One decoded record in the octree side's terms: the real position, colour and intensity on 16 bits, and the
+// other attributes where the layout has them (radius 0, class and scan 0 and a zero normal where it hasn't).
+struct HspcPointValues
+{
+    double position[3] = {};
+    float radius = 0.0f;
+    uint16_t r = 0, g = 0, b = 0;
+    uint16_t intensity = 0;
+    uint8_t classification = 0;
+    uint16_t scanId = 0;
+    float normal[3] = {};
+};
+
+// Reads the record at `record`, whose layout has x, y and z as F64 real coordinates; the colour ranges must be
+// fixed. Throws as HspcColorScaling does for values outside them.
+PCP_API HspcPointValues readHspcPoint(const uint8_t* record, const HspcRoleLayout& layout,
+                                      const HspcColorScaling& scaling);
 
 }  // namespace pc_preprocess
