@@ -36,7 +36,11 @@ ProgressDisplay::ProgressDisplay(std::filesystem::path percentageFile)
 
 void ProgressDisplay::poll()
 {
-    const std::string token = readToken(m_file);
+    update(readToken(m_file));
+}
+
+void ProgressDisplay::update(const std::string& token)
+{
     std::lock_guard lock(m_mutex);
     const long second = long(
         std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - m_start).count());

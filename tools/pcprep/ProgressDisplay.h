@@ -18,6 +18,8 @@ public:
 
     // Reads the percentage file and redraws if anything changed.
     void poll();
+    // Shows `token` as if the percentage file held it: for jobs that know their progress without a file.
+    void update(const std::string& token);
     void note(const std::string& text);
     // Ends the bar's line; the last state stays visible.
     void finish();
