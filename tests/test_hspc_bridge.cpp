@@ -1,13 +1,17 @@
 // HSPC data sets as the input of a run: which paths the importer takes, the points it hands to the cache,
 // and how broken or unusual data sets stop the file.
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 
 #include <cmath>
 #include <cstring>
 #include <fstream>
+#include <sstream>
 #include <set>
 #include <tuple>
 
+#include "cachefiles/PnzFiles.h"
+#include "cachefiles/VrmFile.h"
 #include "core/ImporterFactory.h"
 #include "core/StringConversion.h"
 #include "exporters/HspcExporter.h"
@@ -408,4 +412,169 @@ TEST(HspcColorScaling, FirstPointsFixTheRangesThatLaterPointsMustKeep)
                                             {Type::F64, Role::Z, "Z"}, {Type::F64, Role::CUSTOM, "TandorelPointSize"}},
                                            Type::F64); }),
               "HspcImporter ERROR: Custom role TandorelPointSize must be 32-bit float");
+}
+
+namespace
+{
+
+// Runs pcprep with `arguments`, its output in `out`; the exit status.
+int pcprep(const pcp_test::TempFolder& temp, const std::vector<std::string>& arguments, std::string* out = nullptr)
+{
+    std::string command = PCPREP_PATH;
+    for (const std::string& argument : arguments)
+        command += " '" + argument + "'";
+    const fs::path log = temp.path() / "pcprep.out";
+    command += " > '" + log.string() + "' 2>&1";
+    const int status = std::system(command.c_str());
+    if (out)
+        *out = pcp_test::readText(log);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 1000;
+}
+
+// A point as the real world sees it: millimetre position, colour and intensity.
+using RealPoint = std::tuple<int64_t, int64_t, int64_t, uint16_t, uint16_t, uint16_t, uint16_t>;
+
+RealPoint realPointOf(const IoLightPoint& p, const IoTransfo& t)
+{
+    const auto mm = [&](int axis, int32_t v) { return std::llround((v * t.scale[axis] + t.offset[axis]) * 1000.0); };
+    return {mm(0, p.x), mm(1, p.y), mm(2, p.z), p.r, p.g, p.b, p.intensity};
+}
+
+void collectLeaves(const fs::path& data, const VrmNode& node, std::vector<RealPoint>& out)
+{
+    for (const VrmNode& child : node.children)
+        collectLeaves(data, child, out);
+    if (!node.isLeaf())
+        return;
+    IoTransfo transfo;
+    std::vector<IoLightPoint> points;
+    readPNZ(toWide(data / toPath(node.file).replace_extension(".pnz")), transfo, points);
+    for (const IoLightPoint& p : points)
+        out.push_back(realPointOf(p, transfo));
+}
+
+std::multiset<RealPoint> leavesOf(const fs::path& cache)
+{
+    std::vector<RealPoint> points;
+    collectLeaves(cache / "Data", readVrm(toWide(cache / "cache.vrm")), points);
+    return {points.begin(), points.end()};
+}
+
+// Millimetre positions and intensities of a PTS file that pcprep wrote.
+std::multiset<std::array<int64_t, 4>> ptsPoints(const fs::path& file)
+{
+    std::ifstream in(file);
+    uint64_t count = 0;
+    in >> count;
+    std::multiset<std::array<int64_t, 4>> points;
+    double x, y, z;
+    int64_t intensity, r, g, b;
+    while (in >> x >> y >> z >> intensity >> r >> g >> b)
+        points.insert({std::llround(x * 1000.0), std::llround(y * 1000.0), std::llround(z * 1000.0), intensity});
+    EXPECT_EQ(points.size(), count) << file;
+    return points;
+}
+
+// The data set keeps one point of each millimetre cell: `got` holds one point of each cell of `expected`, each
+// of them one of `expected`.
+template <typename Point>
+void expectSameLessDuplicates(const std::multiset<Point>& expected, const std::multiset<Point>& got)
+{
+    const auto cellsOf = [](const std::multiset<Point>& points)
+    {
+        std::set<std::array<int64_t, 3>> cells;
+        for (const Point& p : points)
+            cells.insert({int64_t(std::get<0>(p)), int64_t(std::get<1>(p)), int64_t(std::get<2>(p))});
+        return cells;
+    };
+    const std::set<std::array<int64_t, 3>> expectedCells = cellsOf(expected);
+    EXPECT_EQ(got.size(), expectedCells.size());
+    EXPECT_TRUE(cellsOf(got) == expectedCells);
+    size_t foreign = 0;
+    for (const Point& p : got)
+        foreign += expected.count(p) == 0;
+    EXPECT_EQ(foreign, 0u) << "points that the source did not hold";
+}
+
+}  // namespace
+
+TEST(HspcBridge, DataSetAsInputRebuildsTheCacheAndExportAnswersQueries)
+{
+    pcp_test::TempFolder temp;
+    const fs::path sample = temp.path() / "s";
+    ASSERT_EQ(pcprep(temp, {"sample", sample.string(), "--parts", "las", "--points", "20000"}), 0);
+    std::string out;
+    const fs::path original = temp.path() / "original";
+    ASSERT_EQ(pcprep(temp, {"run", "--cache", original.string(), "--threads", "2",
+                            (sample / "las" / "room-tile.las").string()}, &out), 0) << out;
+    const std::multiset<RealPoint> leaves = leavesOf(original);
+    ASSERT_GT(leaves.size(), 50000u);
+
+    // The leaves as a data set, in a folder and as an archive, each the input of a new run.
+    const fs::path folderSet = temp.path() / "leaves.hspc";
+    const fs::path packSet = temp.path() / "leaves.hspc.pack";
+    for (const fs::path& dataSet : {folderSet, packSet})
+        ASSERT_EQ(pcprep(temp, {"export", original.string(), dataSet.string()}, &out), 0) << out;
+    for (const fs::path& input : {fs::path(folderSet / "queryTree.hspc"), packSet, folderSet})
+    {
+        SCOPED_TRACE(input);
+        const fs::path rebuilt = temp.path() / ("rebuilt-" + std::to_string(std::hash<std::string>{}(input)));
+        ASSERT_EQ(pcprep(temp, {"run", "--cache", rebuilt.string(), "--threads", "2", input.string()}, &out), 0) << out;
+        expectSameLessDuplicates(leaves, leavesOf(rebuilt));
+    }
+    const fs::path reduced = folderSet / "tree.hspc";
+    EXPECT_EQ(pcprep(temp, {"run", "--cache", (temp.path() / "refused").string(), reduced.string()}, &out), 1);
+    EXPECT_NE(out.find("HspcImporter ERROR: inFile needs to be /path/to/queryTree.hspc"), std::string::npos) << out;
+
+    // The whole data set, then a box of it against a brute-force filter of the leaves.
+    std::multiset<std::array<int64_t, 4>> all;
+    for (const RealPoint& p : leaves)
+        all.insert({std::get<0>(p), std::get<1>(p), std::get<2>(p), std::get<6>(p)});
+    const fs::path allPts = temp.path() / "all.pts";
+    ASSERT_EQ(pcprep(temp, {"export", folderSet.string(), allPts.string()}, &out), 0) << out;
+    const std::multiset<std::array<int64_t, 4>> exported = ptsPoints(allPts);
+    expectSameLessDuplicates(all, exported);
+    // Box edges between the millimetre cells, so that no point lies on one.
+    const std::array<double, 6> box{1.0005, 0.5005, 0.2005, 3.2005, 2.0005, 1.5005};
+    std::multiset<std::array<int64_t, 4>> inside;
+    for (const auto& p : exported)
+        if (p[0] > box[0] * 1000 && p[0] < box[3] * 1000 && p[1] > box[1] * 1000 && p[1] < box[4] * 1000 &&
+            p[2] > box[2] * 1000 && p[2] < box[5] * 1000)
+            inside.insert(p);
+    ASSERT_GT(inside.size(), 1000u);
+    ASSERT_LT(inside.size(), exported.size() / 2);
+    std::ostringstream boxText;
+    boxText.precision(10);
+    for (size_t i = 0; i < box.size(); ++i)
+        boxText << (i ? "," : "") << box[i];
+    const fs::path boxPts = temp.path() / "box.pts";
+    ASSERT_EQ(pcprep(temp, {"export", packSet.string(), boxPts.string(), "--box", boxText.str()}, &out), 0) << out;
+    EXPECT_TRUE(ptsPoints(boxPts) == inside);
+
+    // A level of detail: exactly the points of the nodes at that lod and above.
+    HSPC::FolderReader reader(folderSet.string());
+    std::vector<uint8_t> treeBytes;
+    ASSERT_TRUE(reader.read(HSPC::kQueryTreeName, treeBytes));
+    HSPC::Tree tree;
+    ASSERT_TRUE(HSPC::loadTree(treeBytes, tree, {}));
+    ASSERT_GE(tree.header.maxLod, tree.header.minLod + 2);
+    const unsigned lod = tree.header.maxLod - 1;
+    const std::vector<uint8_t> lods = HSPC::nodeLods(tree);
+    uint64_t coarse = 0;
+    for (size_t i = 0; i < tree.nodes.size(); ++i)
+        coarse += lods[i] >= lod ? tree.nodes[i].pointCount : 0;
+    const fs::path lodLaz = temp.path() / "lod.laz";
+    ASSERT_EQ(pcprep(temp, {"export", folderSet.string(), lodLaz.string(), "--lod", std::to_string(lod)}, &out), 0)
+        << out;
+    EXPECT_NE(out.find("Wrote " + std::to_string(coarse) + " points of the data set"), std::string::npos) << out;
+    EXPECT_LT(coarse, exported.size());
+
+    // Refusals: an existing target, a box that is no box, a lod the data set lacks.
+    EXPECT_EQ(pcprep(temp, {"export", folderSet.string(), allPts.string()}, &out), 1);
+    EXPECT_NE(out.find("already exists"), std::string::npos) << out;
+    EXPECT_EQ(pcprep(temp, {"export", folderSet.string(), (temp.path() / "b.pts").string(), "--box", "1,2,3"}, &out), 2);
+    EXPECT_NE(out.find("--box takes six numbers"), std::string::npos) << out;
+    EXPECT_EQ(pcprep(temp, {"export", folderSet.string(), (temp.path() / "l.pts").string(), "--lod", "99"}, &out), 2);
+    EXPECT_NE(out.find("--lod: the data set"), std::string::npos) << out;
+    EXPECT_FALSE(fs::exists(temp.path() / "b.pts") || fs::exists(temp.path() / "l.pts"));
 }
