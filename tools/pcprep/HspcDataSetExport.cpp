@@ -3,9 +3,7 @@
 // pulls them in batches; a bounded queue between the two keeps memory flat whatever the data set's size.
 #include <algorithm>
 #include <atomic>
-#include <condition_variable>
 #include <cstdio>
-#include <deque>
 #include <filesystem>
 #include <memory>
 #include <mutex>
@@ -19,6 +17,7 @@
 #include "exporters/LazExporter.h"
 #include "exporters/PtsExporter.h"
 #include "geom/Matrix3d.h"
+#include "hspc/format/ConcurrentQueue.h"
 #include "hspc/query/QueryExecutor.h"
 #include "importers/hspc/HspcRoleLayout.h"
 #include "importers/hspc/HspcValues.h"
@@ -41,54 +40,48 @@ constexpr uint8_t kPositionType = HSPC::AttributeType::F64;
 // Decoded nodes waiting for the exporter; a node holds at most a few megabytes of records.
 constexpr size_t kQueuedNodes = 8;
 
-// Nodes from the query's thread to the exporter's. The query waits while the queue is full; the exporter
-// waits while it is empty and the query still runs.
+// Nodes from the query's thread to the exporter's. The query takes a free slot before it queues a node, and
+// the exporter gives the slot back once it has taken the node: at most kQueuedNodes wait.
 class NodeQueue
 {
 public:
+    NodeQueue()
+    {
+        for (size_t slot = 0; slot < kQueuedNodes; ++slot)
+            m_slots.push(0);
+    }
+
     // False once the exporter gave up: the query then stops.
     bool push(const HSPC::QueryNodeRecords& node)
     {
-        std::unique_lock lock(m_mutex);
-        m_changed.wait(lock, [this] { return m_abandoned || m_nodes.size() < kQueuedNodes; });
-        if (m_abandoned)
+        if (m_abandoned || !m_slots.pop())
             return false;
-        m_nodes.push_back({node.pointCount, std::vector<uint8_t>(node.records.begin(), node.records.end())});
-        m_changed.notify_all();
-        return true;
+        m_nodes.push({node.pointCount, std::vector<uint8_t>(node.records.begin(), node.records.end())});
+        return !m_abandoned;
     }
-    void finish()
-    {
-        std::lock_guard lock(m_mutex);
-        m_finished = true;
-        m_changed.notify_all();
-    }
+    // The query has ended: the exporter takes what is queued and then stops.
+    void finish() { m_nodes.close(); }
     void abandon()
     {
-        std::lock_guard lock(m_mutex);
         m_abandoned = true;
-        m_changed.notify_all();
+        m_slots.close();
     }
     // The next node's records; false when the query has ended and every node was taken.
     bool pop(std::vector<uint8_t>& records, uint64_t& pointCount)
     {
-        std::unique_lock lock(m_mutex);
-        m_changed.wait(lock, [this] { return m_finished || !m_nodes.empty(); });
-        if (m_nodes.empty())
+        std::optional<std::pair<uint64_t, std::vector<uint8_t>>> node = m_nodes.pop();
+        if (!node)
             return false;
-        pointCount = m_nodes.front().first;
-        records = std::move(m_nodes.front().second);
-        m_nodes.pop_front();
-        m_changed.notify_all();
+        pointCount = node->first;
+        records = std::move(node->second);
+        m_slots.push(0);
         return true;
     }
 
 private:
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
-    std::deque<std::pair<uint64_t, std::vector<uint8_t>>> m_nodes;
-    bool m_finished = false;
-    bool m_abandoned = false;
+    HSPC::ConcurrentQueue<std::pair<uint64_t, std::vector<uint8_t>>> m_nodes;
+    HSPC::ConcurrentQueue<char> m_slots;
+    std::atomic<bool> m_abandoned = false;
 };
 
 std::array<double, 6> parseBox(const std::string& text)
