@@ -73,12 +73,14 @@ HspcImporter::~HspcImporter() = default;
 void HspcImporter::openGroup()
 {
     const std::string parseError = "HspcImporter ERROR: Could not parse " + ws2s(m_path);
-    std::string reason;
-    const HSPC::LogFunction keep = [&reason](const std::string& text)
+    // The reader and the executor keep their loggers for later reads: they report into the object.
+    m_libraryMessage.clear();
+    const HSPC::LogFunction keep = [this](const std::string& text)
     {
-        if (reason.empty())
-            reason = text;
+        if (m_libraryMessage.empty())
+            m_libraryMessage = text;
     };
+    const std::string& reason = m_libraryMessage;
     m_reader = openReader(m_path, keep);
     HSPC::QueryConfig config;
     config.path = toPath(m_path).string();

@@ -79,6 +79,8 @@ private:
     uint64_t m_nodePosition = 0;
     uint64_t m_pointCount = 0;
     std::string m_blobFailure;
+    // The first message of the data set's reader and executor since the group was opened.
+    std::string m_libraryMessage;
     HspcColorScaling m_scaling;
     SupportedAttributes m_supported;
     bool m_validTandSize = false;
