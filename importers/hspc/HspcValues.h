@@ -17,7 +17,8 @@ namespace pc_preprocess
 PCP_API double readHspcValue(uint8_t type, const uint8_t* bytes);
 
 // Brings colour and intensity numbers to the 16-bit scale. The stored type decides where it can: U8 values
-// are 8-bit, U16 values already 16-bit. Values of any other type are read as the narrowest range that holds
+// are 8-bit, U16 values already 16-bit. (Ranges alone would read a dark U16 data set, such as one exported from
+// a cache, as 8-bit and brighten it 256-fold.) Values of any other type are read as the narrowest range that holds
 // the first points the importer sees; a later value outside that range stops the file, with a message naming
 // how many points fixed it.
 class PCP_API HspcColorScaling
