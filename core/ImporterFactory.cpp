@@ -5,6 +5,7 @@
 #include "core/FileFormat.h"
 #include "core/StringConversion.h"
 #include "importers/E57.h"
+#include "importers/HspcImporter.h"
 #include "importers/Las.h"
 #include "importers/LazImporter.h"
 #include "importers/PtsImporter.h"
@@ -65,8 +66,10 @@ std::shared_ptr<Convertor> importerFor(const InputFileData& input, bool reprojec
             // RIEGL coordinates are metres, and the importer maps amplitudes and colours onto 16 bits.
             return std::make_shared<Riegl>(input.path, input.scale, ColorMode(kRgb16Bit, kIntensity16Bit),
                                            input.rieglLibrary);
-        case kFormatRcp:
         case kFormatHspc:
+            // The importer brings colour and intensity to 16 bits by the ranges it finds in the data set.
+            return std::make_shared<HspcImporter>(input.path, input.scale, ColorMode(kRgb16Bit, kIntensity16Bit));
+        case kFormatRcp:
         case kFormatZfs:
         case kFormatLgsx:
             notAvailable(format, input);

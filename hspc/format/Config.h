@@ -117,6 +117,19 @@ struct QueryConfig
     uint64_t memoryLimit = 0;
     uint64_t cacheSize = 0;
 
+    // Reads the blob `name` of the data set (a node block or a tree file, "/..." as stored) into `bytes`
+    // when the data set lives behind the host's store; empty reads from `path`. Called from several threads
+    // at once. False for a blob that is missing or could not be read whole.
+    std::function<bool(const std::string& name, std::vector<uint8_t>& bytes)> readBlob;
+    // After a query has delivered or written one node: its index in the tree and the points it kept.
+    // Called from one thread at a time per query.
+    std::function<void(uint32_t nodeIndex, uint64_t pointCount)> nodeWritten;
+    // Nodes of a query finished so far and the nodes it will read in all (the total grows as the walk
+    // descends).
+    std::function<void(uint64_t nodesDone, uint64_t nodesPlanned)> progress;
+    // Asked by a running query before each node it hands on; true ends the query, which then returns false.
+    std::function<bool()> cancelRequested;
+
     LogFunction infoLogger = printQueryInfo;
     LogFunction warningLogger = printQueryWarning;
     LogFunction errorLogger = printQueryError;

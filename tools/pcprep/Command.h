@@ -9,6 +9,7 @@ namespace pcprep
 {
 
 using Arguments = std::vector<std::string>;
+class ParsedArguments;
 
 // One sub-command of the tool: its name, a one-line summary for the overview, the full usage text, and what
 // it does. `run` returns the process exit code; it throws UsageError for wrong arguments and anything else
@@ -29,6 +30,9 @@ struct UsageError : std::runtime_error
 int runInfo(const Arguments& arguments);
 int runRun(const Arguments& arguments);
 int runExport(const Arguments& arguments);
+// The part of `export` that writes the points of a query of an HSPC data set to OUT.pts or OUT.laz.
+int exportHspcDataSet(const std::filesystem::path& source, const std::filesystem::path& target,
+                      const ParsedArguments& parsed);
 // The part of `info` that describes a cache folder.
 int describeCacheFolder(const std::filesystem::path& folder);
 // The parts of `info` and `verify` that describe and check an HSPC data set.

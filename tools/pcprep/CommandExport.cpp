@@ -22,6 +22,7 @@
 #include "pcprep/ArgumentParser.h"
 #include "pcprep/CacheTree.h"
 #include "pcprep/Command.h"
+#include "pcprep/HspcDataSet.h"
 
 namespace pcprep
 {
@@ -219,11 +220,18 @@ uint64_t exportHspc(SourceReader& reader, const std::vector<fs::path>& sources, 
 
 int runExport(const Arguments& arguments)
 {
-    const ParsedArguments parsed(arguments, {{"--depth", true}});
+    const ParsedArguments parsed(arguments,
+                                 {{"--depth", true}, {"--box", true}, {"--lod", true}, {"--threads", true}});
     if (parsed.positional().size() < 2)
         throw UsageError("expected SOURCE... OUT");
     const fs::path& first = parsed.positional().front();
+    // A folder holding a data set is one (a run with --hspc writes no tree of node files); any other
+    // folder is read as a cache.
+    if (parsed.positional().size() == 2 && namesHspcDataSet(first))
+        return exportHspcDataSet(first, parsed.positional().back(), parsed);
     const bool fromCache = parsed.positional().size() == 2 && namesCache(first);
+    if (parsed.has("--box") || parsed.has("--lod") || parsed.has("--threads"))
+        throw UsageError("--box, --lod and --threads are for an HSPC data set as the source");
     const std::vector<fs::path> sources = fromCache ? cacheSources(first, parsed) : fileSources(parsed);
     const fs::path target = parsed.positional().back();
 

@@ -107,7 +107,7 @@ int runMerge(const Arguments& arguments)
     advanced.infoLogger = [](const std::string&) {};
     advanced.warningLogger = [&display](const std::string& text) { display.note("pcprep merge: warning: " + text); };
     advanced.errorLogger = [&display](const std::string& text) { display.note("pcprep merge: " + text); };
-    advanced.progressLogger = [&display](int percent, const std::string&) { display.report(percent); };
+    advanced.progressLogger = [&display](int percent, const std::string&) { display.update(std::to_string(percent)); };
 
     const auto start = std::chrono::steady_clock::now();
     HSPC::DataSetMerge merge(inputs, basic, advanced, HSPC::PointCloudEncodingConfig{});

@@ -39,11 +39,6 @@ void ProgressDisplay::poll()
     update(readToken(m_file));
 }
 
-void ProgressDisplay::report(int percent)
-{
-    update(std::to_string(percent));
-}
-
 void ProgressDisplay::update(const std::string& token)
 {
     std::lock_guard lock(m_mutex);

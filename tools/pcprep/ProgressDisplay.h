@@ -18,15 +18,13 @@ public:
 
     // Reads the percentage file and redraws if anything changed.
     void poll();
-    // Shows `percent` as if the file had said it, for a job that reports its progress by calls; safe from
-    // any thread.
-    void report(int percent);
+    // Shows `token` as if the percentage file held it: for jobs that know their progress without a file.
+    void update(const std::string& token);
     void note(const std::string& text);
     // Ends the bar's line; the last state stays visible.
     void finish();
 
 private:
-    void update(const std::string& token);
     void draw(const std::string& token);
     void clearLine();
 

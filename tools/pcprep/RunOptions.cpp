@@ -4,7 +4,10 @@
 #include <cmath>
 #include <cstdlib>
 
+#include <filesystem>
+
 #include "pcprep/ArgumentParser.h"
+#include "pcprep/HspcDataSet.h"
 
 namespace pcprep
 {
@@ -90,6 +93,10 @@ RunOptions parseRunOptions(const Arguments& arguments)
     options.inputs = parsed.positional();
     if (options.inputs.empty())
         throw UsageError("expected at least one INPUT file");
+    // An HSPC data set in a folder enters the run through its full tree file, which the importer reads.
+    for (std::string& input : options.inputs)
+        if (std::filesystem::is_directory(input) && namesHspcDataSet(input))
+            input = (std::filesystem::path(input) / "queryTree.hspc").string();
     options.name = parsed.text("--name", options.name);
     if (options.name.empty() || options.name.find('/') != std::string::npos)
         throw UsageError("--name takes a file name without folders");

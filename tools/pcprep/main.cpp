@@ -22,7 +22,8 @@ const Command kCommands[] = {
      "and\n"
      "Ctrl-C turned into the cancel file DIR/cancel. A failed or cancelled run leaves only the log in DIR.\n"
      "Inputs: PTS files (.pts, and text files of any other unknown extension), PTX, LAS, LAZ and E57 files,\n"
-     "and RIEGL projects (project.rsp) and RDB files (.rdbx) when the RIEGL library is installed.\n"
+     "RIEGL projects (project.rsp) and RDB files (.rdbx) when the RIEGL library is installed, and HSPC\n"
+     "data sets: a queryTree.hspc file, the folder that holds it, or a .pack archive (not tree.hspc).\n"
      "Structured scans (PTX) also get their panoramas, a colour view and a normal map per scan, as PNG\n"
      "files in DIR/Bubbles.\n"
      "\n"
@@ -92,9 +93,12 @@ const Command kCommands[] = {
      "  --points N             also list the first N points of a node file with all their fields\n"
      "  --riegl-library FILE   the RIEGL library (default: librdb.so on the library search path)\n",
      pcprep::runInfo},
-    {"export", "write the points of a cache, node files or scan files to a PTS or LAZ file or an HSPC data set",
+    {"export",
+     "write the points of a cache, node files, scan files or an HSPC data set to a PTS or LAZ file or an HSPC "
+     "data set",
      "Usage: pcprep export DIR OUT [--depth D]\n"
      "       pcprep export SOURCE... OUT\n"
+     "       pcprep export DATASET OUT.laz|OUT.pts [--box x0,y0,z0,x1,y1,z1] [--lod N] [--threads N]\n"
      "\n"
      "Writes points to OUT, a new file:\n"
      "  OUT.pts   text, \"x y z intensity r g b\" with 9 significant digits, the count on the first line\n"
@@ -107,9 +111,14 @@ const Command kCommands[] = {
      "resolution; with --depth D those of the nodes at depth D (0 is the root) and of the leaves above it,\n"
      "the cache as a viewer shows it at that level of detail.\n"
      "From SOURCE files: node files .pnt or .pnz, or the per-scan point files in a cache's Data folder.\n"
+     "From an HSPC DATASET (its folder, its queryTree.hspc or its pack archive): the points a query of it\n"
+     "returns, to .pts or to .laz on the data set's grid; Ctrl-C stops the export and removes OUT.\n"
      "An existing OUT is never overwritten.\n"
      "\n"
-     "  --depth D   export the tree of DIR down to depth D\n",
+     "  --depth D     export the tree of DIR down to depth D\n"
+     "  --box B       only the points of DATASET inside the box x0,y0,z0,x1,y1,z1 (real units, inclusive)\n"
+     "  --lod N       only the nodes of DATASET at lod N and coarser: the data set at that level of detail\n"
+     "  --threads N   decoding threads of the query (default: all hardware threads)\n",
      pcprep::runExport},
     {"sample", "write the built-in sample (node file, PTS, LAS, PTX, E57; an outdoor LAS tile) into a folder",
      "Usage: pcprep sample FOLDER [--parts LIST] [--points N] [--scans K] [--ptx-points N]\n"
