@@ -22,6 +22,7 @@
 #include "hspc/store/FolderStore.h"
 #include "hspc/tree/SerializeTree.h"
 #include "hspc/tree/TreeGeometry.h"
+#include "support/FuzzCorpus.h"
 #include "support/HspcConversionSetup.h"
 
 using namespace HSPC;
@@ -549,6 +550,35 @@ TEST_F(QueryTest, LoggersLimitsAndPositionTypesAtInitialization)
     EXPECT_EQ(info.outputRecordSize, 24u + 5u);
 }
 
+// The query front takes every tree the loader takes, except one still being written, and refuses the rest
+// with a message.
+TEST(QueryTreeBadInput, ReplaysTheFuzzCorpus)
+{
+    size_t opened = 0;
+    const size_t replayed = pcp_test::replayFuzzCorpus(
+        "hspc_query_tree",
+        [&](const std::string& text, const fs::path& file)
+        {
+            const std::span bytes(reinterpret_cast<const uint8_t*>(text.data()), text.size());
+            Logs logs;
+            QueryConfig config = logs.config({});
+            config.readBlob = [](const std::string&, std::vector<uint8_t>&) { return false; };
+            QueryExecutor executor;
+            const bool initialized = executor.initializeQueryExecutor(config, bytes, true);
+            Tree tree;
+            const bool loaded = loadTree(bytes, tree, nullptr);
+            EXPECT_EQ(initialized, loaded && tree.header.progressive == 0) << file;
+            EXPECT_EQ(logs.errors.lines.empty(), initialized) << file;
+            if (initialized)
+            {
+                ++opened;
+                EXPECT_EQ(executor.tree().nodes.size(), tree.nodes.size()) << file;
+            }
+        });
+    EXPECT_GT(replayed, 0u);
+    EXPECT_GT(opened, 0u);
+}
+
 // A blob reader that holds every node read until released, so that reads queue up.
 struct HeldReader
 {
@@ -698,8 +728,11 @@ TEST_F(QueryTest, ManyQueriesAtOnceOnOneOrSeveralExecutors)
 {
     QueryExecutor shared;
     open(shared);
+    // A budget smaller than any node: the pipeline then holds one node at a time, and still answers.
     QueryExecutor second;
-    open(second);
+    QueryConfig tight = logs.config(data.folder);
+    tight.memoryLimit = 3000;
+    ASSERT_TRUE(openQueryExecutor(second, tight, false));
     const std::vector<std::array<double, 6>> boxes{{0, 0, 0, 2500, 5000, 5000},
                                                    {2500, 0, 0, 5000, 5000, 5000},
                                                    {1000, 1000, 1000, 4000, 4000, 4000},

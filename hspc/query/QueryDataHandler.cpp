@@ -82,8 +82,16 @@ void QueryDataHandler::enter(Stage<Item>& stage, Item&& item)
 template <typename Item>
 void QueryDataHandler::leave(Stage<Item>& stage, uint64_t bytes)
 {
-    std::lock_guard lock(stage.bytesMutex);
-    stage.bytes -= bytes;
+    {
+        std::lock_guard lock(stage.bytesMutex);
+        stage.bytes -= bytes;
+    }
+    // A node may be through the later stages before the earlier one lets go of it, so every release wakes
+    // the walks that wait for room; the progress lock orders this after their test of the budget.
+    {
+        std::lock_guard lock(progressMutex_);
+    }
+    progress_.notify_all();
 }
 
 void QueryDataHandler::pushToInput(QueryReadNode&& node)

@@ -121,16 +121,18 @@ bool QueryNodeDecoder::decode(std::span<const uint8_t> block, const QueryNodePla
     const size_t count = size_t(node.pointCount);
     const size_t stride = layout.recordSize;
     const bool zeroFields = hasUnsourcedFields(layout);
+    const bool direct = !box && !needsRealPositions(layout);
+    // Fields without a source stay zero; on the way through the cells, real positions are made afterwards.
     actions_.clear();
-    if (!box && !needsRealPositions(layout))
+    for (const QueryAction& action : layout.actions)
     {
-        for (const QueryAction& action : layout.actions)
+        if (action.source != kNoSourceAttribute && (direct || !(action.source == 0 && isRealPosition(action.code))))
         {
-            if (action.source != kNoSourceAttribute)
-            {
-                actions_.push_back({action.source, action.offset, action.code});
-            }
+            actions_.push_back({action.source, action.offset, action.code});
         }
+    }
+    if (direct)
+    {
         records.resize(count * stride);
         if (zeroFields)
         {
@@ -145,13 +147,6 @@ bool QueryNodeDecoder::decode(std::span<const uint8_t> block, const QueryNodePla
     }
     // Real positions are made from the cells, so that they equal cell * scale + origin exactly: the decoder
     // writes the cells behind each record, and the pass below keeps and completes the records.
-    for (const QueryAction& action : layout.actions)
-    {
-        if (action.source != kNoSourceAttribute && !(action.source == 0 && isRealPosition(action.code)))
-        {
-            actions_.push_back({action.source, action.offset, action.code});
-        }
-    }
     const size_t extended = stride + kCellBytes;
     actions_.push_back({0, uint32_t(stride), query_action::kIntegerI64});
     scratch_.resize(count * extended);
