@@ -372,6 +372,18 @@ TEST_F(QueryTest, LodLimitsAndBudgetsStopTheWalk)
         EXPECT_EQ(records, limited.records[n]);
     }
 
+    // The client's callbacks see the same nodes, one at a time, and the last progress call counts them all.
+    QueryConfig config = logs.config(data.folder);
+    std::set<uint32_t> written;
+    std::pair<uint64_t, uint64_t> lastProgress;
+    config.nodeWritten = [&](uint32_t node, uint64_t) { written.insert(node); };
+    config.progress = [&](uint64_t done, uint64_t planned) { lastProgress = {done, planned}; };
+    QueryExecutor reporting;
+    ASSERT_TRUE(openQueryExecutor(reporting, config, false));
+    ASSERT_TRUE(reporting.query(QueryRequest{{}, limit, 0}, Collected().sink()));
+    EXPECT_EQ(written, expectedNodes);
+    EXPECT_EQ(lastProgress, std::make_pair(uint64_t(expectedNodes.size()), uint64_t(expectedNodes.size())));
+
     // A budget of one point more than the two coarsest lods hold takes exactly one lod more.
     uint64_t coarsePoints = 0;
     for (uint32_t i = 0; i < tree.nodes.size(); ++i)
