@@ -238,6 +238,8 @@ void QueryDataHandler::writeLoop()
 bool QueryDataHandler::changeLayout(const std::vector<Attribute>& attributes, uint32_t recordSize)
 {
     std::lock_guard layoutLock(layoutMutex_);
+    // Any queued read refuses the change at once rather than polling until the queue runs low: a queued read
+    // belongs to a running query, which keeps the layout it started with, and a caller gets its answer now.
     if (!input_.queue.empty())
     {
         return false;

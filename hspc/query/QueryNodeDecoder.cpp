@@ -132,7 +132,8 @@ bool QueryNodeDecoder::decode(std::span<const uint8_t> block, const QueryNodePla
             actions_.push_back({action.source, action.offset, action.code});
         }
     }
-    // Real positions are made from the cells, so that they equal cell * scale + origin exactly: the decoder
+    // Real positions are made from the cells, so that they equal cell * scale + origin exactly (whole
+    // coordinates, not offsets from the node, and for every payload kind, single axes too): the decoder
     // then writes the cells behind each record into the scratch buffer, and finishPoints keeps and completes
     // the records.
     std::vector<uint8_t>& target = direct ? records : scratch_;
