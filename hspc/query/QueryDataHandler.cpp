@@ -82,8 +82,16 @@ void QueryDataHandler::enter(Stage<Item>& stage, Item&& item)
 template <typename Item>
 void QueryDataHandler::leave(Stage<Item>& stage, uint64_t bytes)
 {
-    std::lock_guard lock(stage.bytesMutex);
-    stage.bytes -= bytes;
+    {
+        std::lock_guard lock(stage.bytesMutex);
+        stage.bytes -= bytes;
+    }
+    // A node may be through the later stages before the earlier one lets go of it, so every release wakes
+    // the walks that wait for room; the progress lock orders this after their test of the budget.
+    {
+        std::lock_guard lock(progressMutex_);
+    }
+    progress_.notify_all();
 }
 
 void QueryDataHandler::pushToInput(QueryReadNode&& node)
@@ -230,6 +238,8 @@ void QueryDataHandler::writeLoop()
 bool QueryDataHandler::changeLayout(const std::vector<Attribute>& attributes, uint32_t recordSize)
 {
     std::lock_guard layoutLock(layoutMutex_);
+    // Any queued read refuses the change at once rather than polling until the queue runs low: a queued read
+    // belongs to a running query, which keeps the layout it started with, and a caller gets its answer now.
     if (!input_.queue.empty())
     {
         return false;

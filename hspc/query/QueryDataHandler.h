@@ -149,7 +149,7 @@ private:
     template <typename Item>
     static void enter(Stage<Item>& stage, Item&& item);
     template <typename Item>
-    static void leave(Stage<Item>& stage, uint64_t bytes);
+    void leave(Stage<Item>& stage, uint64_t bytes);
 
     void startProcessing();
     void inputLoop();

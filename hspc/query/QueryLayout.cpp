@@ -68,6 +68,8 @@ size_t positionActions(const std::vector<Attribute>& requested, uint8_t storedTy
         layout.positionType = AttributeType::F64;
         return 1;
     }
+    // A Morton code is delivered only in the width it is stored in: codes of one width do not convert to the
+    // other's, so describing such a record (getInfo) works but serving it does not.
     if (taken == 0 || !positionTypeFits(type, storedType) || (isMortonType(type) && type != storedType))
     {
         return 0;

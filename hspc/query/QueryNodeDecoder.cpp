@@ -121,50 +121,41 @@ bool QueryNodeDecoder::decode(std::span<const uint8_t> block, const QueryNodePla
     const size_t count = size_t(node.pointCount);
     const size_t stride = layout.recordSize;
     const bool zeroFields = hasUnsourcedFields(layout);
+    const bool direct = !box && !needsRealPositions(layout);
+    // Fields without a source stay zero; real positions are made from the cells afterwards.
     actions_.clear();
-    if (!box && !needsRealPositions(layout))
-    {
-        for (const QueryAction& action : layout.actions)
-        {
-            if (action.source != kNoSourceAttribute)
-            {
-                actions_.push_back({action.source, action.offset, action.code});
-            }
-        }
-        records.resize(count * stride);
-        if (zeroFields)
-        {
-            std::fill(records.begin(), records.end(), uint8_t(0));
-        }
-        if (!decompress(block, node, records, stride, error))
-        {
-            error = nodeText(place) + ": " + error;
-            return false;
-        }
-        return true;
-    }
-    // Real positions are made from the cells, so that they equal cell * scale + origin exactly: the decoder
-    // writes the cells behind each record, and the pass below keeps and completes the records.
     for (const QueryAction& action : layout.actions)
     {
-        if (action.source != kNoSourceAttribute && !(action.source == 0 && isRealPosition(action.code)))
+        const bool madeAfterwards = action.source == 0 && isRealPosition(action.code);
+        if (action.source != kNoSourceAttribute && (direct || !madeAfterwards))
         {
             actions_.push_back({action.source, action.offset, action.code});
         }
     }
-    const size_t extended = stride + kCellBytes;
-    actions_.push_back({0, uint32_t(stride), query_action::kIntegerI64});
-    scratch_.resize(count * extended);
+    // Real positions are made from the cells, so that they equal cell * scale + origin exactly (whole
+    // coordinates, not offsets from the node, and for every payload kind, single axes too): the decoder
+    // then writes the cells behind each record into the scratch buffer, and finishPoints keeps and completes
+    // the records.
+    std::vector<uint8_t>& target = direct ? records : scratch_;
+    const size_t targetStride = direct ? stride : stride + kCellBytes;
+    if (!direct)
+    {
+        actions_.push_back({0, uint32_t(stride), query_action::kIntegerI64});
+    }
+    target.resize(count * targetStride);
     if (zeroFields)
     {
-        std::fill(scratch_.begin(), scratch_.end(), uint8_t(0));
+        std::fill(target.begin(), target.end(), uint8_t(0));
     }
-    if (!decompress(block, node, scratch_, extended, error))
+    if (!decompress(block, node, target, targetStride, error))
     {
         error = nodeText(place) + ": " + error;
         return false;
     }
-    finishPoints(layout, grid, box, stride, records, node);
+    if (!direct)
+    {
+        finishPoints(layout, grid, box, stride, records, node);
+    }
     return true;
 }
 
