@@ -95,7 +95,7 @@ ConversionFailures StaticPointDistributionProcessHandler<W>::failures() const
 }
 
 template <typename W>
-bool StaticPointDistributionProcessHandler<W>::hasWork(uint32_t readNumber) const
+bool StaticPointDistributionProcessHandler<W>::hasLeafWork(uint32_t readNumber) const
 {
     if (failed() || (m_allRead.load() && !downstreamHoldsWork() && m_readQueue.empty()))
     {
@@ -167,7 +167,7 @@ bool StaticPointDistributionProcessHandler<W>::shouldKeepWorking() const
 template <typename W>
 bool StaticPointDistributionProcessHandler<W>::shouldWaitForMemory(uint32_t readNumber) const
 {
-    if (!isMemoryExceeded() || hasWork(readNumber))
+    if (!isMemoryExceeded() || hasLeafWork(readNumber))
     {
         return false;
     }

@@ -92,7 +92,7 @@ public:
     ConversionFailures failures() const override;
     // Whether leaf `readNumber` is the next to be distributed; false once failed, and once nothing is left in
     // the leaf cache and the queues after all leaves have been read.
-    bool hasWork(uint32_t readNumber) const;
+    bool hasLeafWork(uint32_t readNumber) const;
     void reportWorkerFinished();
 
     // Progress from 50 to 100 by the points that reached the compress job (or were dropped as duplicates).
