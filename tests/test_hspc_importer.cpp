@@ -28,30 +28,11 @@ namespace fs = std::filesystem;
 constexpr uint64_t kPoints = 6000;
 
 // A point as the tests compare them: its cell on the data set's grid and its values.
-struct Point
-{
-    std::array<int64_t, 3> cell{};
-    std::array<uint8_t, 3> color{};
-    uint16_t intensity = 0;
-    friend auto operator<=>(const Point&, const Point&) = default;
-};
+using Point = pcp_test::StoredPoint;
 
-// The points that recordsFrom(0, count) generates, as the data set holds them: colours come down to 8 bits.
 std::vector<Point> generatedPoints(uint64_t count)
 {
-    std::vector<Point> points;
-    for (uint64_t point = 0; point < count; ++point)
-    {
-        Point record;
-        for (unsigned axis = 0; axis < 3; ++axis)
-            record.cell[axis] = int64_t(point * (7919 + axis * 104729) % 5000003);
-        for (unsigned channel = 0; channel < 3; ++channel)
-            record.color[channel] = uint8_t(uint16_t(point * (channel + 3)) >> 8);
-        record.intensity = uint16_t(point * 6);
-        points.push_back(record);
-    }
-    std::sort(points.begin(), points.end());
-    return points;
+    return pcp_test::storedPointsFrom(count);
 }
 
 // Converts the generated points into a data set of many nodes; the pack form writes "tree.hspc.pack".

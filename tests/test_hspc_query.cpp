@@ -37,35 +37,16 @@ constexpr uint64_t kPointCount = 40000;
 constexpr double kScale = 0.001;
 
 // A point as queries return it: its cell (millimetres), colours and intensity.
-struct Point
-{
-    std::array<int64_t, 3> cell{};
-    std::array<uint8_t, 3> colour{};
-    uint16_t intensity = 0;
-    friend auto operator<=>(const Point&, const Point&) = default;
-};
+using Point = pcp_test::StoredPoint;
 
 double realOf(int64_t cell)
 {
     return double(cell) * kScale;
 }
 
-// The points recordsFrom() generates, as the data set stores them: colours cut to their high byte.
 std::vector<Point> generatedPoints()
 {
-    std::vector<Point> points;
-    for (uint64_t point = 0; point < kPointCount; ++point)
-    {
-        Point p;
-        for (unsigned axis = 0; axis < 3; ++axis)
-            p.cell[axis] = int64_t(point * (7919 + axis * 104729) % 5000003);
-        for (unsigned channel = 0; channel < 3; ++channel)
-            p.colour[channel] = uint8_t(uint16_t(point * (channel + 3)) >> 8);
-        p.intensity = uint16_t(point * 6);
-        points.push_back(p);
-    }
-    std::sort(points.begin(), points.end());
-    return points;
+    return pcp_test::storedPointsFrom(kPointCount);
 }
 
 bool inBox(const Point& p, const std::array<double, 6>& box)
@@ -245,7 +226,7 @@ TEST_F(QueryTest, WholeBoxQueriesReturnTheInputInEveryLayout)
             widened.insert({field<uint16_t>(node.data() + at, 24), field<uint16_t>(node.data() + at, 26),
                             field<uint16_t>(node.data() + at, 28), field<uint32_t>(node.data() + at, 30)});
     for (const Point& p : data.points)
-        expectedWidened.insert({p.colour[0], p.colour[1], p.colour[2], p.intensity});
+        expectedWidened.insert({p.color[0], p.color[1], p.color[2], p.intensity});
     EXPECT_EQ(widened, expectedWidened);
 
     // Single axes, and an attribute the data set lacks, which reads as zero.

@@ -2,6 +2,8 @@
 // with every logger captured, and importers of generated raw records.
 #pragma once
 
+#include <algorithm>
+#include <array>
 #include <cstdint>
 #include <filesystem>
 #include <memory>
@@ -91,6 +93,34 @@ inline std::shared_ptr<std::vector<uint8_t>> recordsFrom(uint64_t first, uint64_
             pcp_test::put(*bytes, uint16_t(point * (channel + 3)));
     }
     return bytes;
+}
+
+// A point of recordsFrom as a data set holds it: its cell, colours cut to their high byte (the converter
+// stores 8-bit colours) and intensity.
+struct StoredPoint
+{
+    std::array<int64_t, 3> cell{};
+    std::array<uint8_t, 3> color{};
+    uint16_t intensity = 0;
+    friend auto operator<=>(const StoredPoint&, const StoredPoint&) = default;
+};
+
+// The points of recordsFrom(0, count), sorted, as StoredPoints.
+inline std::vector<StoredPoint> storedPointsFrom(uint64_t count)
+{
+    std::vector<StoredPoint> points;
+    for (uint64_t point = 0; point < count; ++point)
+    {
+        StoredPoint stored;
+        for (unsigned axis = 0; axis < 3; ++axis)
+            stored.cell[axis] = int64_t(point * (7919 + axis * 104729) % 5000003);
+        for (unsigned channel = 0; channel < 3; ++channel)
+            stored.color[channel] = uint8_t(uint16_t(point * (channel + 3)) >> 8);
+        stored.intensity = uint16_t(point * 6);
+        points.push_back(stored);
+    }
+    std::sort(points.begin(), points.end());
+    return points;
 }
 
 inline EncodingAttribute encoded(uint8_t type, uint8_t role, std::string name, std::optional<double> defaultValue = {})
