@@ -465,6 +465,15 @@ TEST_F(Survey, PcprepMergeJoinsTilesAndNamesTheOneThatDoesNotFit)
     EXPECT_TRUE(pointsOf(out) == pointsOf(s_whole->path()));
     EXPECT_FALSE(fs::exists(out / "merge-temp"));
 
+    const fs::path packed = folder.path() / "packed";
+    printed = runPcprep("merge --pack '" + packed.string() + "'" + tiles, status);
+    ASSERT_EQ(status, 0) << printed;
+    EXPECT_NE(printed.find("joined into " + (packed / "tree.hspc.pack").string() + ": 24000 points"),
+              std::string::npos)
+        << printed;
+    EXPECT_FALSE(fs::exists(packed / "queryTree.hspc")) << "the archive holds the whole data set";
+    EXPECT_TRUE(pointsOf(packed / "tree.hspc.pack") == pointsOf(s_whole->path()));
+
     const auto otherScale = convertDataSet(tileOf(*s_survey, 3), [](ConversionSetup& s) { s.basic.scale = {0.01, 0.01, 0.01}; });
     printed = runPcprep("merge '" + (folder.path() / "refused").string() + "'" + tiles + " '" +
                             otherScale->path().string() + "'",

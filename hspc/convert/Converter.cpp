@@ -177,6 +177,9 @@ int Converter::execute(const std::function<ConversionFailures(Mode)>& stages)
     m_runtime.progressLogger(0, "Run started");
     const Mode chosen = mode();
     ConversionFailures failures = stages(chosen);
+    // The run's own writer goes with it: a pack archive writes its directory when closed, and the data set
+    // must be whole when the host hears the result, not only once the converter is gone.
+    m_runtime.rootWriter.reset();
     const bool succeeded = failures.empty();
     const std::string name = chosen == Mode::kProgressive ? "Progressive" : "Static";
     for (const std::string& line : failureReport(name, std::move(failures), startSeconds))

@@ -76,12 +76,18 @@ void prepareOutput(const fs::path& out)
         throw std::runtime_error("cannot create " + (out / kTempFolderName).string() + ": " + error.message());
 }
 
-void printSummary(const fs::path& out, size_t inputs, double seconds)
+// Where the merged data set lies: the folder itself, or the one archive in it that --pack asks for.
+fs::path mergedDataSet(const fs::path& out, const HSPC::AdvancedConfig& advanced)
 {
-    const HspcDataSet dataSet = openHspcDataSet(out);
+    return advanced.useArchive ? out / (advanced.treeName + ".hspc.pack") : out;
+}
+
+void printSummary(const fs::path& merged, size_t inputs, double seconds)
+{
+    const HspcDataSet dataSet = openHspcDataSet(merged);
     const HSPC::Tree tree = loadHspcTree(*dataSet.reader, HSPC::kQueryTreeName);
     std::printf("pcprep merge: %zu data sets joined into %s: %llu points in %zu nodes, %.1f s\n", inputs,
-                out.string().c_str(), static_cast<unsigned long long>(tree.header.pointCount), tree.nodes.size(),
+                merged.string().c_str(), static_cast<unsigned long long>(tree.header.pointCount), tree.nodes.size(),
                 seconds);
 }
 
@@ -89,7 +95,7 @@ void printSummary(const fs::path& out, size_t inputs, double seconds)
 
 int runMerge(const Arguments& arguments)
 {
-    const ParsedArguments parsed(arguments, {{"--threads", true}, {"--memory-mb", true}});
+    const ParsedArguments parsed(arguments, {{"--threads", true}, {"--memory-mb", true}, {"--pack", false}});
     const std::vector<std::string>& positional = parsed.positional();
     if (positional.size() < 2)
         throw UsageError("merge needs the output folder and at least one data set");
@@ -104,6 +110,7 @@ int runMerge(const Arguments& arguments)
     HSPC::AdvancedConfig advanced;
     advanced.workerCount = parsed.threadCount();
     advanced.targetMemory = parsed.number("--memory-mb", 0) << 20;
+    advanced.useArchive = parsed.has("--pack");
     advanced.infoLogger = [](const std::string&) {};
     advanced.warningLogger = [&display](const std::string& text) { display.note("pcprep merge: warning: " + text); };
     advanced.errorLogger = [&display](const std::string& text) { display.note("pcprep merge: " + text); };
@@ -133,7 +140,7 @@ int runMerge(const Arguments& arguments)
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     if (result == 0)
     {
-        printSummary(out, inputs.size(), seconds);
+        printSummary(mergedDataSet(out, advanced), inputs.size(), seconds);
         return 0;
     }
     if (cancelled)

@@ -218,6 +218,7 @@ const Command kCommands[] = {
      "\n"
      "  --threads N     worker threads (default: all hardware threads)\n"
      "  --memory-mb N   memory budget of the merge (default: 10240)\n"
+     "  --pack          write the data set as one archive, OUT/tree.hspc.pack\n"
      "\n"
      "Exit status: 0 success, 1 failure, 2 wrong arguments, 130 cancelled.\n",
      pcprep::runMerge},
