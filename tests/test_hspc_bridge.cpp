@@ -26,12 +26,15 @@
 #include "support/ErrorText.h"
 #include "support/FileText.h"
 #include "support/HspcConversionSetup.h"
+#include "support/HspcDataSetPoints.h"
 #include "support/ImportRun.h"
 #include "support/TempFolder.h"
 
 using namespace pc_preprocess;
 namespace fs = std::filesystem;
+using pcp_test::allAttributes;
 using pcp_test::errorText;
+using pcp_test::millimetreGrid;
 
 namespace
 {
@@ -56,21 +59,6 @@ std::vector<ExportPoint> numberedPoints(size_t count)
         points.push_back(p);
     }
     return points;
-}
-
-IoTransfo millimetreGrid()
-{
-    IoTransfo grid;
-    grid.offset = {100.0, 200.0, 10.0};
-    grid.scale = {0.001, 0.001, 0.001};
-    return grid;
-}
-
-SupportedAttributes allAttributes()
-{
-    SupportedAttributes all;
-    all.radius = all.scanId = all.classification = all.color = all.intensity = all.normals = true;
-    return all;
 }
 
 // Writes `points` as a data set into the folder `target`, or as the archive "<name>.hspc.pack" in it.

@@ -28,18 +28,13 @@
 using namespace pc_preprocess;
 namespace fs = std::filesystem;
 using pcp_test::DataSetPoint;
+using pcp_test::allAttributes;
 using pcp_test::errorText;
+using pcp_test::millimetreGrid;
 using pcp_test::expectSamePointsLessDuplicates;
 
 namespace
 {
-
-SupportedAttributes allAttributes()
-{
-    SupportedAttributes all;
-    all.radius = all.scanId = all.classification = all.color = all.intensity = all.normals = true;
-    return all;
-}
 
 // Hands out `points` in batches of the given sizes, then nothing.
 Exporter::BatchSource batchesOf(const std::vector<ExportPoint>& points, std::vector<size_t> sizes)
@@ -96,14 +91,6 @@ std::vector<ExportPoint> gridPoints(size_t count, size_t distinct)
         points.push_back(p);
     }
     return points;
-}
-
-IoTransfo millimetreGrid()
-{
-    IoTransfo grid;
-    grid.offset = {100.0, 200.0, 10.0};
-    grid.scale = {0.001, 0.001, 0.001};
-    return grid;
 }
 
 DataSetPoint expectedOf(const ExportPoint& p, const IoTransfo& grid)

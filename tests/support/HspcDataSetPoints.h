@@ -10,12 +10,31 @@
 #include <vector>
 
 #include "core/IoLightPoint.h"
+#include "core/IoTransfo.h"
+#include "core/SupportedAttributes.h"
 #include "hspc/format/Attribute.h"
 #include "hspc/store/RootStore.h"
 #include "hspc/tree/Tree.h"
 
 namespace pcp_test
 {
+
+// The grid the HSPC export tests write on: millimetres around (100, 200, 10).
+inline pc_preprocess::IoTransfo millimetreGrid()
+{
+    pc_preprocess::IoTransfo grid;
+    grid.offset = {100.0, 200.0, 10.0};
+    grid.scale = {0.001, 0.001, 0.001};
+    return grid;
+}
+
+// Every optional field an exported point may carry.
+inline pc_preprocess::SupportedAttributes allAttributes()
+{
+    pc_preprocess::SupportedAttributes all;
+    all.radius = all.scanId = all.classification = all.color = all.intensity = all.normals = true;
+    return all;
+}
 
 // A point with the attributes the library's HSPC exporter writes; those the data set lacks stay 0.
 struct DataSetPoint
